@@ -1,0 +1,6 @@
+#include "Cache.h"
+
+using namespace KsDeploy;
+
+Cache::Cache() = default;
+Cache::~Cache() = default;

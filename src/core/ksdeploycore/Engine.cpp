@@ -1,0 +1,200 @@
+#include "Engine.h"
+
+#include "Cache.h"
+#include "ConsoleProgress.h"
+#include "Plugin.h"
+#include "Resource.h"
+#include "ResourcePoolIndex.h"
+
+#include <QDir>
+
+using namespace KsDeploy;
+
+Engine* Engine::sInstance = nullptr;
+bool Engine::sIsShutdown = false;
+
+Engine::Engine() : mCache(new Cache), mPoolIndex(new ResourcePoolIndex) {}
+
+// Copies describe the same state but own neither the cache nor the progress sink.
+Engine::Engine(const Engine& inOther)
+    : mListOfEnvVal(inOther.mListOfEnvVal)
+    , mListOfResource(inOther.mListOfResource)
+    , mConfiguration(inOther.mConfiguration)
+    , mPathToCache(inOther.mPathToCache)
+    , mQuiet(inOther.mQuiet)
+    , mListOfPlugin(inOther.mListOfPlugin)
+    , mPoolIndex(new ResourcePoolIndex(*inOther.mPoolIndex))
+{
+}
+
+Engine& Engine::operator=(const Engine& inOther)
+{
+    if (this != &inOther)
+    {
+        mListOfEnvVal = inOther.mListOfEnvVal;
+        mListOfResource = inOther.mListOfResource;
+        mConfiguration = inOther.mConfiguration;
+        mPathToCache = inOther.mPathToCache;
+        mQuiet = inOther.mQuiet;
+        mListOfPlugin = inOther.mListOfPlugin;
+        mPoolIndex.reset(new ResourcePoolIndex(*inOther.mPoolIndex));
+    }
+    return *this;
+}
+
+Engine::~Engine()
+{
+    MC_ASSERT(mCache==0);
+}
+
+void Engine::instanceInit(char** inKeyValueList)
+{
+    MC_REQUIRE(sInstance==0);
+    MC_ASSERT(!sIsShutdown);
+    sInstance = new Engine;
+    if (!inKeyValueList || !inKeyValueList[0])
+        return;
+    for (char** entry = inKeyValueList; *entry; ++entry)
+    {
+        const QString text = QString::fromLatin1(*entry);
+        const int posEq = text.indexOf(QLatin1Char('='), 0, Qt::CaseSensitive);
+        MC_ASSERT(posEq>0);
+        if (posEq < 1)
+            continue;
+        const QString key = text.left(posEq);
+        MC_DBC_TEXT(DbCCheck, !sInstance->mListOfEnvVal.contains(key), "!sInstance->mListOfEnvVal.contains(key)");
+        sInstance->mListOfEnvVal.insert(key, text.mid(posEq + 1));
+    }
+}
+
+Engine& Engine::instance()
+{
+    MC_REQUIRE(instanceAvailable());
+    return *sInstance;
+}
+
+bool Engine::instanceAvailable() { return sInstance != nullptr; }
+
+void Engine::instanceShutdown()
+{
+    if (sIsShutdown)
+        return;
+    sIsShutdown = true;
+    if (!sInstance)
+        return;
+    if (sInstance->mProgress)
+    {
+        delete sInstance->mProgress;
+        sInstance->mProgress = nullptr;
+    }
+    if (sInstance->mCache)
+    {
+        delete sInstance->mCache;
+        sInstance->mCache = nullptr;
+    }
+    delete sInstance;
+    sInstance = nullptr;
+}
+
+void Engine::instanceTestReset()
+{
+    instanceShutdown();
+    sIsShutdown = false;
+}
+
+Cache& Engine::cache()
+{
+    MC_ASSERT(mCache!=0);
+    return *mCache;
+}
+
+Progress& Engine::progress()
+{
+    if (mProgress)
+        return *mProgress;
+    // The dialog sink takes the non-quiet branch once it exists; until then both get the console.
+    mProgress = new ConsoleProgress;
+    if (!mQuiet)
+    {
+        mProgress->show();
+        mProgress->raise();
+    }
+    return *mProgress;
+}
+
+void Engine::quietSet(bool inQuiet)
+{
+    mQuiet = inQuiet;
+    if (!mProgress)
+        return;
+    if (!inQuiet)
+    {
+        mProgress->show();
+        mProgress->raise();
+    }
+    else
+    {
+        mProgress->close();
+    }
+}
+
+void Engine::trace(McResult inResult)
+{
+    const bool ok = inResult.isOk();
+    const QString text = ok ? QStringLiteral("...ok") : QStringLiteral("...failed");
+    progress().print(text);
+    getTheLogInstance().tracef(ok ? McLogLevelInfo : McLogLevelError, "KsDeploy", "%s", text.toLatin1().constData());
+}
+
+void Engine::trace(McLogLevel inLevel, const QString& inText)
+{
+    progress().print(inText);
+    getTheLogInstance().tracef(inLevel, "KsDeploy", "%s", inText.toLatin1().constData());
+}
+
+namespace
+{
+void ensureDirPostconditions(const McResult& retVal, const QString& outValue)
+{
+    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).exists(), "retVal.isBad() || QDir(outValue).exists()");
+    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isReadable(),
+                "retVal.isBad() || QDir(outValue).isReadable()");
+    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isAbsolute(),
+                "retVal.isBad() || QDir(outValue).isAbsolute()");
+}
+}
+
+McResult Engine::pathOfMaintenanceDir(QString& outValue) const
+{
+    McResult retVal;
+    outValue = QStringLiteral("%1/Kestra Imaging/Auto Update").arg(QDir::fromNativeSeparators(QDir::tempPath()));
+    if (!QDir(outValue).exists())
+        QDir().mkpath(outValue);
+    MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access maintenance directory [%1]").arg(outValue));
+    if (retVal.isBad())
+        outValue.clear();
+    ensureDirPostconditions(retVal, outValue);
+    return retVal;
+}
+
+McResult Engine::pathToCache(QString& outValue) const
+{
+    McResult retVal;
+    outValue = mPathToCache;
+    if (outValue.isEmpty())
+    {
+        retVal << pathOfMaintenanceDir(outValue);
+        if (retVal.isOk())
+            outValue += QStringLiteral("/Cache");
+    }
+    if (retVal.isOk())
+    {
+        if (!QDir(outValue).exists())
+            QDir().mkpath(outValue);
+        MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access cache directory [%1]").arg(outValue));
+    }
+    if (retVal.isBad())
+        outValue.clear();
+    ensureDirPostconditions(retVal, outValue);
+    return retVal;
+}

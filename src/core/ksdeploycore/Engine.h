@@ -1,0 +1,121 @@
+#pragma once
+#include "Configuration.h"
+#include "KsGlobal.h"
+
+#include <QDir>
+#include <QHash>
+#include <QList>
+#include <QString>
+#include <QUuid>
+
+#include <memory>
+
+namespace KsDeploy
+{
+class Cache;
+class Progress;
+class Resource;
+class ResourceProduct;
+class Plugin;
+class ResourcePoolIndex;
+
+// The one process-wide object of the deployment library.
+class Engine
+{
+public:
+    Engine(const Engine& inOther);
+    Engine& operator=(const Engine& inOther);
+
+    // ---- life cycle and environment ------------------------------------------------------
+    static void instanceInit(char** inKeyValueList);
+    static Engine& instance();
+    static bool instanceAvailable();
+    static void instanceShutdown();
+    // Test seam: shuts the engine down and allows a fresh instanceInit without a report.
+    static void instanceTestReset();
+
+    const QHash<QString, QString>& environment() const { return mListOfEnvVal; }
+    QString environmentLookup(const QString& inKey) const { return mListOfEnvVal.value(inKey); }
+
+    Configuration& configuration() { return mConfiguration; }
+    const Configuration& configuration() const { return mConfiguration; }
+    Cache& cache();
+    Progress& progress();
+
+    bool quiet() const { return mQuiet; }
+    void quietSet(bool inQuiet);
+
+    void trace(McResult inResult);
+    void trace(McLogLevel inLevel, const QString& inText);
+
+    McResult pathOfMaintenanceDir(QString& outValue) const;
+    McResult pathToCache(QString& outValue) const;
+    void pathToCacheSet(const QString& inPath) { mPathToCache = inPath; }
+
+    // ---- resource pool (EnginePool) ------------------------------------------------------
+    void resourceRegister(const McHandle<Resource>& inResource);
+    Resource* resource(const QUuid& inUuid) const;
+    void resourceUnlink(const McHandle<Resource>& inTarget) const;
+    void resourceUnregister(const McHandle<Resource>& inResource);
+    void resourceUnregisterAll();
+    void resourcesDumpAll(const QString& inFilePath) const;
+    void resourcesDumpGraphviz(const McDArray<McHandle<Resource>>& inResources, const QString& inFilePath) const;
+    // Number of registered resources.
+    int64_t resourceCount() const;
+    void resources(McDArray<McHandle<Resource>>& outResources) const;
+    void resourcesLinkingToATarget(const McHandle<Resource>& inTarget, McDArray<McHandle<Resource>>& outResources) const;
+
+    // ---- plugins (EnginePlugin) ----------------------------------------------------------
+    McHandle<Plugin> pluginLookup(const QString& inPluginName) const;
+    bool pluginIsRegistered(const QString& inPluginName) const;
+    McResult pluginRegister(const QString& inPluginName) const;
+    McResult pluginActivate(const QString& inPluginName) const;
+
+    // ---- sandboxes and side execution (EngineSandbox) ------------------------------------
+    McResult pathOfSandboxDir(QString& outValue) const;
+    McResult sandboxGenerate(QDir& outDir) const;
+    bool sandboxIsValidName(const QString& inSandboxName) const;
+    bool sandboxIsValidDir(const QString& inPath) const;
+    void sandboxes(QList<QDir>& outList) const;
+    McResult sandboxRemove(const QString& inSandboxName, bool inAtReboot) const;
+    McResult sideExecutionInvoke(const QString& inExecutable, const QList<QString>& inArguments,
+                                 const QList<QString>& inEnvironment, bool inStartFlag1, bool inStartFlag2) const;
+
+    // ---- products (EngineProduct, EngineTransaction) -------------------------------------
+    McHandle<ResourceProduct> productResource(const QString& inKey) const;
+    // The product and everything connected to it through links, each once.
+    void productResources(const QString& inKey, McDArray<McHandle<Resource>>& outResources) const;
+    McResult productResolve(const QString& inKey, const QList<QString>& inTargetKeys);
+    McResult productInstall(const QString& inKey, bool inRollbackMode);
+    McResult productUninstall(const QString& inKey);
+    McResult productVerify(const QString& inKey);
+    McResult productRescan(const QString& inKey);
+    McResult productPrecache(const QString& inKey, bool inCompress);
+    McResult productTransactionBegin(const QString& inKey);
+    void productTransactionCommit(const QString& inKey);
+    void productTransactionRollback(const QString& inKey);
+    void productUnregisterResources(const QString& inKey);
+
+private:
+    Engine();
+    ~Engine();
+
+    McResult productCloneResources(const QString& inKey, const QString& inCloneKey);
+
+    static Engine* sInstance;
+    static bool sIsShutdown;
+
+    QHash<QString, QString> mListOfEnvVal;
+    Cache* mCache = nullptr;
+    Progress* mProgress = nullptr;
+    McDArray<McHandle<Resource>> mListOfResource;
+    Configuration mConfiguration;
+    QString mPathToCache;
+    bool mQuiet = false;
+    McDArray<McHandle<Plugin>> mListOfPlugin;
+
+    // Pool indexes kept beside mListOfResource so that look-up and removal stay near-constant
+    // time per resource (EnginePool). Rebuilt, not shared, by copies.
+    std::unique_ptr<ResourcePoolIndex> mPoolIndex;
+};
+}

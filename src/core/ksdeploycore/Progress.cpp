@@ -1,0 +1,3 @@
+#include "Progress.h"
+
+KsDeploy::Progress::~Progress() = default;

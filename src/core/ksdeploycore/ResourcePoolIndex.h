@@ -1,0 +1,9 @@
+#pragma once
+
+namespace KsDeploy
+{
+// Indexes of the resource pool (filled in with the pool).
+class ResourcePoolIndex
+{
+};
+}
