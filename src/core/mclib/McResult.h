@@ -76,6 +76,11 @@ inline std::string mcMessageText(const std::string& inText) { return inText; }
     ::McLib::checkStep((RESULT), static_cast<bool>(COND), __LINE__, __FILE__, __PRETTY_FUNCTION__,       \
                        mcMessageText(MESSAGE), "cond[" #COND "]")
 
+// Same, with a condition text that differs from the expression evaluated.
+#define MC_CHECK_TEXT(RESULT, OK, COND_TEXT, MESSAGE)                                                    \
+    ::McLib::checkStep((RESULT), static_cast<bool>(OK), __LINE__, __FILE__, __PRETTY_FUNCTION__,         \
+                       mcMessageText(MESSAGE), "cond[" COND_TEXT "]")
+
 // Same, after an operating-system call (Ks::failWin).
 #define MC_CHECK_WIN(RESULT, COND, MESSAGE)                                                              \
     ::McLib::checkStep((RESULT), static_cast<bool>(COND), __LINE__, __FILE__, __PRETTY_FUNCTION__,       \
