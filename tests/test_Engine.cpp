@@ -1,0 +1,194 @@
+// Engine life cycle, environment parsing, tracing and the two computed directories.
+#include "ConsoleProgress.h"
+#include "Engine.h"
+#include "KsTestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <cstdio>
+#include <unistd.h>
+
+using KsDeploy::Engine;
+
+namespace
+{
+// Captures what the process writes to standard output while alive.
+class StdoutCapture
+{
+public:
+    StdoutCapture()
+    {
+        std::fflush(stdout);
+        mSaved = dup(1);
+        mFile = std::tmpfile();
+        dup2(fileno(mFile), 1);
+    }
+    std::string finish()
+    {
+        std::fflush(stdout);
+        dup2(mSaved, 1);
+        close(mSaved);
+        std::string out;
+        std::rewind(mFile);
+        char buf[4096];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof(buf), mFile)) > 0)
+            out.append(buf, n);
+        std::fclose(mFile);
+        return out;
+    }
+
+private:
+    int mSaved = -1;
+    FILE* mFile = nullptr;
+};
+
+class EngineCore : public KsTest::EngineTest
+{
+};
+
+void initWith(std::vector<const char*> inEntries)
+{
+    inEntries.push_back(nullptr);
+    Engine::instanceInit(const_cast<char**>(inEntries.data()));
+}
+}
+
+TEST(EngineLifeCycle, EnvironmentParsing)
+{
+    KsTest::ContractRecorder contracts;
+    initWith({"A=1", "B==2", "C=", "=x", "noequals", "A=3", "D=a=b"});
+    const Engine& e = Engine::instance();
+    EXPECT_EQ("3", e.environmentLookup("A"));
+    EXPECT_EQ("=2", e.environmentLookup("B"));
+    EXPECT_TRUE(e.environment().contains("C"));
+    EXPECT_EQ("", e.environmentLookup("C"));
+    EXPECT_EQ("a=b", e.environmentLookup("D"));
+    EXPECT_EQ(4, e.environment().size());
+    EXPECT_EQ(2u, contracts.count("posEq>0"));
+    EXPECT_EQ(1u, contracts.count("!sInstance->mListOfEnvVal.contains(key)"));
+    Engine::instanceTestReset();
+}
+
+TEST(EngineLifeCycle, NullListsAndShutdown)
+{
+    KsTest::ContractRecorder contracts;
+    Engine::instanceInit(nullptr);
+    EXPECT_TRUE(Engine::instance().environment().isEmpty());
+    Engine::instanceShutdown();
+    EXPECT_FALSE(Engine::instanceAvailable());
+    Engine::instanceShutdown(); // a second call does nothing
+    EXPECT_TRUE(contracts.events().empty());
+
+    Engine::instanceInit(nullptr); // after a shutdown: still created, but reported
+    EXPECT_TRUE(contracts.has("!sIsShutdown"));
+    EXPECT_TRUE(Engine::instanceAvailable());
+    Engine::instanceTestReset();
+
+    contracts.clear();
+    const char* empty[] = {nullptr};
+    Engine::instanceInit(const_cast<char**>(empty));
+    EXPECT_TRUE(Engine::instance().environment().isEmpty());
+    Engine::instanceInit(nullptr);
+    EXPECT_TRUE(contracts.has("sInstance==0"));
+    Engine::instanceTestReset();
+    Engine::instanceTestReset();
+}
+
+TEST_F(EngineCore, TraceWritesProgressAndLog)
+{
+    KsTest::LogRecorder log;
+    StdoutCapture out;
+    Engine& e = Engine::instance();
+    e.trace(McResult());
+    McResult bad;
+    bad.makeBad(1);
+    e.trace(bad);
+    e.trace(McLogLevelWarning, "plain text");
+    e.progress().taskStartNext("Download");
+    e.progress().taskStartNext("");
+    e.progress().print("");
+    e.progress().progressSet(0.5f);
+    e.progress().taskCountSet(3);
+    e.progress().show();
+    e.progress().reportUpdateFailure();
+    EXPECT_EQ("...ok\n...failed\nplain text\nDownload ...\n ...\n\nAutomatic update has failed.\nPlease install "
+              "manually.\n",
+              out.finish());
+    ASSERT_EQ(5u, log.lines().size());
+    EXPECT_EQ(1, log.lines()[0].level);
+    EXPECT_EQ(3, log.lines()[1].level);
+    EXPECT_EQ(2, log.lines()[2].level);
+    EXPECT_EQ("Download ...", log.lines()[3].text);
+    EXPECT_EQ(1, log.lines()[3].level);
+}
+
+TEST_F(EngineCore, ConsoleProgressRefusesToReportAFraction)
+{
+    KsTest::ContractRecorder contracts;
+    KsDeploy::Progress& p = Engine::instance().progress();
+    EXPECT_NE(nullptr, dynamic_cast<KsDeploy::ConsoleProgress*>(&p));
+    p.progressSet(0.5f);
+    EXPECT_EQ(0.0f, p.progress());
+    ASSERT_EQ(1u, contracts.events().size());
+    EXPECT_EQ("0", contracts.events()[0].condition);
+    EXPECT_EQ(2, contracts.events()[0].type);
+    EXPECT_EQ("KsDeploy::ConsoleProgress::progress", contracts.events()[0].function);
+    // The sink is fixed at first use.
+    Engine::instance().quietSet(false);
+    EXPECT_EQ(&p, &Engine::instance().progress());
+}
+
+TEST_F(EngineCore, MaintenanceAndCacheDirectories)
+{
+    KsTest::ContractRecorder contracts;
+    Engine& e = Engine::instance();
+    QString maintenance;
+    ASSERT_TRUE(e.pathOfMaintenanceDir(maintenance).isOk());
+    EXPECT_EQ(QDir::tempPath() + "/Kestra Imaging/Auto Update", maintenance);
+    EXPECT_TRUE(maintenance.startsWith(QString::fromLocal8Bit(qgetenv("TMPDIR"))));
+    EXPECT_TRUE(QDir(maintenance).exists());
+
+    QString cache;
+    ASSERT_TRUE(e.pathToCache(cache).isOk());
+    EXPECT_EQ(maintenance + "/Cache", cache);
+    EXPECT_TRUE(QDir(cache).exists());
+
+    QTemporaryDir dir;
+    e.pathToCacheSet(dir.path() + "/x/y");
+    ASSERT_TRUE(e.pathToCache(cache).isOk());
+    EXPECT_EQ(dir.path() + "/x/y", cache);
+    EXPECT_TRUE(QDir(cache).exists());
+    EXPECT_TRUE(contracts.events().empty());
+}
+
+TEST_F(EngineCore, DirectoryFailuresClearThePath)
+{
+    KsTest::FailureRecorder failures;
+    QTemporaryDir dir;
+    KsTest::writeFile(dir.path() + "/file", "x");
+    Engine& e = Engine::instance();
+    e.pathToCacheSet(dir.path() + "/file/cache");
+    QString cache = "stale";
+    EXPECT_TRUE(e.pathToCache(cache).isBad());
+    EXPECT_TRUE(cache.isEmpty());
+    ASSERT_EQ(1u, failures.failures().size());
+    EXPECT_EQ(("Failed to access cache directory [" + dir.path() + "/file/cache]").toStdString(),
+              failures.failures()[0].message);
+    EXPECT_EQ("cond[QDir(outValue).exists()]", failures.failures()[0].condition);
+
+    // A temporary folder that is a file makes the maintenance directory fail too.
+    const QByteArray saved = qgetenv("TMPDIR");
+    qputenv("TMPDIR", (dir.path() + "/file").toLocal8Bit());
+    failures.clear();
+    QString maintenance = "stale";
+    EXPECT_TRUE(e.pathOfMaintenanceDir(maintenance).isBad());
+    EXPECT_TRUE(maintenance.isEmpty());
+    ASSERT_FALSE(failures.failures().empty());
+    EXPECT_EQ("cond[QDir(outValue).exists()]", failures.failures()[0].condition);
+    e.pathToCacheSet(QString());
+    EXPECT_TRUE(e.pathToCache(cache).isBad());
+    qputenv("TMPDIR", saved);
+}
