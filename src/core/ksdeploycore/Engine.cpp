@@ -51,6 +51,16 @@ void Engine::instanceInit(char** inKeyValueList)
 {
     MC_REQUIRE(sInstance==0);
     MC_ASSERT(!sIsShutdown);
+    if (sInstance)
+    {
+        // A second engine replaces the first; release the first rather than leak it.
+        Engine* previous = sInstance;
+        delete previous->mProgress;
+        previous->mProgress = nullptr;
+        delete previous->mCache;
+        previous->mCache = nullptr;
+        delete previous;
+    }
     sInstance = new Engine;
     if (!inKeyValueList || !inKeyValueList[0])
         return;
