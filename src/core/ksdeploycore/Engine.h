@@ -70,6 +70,10 @@ public:
     bool pluginIsRegistered(const QString& inPluginName) const;
     McResult pluginRegister(const QString& inPluginName) const;
     McResult pluginActivate(const QString& inPluginName) const;
+    // Makes a plugin name known to pluginRegister. The library's own plugins add themselves;
+    // tests add test plugins. Not reachable from the command line.
+    typedef McHandle<Plugin> (*PluginFactory)();
+    static void pluginFactoryAdd(const QString& inPluginName, PluginFactory inFactory);
 
     // ---- sandboxes and side execution (EngineSandbox) ------------------------------------
     McResult pathOfSandboxDir(QString& outValue) const;
