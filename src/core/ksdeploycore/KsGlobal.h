@@ -1,17 +1,3 @@
 #pragma once
-// Shared includes and small helpers of the engine library.
-#include "mclib.h"
-
-#include <QByteArray>
-#include <QString>
-
-// Lets MC_CHECK take a QString message; texts become Latin-1 throughout.
-inline std::string mcMessageText(const QString& inText)
-{
-    const QByteArray bytes = inText.toLatin1();
-    return std::string(bytes.constData(), static_cast<size_t>(bytes.size()));
-}
-inline std::string mcMessageText(const QByteArray& inText)
-{
-    return std::string(inText.constData(), static_cast<size_t>(inText.size()));
-}
+// Shared includes of the engine library.
+#include "QxGlobal.h"

@@ -1,0 +1,90 @@
+"""Shared pieces of the integration suites: run the real binary in a temporary folder.
+
+Each test gets a fresh folder with its own HOME and TMPDIR, so the maintenance directory,
+the default cache and the registry store never touch the real user's files. The folder is
+kept when the test fails (its path is printed) and removed when it passes.
+"""
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+BIN = os.environ.get("KSDEPLOY_BIN") or os.path.join(
+    os.path.dirname(__file__), "..", "..", "build", "bin", "ksdeploy")
+SOURCE_DIR = os.environ.get("KSDEPLOY_SOURCE_DIR") or os.path.abspath(
+    os.path.join(os.path.dirname(__file__), "..", ".."))
+
+
+class Result:
+    def __init__(self, proc):
+        self.code = proc.returncode
+        self.out = proc.stdout.decode("latin-1")
+        self.err = proc.stderr.decode("latin-1")
+
+    def __repr__(self):
+        return "exit %d\n--- stdout\n%s--- stderr\n%s" % (self.code, self.out, self.err)
+
+
+class KsTestCase(unittest.TestCase):
+    """A test case with a private work folder and a runner for the ksdeploy binary."""
+
+    def setUp(self):
+        self.work = tempfile.mkdtemp(prefix="ksdeploy-it-")
+        self.home = os.path.join(self.work, "home")
+        self.tmp = os.path.join(self.work, "tmp")
+        os.makedirs(self.home)
+        os.makedirs(self.tmp)
+        self.env = {k: v for k, v in os.environ.items() if not k.startswith("XDG_")}
+        self.env.update({"HOME": self.home, "TMPDIR": self.tmp, "LC_ALL": "C.UTF-8"})
+        self.env.pop("DISPLAY", None)
+        self.env.pop("http_proxy", None)
+        self.env.pop("HTTP_PROXY", None)
+
+    def tearDown(self):
+        failed = False
+        outcome = getattr(self, "_outcome", None)
+        if outcome is not None:
+            result = getattr(outcome, "result", None)
+            errors = list(getattr(result, "errors", [])) + list(getattr(result, "failures", []))
+            failed = any(test is self for test, _ in errors)
+            if hasattr(outcome, "errors"):  # Python < 3.11
+                failed = failed or any(exc for _, exc in outcome.errors)
+        if failed:
+            sys.stderr.write("\nkept work folder: %s\n" % self.work)
+        else:
+            shutil.rmtree(self.work, ignore_errors=True)
+
+    def path(self, *parts):
+        return os.path.join(self.work, *parts)
+
+    def run_ks(self, *args, stdin=None, env=None, timeout=300, cwd=None):
+        full_env = dict(self.env)
+        if env:
+            full_env.update(env)
+        proc = subprocess.run([BIN] + list(args), input=stdin, cwd=cwd or self.work, env=full_env,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=timeout)
+        return Result(proc)
+
+    def assertOk(self, result):
+        self.assertEqual(0, result.code, repr(result))
+
+    def assertFails(self, result, code=1):
+        self.assertEqual(code, result.code, repr(result))
+
+    def write(self, rel, data):
+        p = self.path(rel)
+        os.makedirs(os.path.dirname(p), exist_ok=True)
+        mode = "wb" if isinstance(data, bytes) else "w"
+        with open(p, mode) as f:
+            f.write(data)
+        return p
+
+    def read(self, rel):
+        with open(self.path(rel), "rb") as f:
+            return f.read()
+
+
+def main():
+    unittest.main(verbosity=2)
