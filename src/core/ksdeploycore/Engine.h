@@ -82,6 +82,8 @@ public:
     bool sandboxIsValidDir(const QString& inPath) const;
     void sandboxes(QList<QDir>& outList) const;
     McResult sandboxRemove(const QString& inSandboxName, bool inAtReboot) const;
+    // Removes the sandboxes whose removal was deferred by sandboxRemove(name, true).
+    void sandboxRemovePending() const;
     McResult sideExecutionInvoke(const QString& inExecutable, const QList<QString>& inArguments,
                                  const QList<QString>& inEnvironment, bool inStartFlag1, bool inStartFlag2) const;
 
@@ -101,8 +103,14 @@ public:
     void productUnregisterResources(const QString& inKey);
 
 private:
+    friend class Resource;
+
     Engine();
     ~Engine();
+
+    // Pool bookkeeping (EnginePool).
+    void resourceUuidChanged(Resource* inResource, const QUuid& inOldUuid);
+    void resourcePoolCompact();
 
     McResult productCloneResources(const QString& inKey, const QString& inCloneKey);
 

@@ -1,0 +1,25 @@
+#pragma once
+#include "KsGlobal.h"
+
+#include <QString>
+
+namespace KsDeploy
+{
+class Resource;
+
+// A named, directed edge; owned by its source resource, keeps its target alive.
+class Link : public McHandable
+{
+public:
+    Link(const Resource& inTarget, const QString& inName);
+    ~Link() override;
+
+    const QString& name() const { return mName; }
+    const Resource& target() const { return *mTarget; }
+    Resource* targetPtr() const { return mTarget.ptr(); }
+
+private:
+    McHandle<Resource> mTarget;
+    QString mName;
+};
+}

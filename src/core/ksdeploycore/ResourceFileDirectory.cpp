@@ -1,0 +1,70 @@
+#include "ResourceFileDirectory.h"
+
+#include "Engine.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+using namespace KsDeploy;
+
+ResourceFileDirectory::~ResourceFileDirectory() = default;
+
+QString ResourceFileDirectory::path() const
+{
+    const McHandle<ResourceFileDirectory> parent = container();
+    QString ret = parent.isNotNull() ? QStringLiteral("%1/%2").arg(parent->path(), name()) : name();
+    const McResult res = Engine::instance().configuration().resolve(ret);
+    MC_ASSERT(res.isOk());
+    return ret;
+}
+
+namespace
+{
+// A link or junction in the place of a directory is never followed.
+bool refused(const QString& inPath) { return inPath.isEmpty() || QFileInfo(inPath).isSymLink(); }
+
+McResult bad()
+{
+    McResult r;
+    r.makeBad(1);
+    return r;
+}
+}
+
+McResult ResourceFileDirectory::install()
+{
+    McResult retVal;
+    const QString fullPath = path();
+    if (refused(fullPath))
+        return bad();
+    QDir qDir;
+    if (qDir.exists(fullPath))
+        return retVal;
+    MC_CHECK(retVal, qDir.mkpath(fullPath), "Internal Error");
+    return retVal;
+}
+
+McResult ResourceFileDirectory::uninstall()
+{
+    McResult retVal;
+    const QString fullPath = path();
+    if (refused(fullPath))
+        return bad();
+    QDir qDir;
+    if (!qDir.exists(fullPath))
+        return retVal;
+    // Never recursive: a directory that still holds files stays, and says so.
+    MC_CHECK(retVal, qDir.rmdir(fullPath), QStringLiteral("failed to remove dir '%1'").arg(fullPath));
+    return retVal;
+}
+
+McResult ResourceFileDirectory::verify()
+{
+    McResult retVal;
+    const QString fullPath = path();
+    if (refused(fullPath))
+        return bad();
+    QDir qDir(fullPath);
+    MC_CHECK(retVal, qDir.exists(), "Internal Error");
+    return retVal;
+}

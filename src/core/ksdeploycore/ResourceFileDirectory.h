@@ -1,0 +1,22 @@
+#pragma once
+#include "Resource.h"
+
+namespace KsDeploy
+{
+// A directory; its name is one path component, or a whole path for a root directory.
+class ResourceFileDirectory : public Resource
+{
+public:
+    ResourceFileDirectory() = default;
+    ResourceFileDirectory(const ResourceFileDirectory& inOther) = default;
+    ~ResourceFileDirectory() override;
+
+    McHandle<ResourceFileDirectory> container() const { return link<ResourceFileDirectory>("Container"); }
+    void containerSet(const McHandle<ResourceFileDirectory>& inDir) { linkSet("Container", inDir.ptr()); }
+
+    McResult install() override;
+    McResult uninstall() override;
+    McResult verify() override;
+    QString path() const override;
+};
+}

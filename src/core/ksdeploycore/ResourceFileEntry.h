@@ -1,0 +1,34 @@
+#pragma once
+#include "BufferID.h"
+#include "ResourceFileDirectory.h"
+
+namespace KsDeploy
+{
+// One file whose content is a cached buffer named by its MD5.
+class ResourceFileEntry : public Resource
+{
+public:
+    ResourceFileEntry() = default;
+    ResourceFileEntry(const ResourceFileEntry& inOther) = default;
+    ~ResourceFileEntry() override;
+
+    McHandle<ResourceFileDirectory> container() const { return link<ResourceFileDirectory>("Container"); }
+    void containerSet(const McHandle<ResourceFileDirectory>& inDir) { linkSet("Container", inDir.ptr()); }
+
+    BufferID bufferId() const { return mBufferId; }
+    void bufferIdSet(const BufferID& inId) { mBufferId = inId; }
+    bool isExecutable() const { return mIsExecutable; }
+    void isExecutableSet(bool inFlag) { mIsExecutable = inFlag; }
+
+    McResult install() override;
+    McResult uninstall() override;
+    McResult verify() override;
+    McResult scan() override;
+    QString path() const override;
+    const PropertyTable& properties() const override;
+
+private:
+    BufferID mBufferId;
+    bool mIsExecutable = false;
+};
+}

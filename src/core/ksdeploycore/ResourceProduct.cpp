@@ -1,0 +1,3 @@
+#include "ResourceProduct.h"
+
+KsDeploy::ResourceProduct::~ResourceProduct() = default;

@@ -1,0 +1,55 @@
+#pragma once
+#include "ResourceRegistryKey.h"
+
+namespace KsDeploy
+{
+// A named, typed value of a registry key.
+class ResourceRegistryValue : public Resource
+{
+public:
+    // The numbers are the Windows value type codes.
+    enum Type
+    {
+        TYPE_NONE = 0,
+        TYPE_SZ = 1,
+        TYPE_EXPAND_SZ = 2,
+        TYPE_BINARY = 3,
+        TYPE_DWORD = 4,
+        TYPE_DWORD_BIG_ENDIAN = 5,
+        TYPE_LINK = 6,
+        TYPE_MULTI_SZ = 7,
+        TYPE_RESOURCE_LIST = 8,
+        TYPE_FULL_RESOURCE_DESCRIPTOR = 9,
+        TYPE_RESOURCE_REQUIREMENTS_LIST = 10,
+        TYPE_QWORD = 11,
+    };
+
+    ResourceRegistryValue() = default;
+    ResourceRegistryValue(const ResourceRegistryValue& inOther) = default;
+    ~ResourceRegistryValue() override;
+
+    static QString Type2String(Type inType);
+    static Type String2Type(const QString& inText);
+
+    McHandle<ResourceRegistryKey> container() const { return link<ResourceRegistryKey>("Container"); }
+    void containerSet(const McHandle<ResourceRegistryKey>& inKey) { linkSet("Container", inKey.ptr()); }
+
+    Type type() const { return mType; }
+    void typeSet(Type inType) { mType = inType; }
+    QString value() const { return mValue; }
+    void valueSet(const QString& inValue) { mValue = inValue; }
+
+    McResult install() override;
+    McResult uninstall() override;
+    McResult verify() override;
+    QString path() const override;
+    const PropertyTable& properties() const override;
+
+private:
+    Type mType = TYPE_NONE;
+    QString mValue;
+};
+
+QString propertyToText(ResourceRegistryValue::Type inValue);
+bool propertyFromText(const QString& inText, ResourceRegistryValue::Type& outValue);
+}
