@@ -4,6 +4,8 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSet>
+#include <QStringList>
 
 using namespace KsDeploy;
 
@@ -11,8 +13,21 @@ ResourceFileDirectory::~ResourceFileDirectory() = default;
 
 QString ResourceFileDirectory::path() const
 {
-    const McHandle<ResourceFileDirectory> parent = container();
-    QString ret = parent.isNotNull() ? QStringLiteral("%1/%2").arg(parent->path(), name()) : name();
+    // Walked without recursion: a damaged file may chain containers in a circle.
+    QStringList parts;
+    QSet<const ResourceFileDirectory*> seen;
+    McHandle<ResourceFileDirectory> dir(const_cast<ResourceFileDirectory*>(this));
+    while (dir.isNotNull())
+    {
+        McResult cycle;
+        if (MC_CHECK_TEXT(cycle, !seen.contains(dir.ptr()), "!seen.contains(dir)",
+                          QStringLiteral("directory '%1' contains itself").arg(name())))
+            return QString();
+        seen.insert(dir.ptr());
+        parts.prepend(dir->name());
+        dir = dir->container();
+    }
+    QString ret = parts.join(QLatin1Char('/'));
     const McResult res = Engine::instance().configuration().resolve(ret);
     MC_ASSERT(res.isOk());
     return ret;

@@ -1,0 +1,207 @@
+// Resources, links, properties and the factory.
+#include "KsTestSupport.h"
+#include "ResourceClusterEntry.h"
+#include "ResourceCOMObject.h"
+#include "ResourceCommand.h"
+#include "ResourceFactory.h"
+#include "ResourceFileEntry.h"
+#include "ResourceFileShortcut.h"
+#include "ResourceProduct.h"
+#include "ResourceRegistryValue.h"
+
+using namespace KsDeploy;
+
+namespace
+{
+class ResourceTest : public KsTest::EngineTest
+{
+};
+
+QStringList propertyNames(const Resource& inResource)
+{
+    McDArray<PropertyBase<Resource>*> props;
+    inResource.properties(props);
+    QStringList out;
+    for (int64_t i = 0; i < props.size(); ++i)
+        out << props[i]->name();
+    return out;
+}
+}
+
+TEST_F(ResourceTest, NewResourceIsRegisteredWithDefaults)
+{
+    McHandle<ResourceFileDirectory> d(new ResourceFileDirectory);
+    EXPECT_FALSE(d->uuid().isNull());
+    EXPECT_TRUE(d->deleteOnUninstall());
+    EXPECT_FALSE(d->absence());
+    EXPECT_EQ(d.ptr(), Engine::instance().resource(d->uuid()));
+    EXPECT_EQ(2, d->refCount()); // ours and the pool's
+}
+
+TEST_F(ResourceTest, LinksAreUniquePerTargetAndName)
+{
+    McHandle<ResourceFileDirectory> dir(new ResourceFileDirectory);
+    McHandle<ResourceFileEntry> file(new ResourceFileEntry);
+    file->linkAdd(*dir, "Container");
+    file->linkAdd(*dir, "Container");
+    EXPECT_EQ(1u, file->linkCount());
+    file->linkAdd(*dir, "Other");
+    EXPECT_EQ(2u, file->linkCount());
+    EXPECT_TRUE(file->linksTo(*dir, "Other"));
+    EXPECT_FALSE(file->linksTo(*dir, "other"));
+
+    McDArray<McHandle<Resource>> incoming;
+    Engine::instance().resourcesLinkingToATarget(McHandle<Resource>(dir.ptr()), incoming);
+    ASSERT_EQ(1, incoming.size());
+    EXPECT_EQ(file.ptr(), incoming[0].ptr());
+
+    // Setters replace the links of their name; a null handle clears them.
+    McHandle<ResourceFileDirectory> other(new ResourceFileDirectory);
+    file->containerSet(other);
+    EXPECT_EQ(other.ptr(), file->container().ptr());
+    EXPECT_TRUE(file->linksTo(*dir, "Other"));
+    file->containerSet(McHandle<ResourceFileDirectory>());
+    EXPECT_TRUE(file->container().isNull());
+    file->linkRemove("Other");
+    Engine::instance().resourcesLinkingToATarget(McHandle<Resource>(dir.ptr()), incoming);
+    EXPECT_EQ(0, incoming.size());
+}
+
+TEST_F(ResourceTest, TypedLinkLookupReportsAmbiguity)
+{
+    KsTest::ContractRecorder contracts;
+    McHandle<ResourceFileShortcut> s(new ResourceFileShortcut);
+    McHandle<ResourceFileDirectory> a(new ResourceFileDirectory);
+    McHandle<ResourceFileDirectory> b(new ResourceFileDirectory);
+    McHandle<ResourceFileEntry> e(new ResourceFileEntry);
+    s->containerSet(a);
+    s->targetSet(e);
+    s->workingDirSet(b);
+    EXPECT_EQ(a.ptr(), s->container().ptr());
+    EXPECT_EQ(b.ptr(), s->workingDir().ptr());
+    EXPECT_EQ(e.ptr(), s->target().ptr());
+    EXPECT_TRUE(contracts.events().empty());
+    // Two directories under any name: the first wins and the second match is reported.
+    EXPECT_EQ(a.ptr(), s->link<ResourceFileDirectory>(QString()).ptr());
+    EXPECT_TRUE(contracts.has("retVal.isNull()"));
+}
+
+TEST_F(ResourceTest, PropertyOrderPerClass)
+{
+    McHandle<ResourceFileEntry> e(new ResourceFileEntry);
+    McHandle<ResourceRegistryValue> v(new ResourceRegistryValue);
+    McHandle<ResourceFileShortcut> s(new ResourceFileShortcut);
+    McHandle<ResourceProduct> p(new ResourceProduct);
+    EXPECT_EQ(QStringList({"UUID", "MD5", "Absence", "DeleteOnUninstall", "Name", "Executable"}), propertyNames(*e));
+    EXPECT_EQ(QStringList({"UUID", "Absence", "DeleteOnUninstall", "Type", "Name", "Value"}), propertyNames(*v));
+    EXPECT_EQ(QStringList({"UUID", "Absence", "DeleteOnUninstall", "Name", "Args", "Desc"}), propertyNames(*s));
+    EXPECT_EQ(QStringList({"UUID", "Absence", "DeleteOnUninstall", "Name"}), propertyNames(*p));
+}
+
+TEST_F(ResourceTest, PropertyTextFormsRoundTripAndRejectOthers)
+{
+    KsTest::ContractRecorder contracts;
+    McHandle<ResourceFileEntry> e(new ResourceFileEntry);
+    const Resource::PropertyTable& t = e->properties();
+    t["Executable"]->write(e.ptr(), "true");
+    EXPECT_TRUE(e->isExecutable());
+    EXPECT_EQ("true", t["Executable"]->read(e.ptr()));
+    t["Executable"]->write(e.ptr(), "1");
+    EXPECT_TRUE(e->isExecutable()) << "an unknown text leaves the value";
+    EXPECT_FALSE(contracts.events().empty());
+
+    contracts.clear();
+    const QString uuid = "{0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f6071}";
+    t["UUID"]->write(e.ptr(), uuid);
+    EXPECT_EQ(uuid, t["UUID"]->read(e.ptr()));
+    EXPECT_EQ(e.ptr(), Engine::instance().resource(QUuid(uuid))) << "found under its new identity";
+    t["UUID"]->write(e.ptr(), "0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f6071");
+    EXPECT_EQ(uuid, t["UUID"]->read(e.ptr()));
+    EXPECT_FALSE(contracts.events().empty());
+
+    contracts.clear();
+    t["MD5"]->write(e.ptr(), "D41D8CD98F00B204E9800998ECF8427E");
+    EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", t["MD5"]->read(e.ptr()));
+    t["MD5"]->write(e.ptr(), "d41d8cd98f00b204e9800998ecf8427");
+    EXPECT_TRUE(contracts.has("inEncodedBuffer.length() == 32 || inEncodedBuffer.isEmptyString()"));
+    EXPECT_EQ("", t["MD5"]->read(e.ptr()));
+
+    McHandle<ResourceRegistryValue> v(new ResourceRegistryValue);
+    contracts.clear();
+    v->properties()["Type"]->write(v.ptr(), "TYPE_QWORD");
+    EXPECT_EQ(ResourceRegistryValue::TYPE_QWORD, v->type());
+    v->properties()["Type"]->write(v.ptr(), "type_sz");
+    EXPECT_EQ(ResourceRegistryValue::TYPE_NONE, v->type());
+    EXPECT_TRUE(contracts.has("0"));
+    EXPECT_EQ("TYPE_NONE", ResourceRegistryValue::Type2String(static_cast<ResourceRegistryValue::Type>(12)));
+
+    // copyValue copies between resources of one class.
+    McHandle<ResourceFileEntry> copy(new ResourceFileEntry);
+    for (auto* p : e->properties())
+        if (p->name() != "UUID")
+            p->copyValue(copy.ptr(), e.ptr());
+    EXPECT_EQ(e->isExecutable(), copy->isExecutable());
+    EXPECT_NE(e->uuid(), copy->uuid());
+}
+
+TEST_F(ResourceTest, FactoryKnowsExactlyTheSixClasses)
+{
+    for (const char* name : {"ResourceFileDirectory", "ResourceFileEntry", "ResourceFileShortcut", "ResourceProduct",
+                             "ResourceRegistryKey", "ResourceRegistryValue"})
+    {
+        McHandle<Resource> r = ResourceFactory::create(name);
+        ASSERT_TRUE(r.isNotNull()) << name;
+        EXPECT_EQ(QString(name), ResourceFactory::className(r.ptr()));
+    }
+    EXPECT_FALSE(ResourceFactory::isRegistered("ResourceCOMObject"));
+    EXPECT_TRUE(ResourceFactory::create("ResourceCommand").isNull());
+    McHandle<ResourceCOMObject> com(new ResourceCOMObject);
+    EXPECT_EQ(QString(), ResourceFactory::className(com.ptr()));
+}
+
+TEST_F(ResourceTest, PlaceholderKindsFailWithoutMessage)
+{
+    KsTest::FailureRecorder failures;
+    McHandle<ResourceCommand> c(new ResourceCommand);
+    McHandle<ResourceClusterEntry> ce(new ResourceClusterEntry);
+    for (Resource* r : {static_cast<Resource*>(c.ptr()), static_cast<Resource*>(ce.ptr())})
+    {
+        for (const McResult& res : {r->install(), r->uninstall(), r->verify()})
+        {
+            EXPECT_TRUE(res.isBad());
+            EXPECT_STREQ("", res.text());
+        }
+        EXPECT_TRUE(r->scan().isOk());
+        EXPECT_EQ(QString(), r->path());
+    }
+    EXPECT_TRUE(failures.failures().empty());
+}
+
+TEST_F(ResourceTest, PathsResolveThroughTheConfiguration)
+{
+    KsTest::FailureRecorder failures;
+    Engine::instance().configuration().valueSet("APP", "/opt/app", false);
+    McHandle<ResourceFileDirectory> root(new ResourceFileDirectory);
+    root->nameSet("${APP}");
+    McHandle<ResourceFileDirectory> sub(new ResourceFileDirectory);
+    sub->nameSet("bin");
+    sub->containerSet(root);
+    McHandle<ResourceFileEntry> file(new ResourceFileEntry);
+    file->nameSet("tool");
+    file->containerSet(sub);
+    EXPECT_EQ("/opt/app/bin/tool", file->path());
+
+    McHandle<ResourceRegistryKey> key(new ResourceRegistryKey);
+    key->nameSet("HKEY_CURRENT_USER\\Software");
+    McHandle<ResourceRegistryValue> value(new ResourceRegistryValue);
+    value->nameSet("Path");
+    value->containerSet(key);
+    EXPECT_EQ("HKEY_CURRENT_USER\\Software\\Path", value->path());
+    EXPECT_TRUE(failures.failures().empty());
+
+    McHandle<ResourceFileEntry> orphan(new ResourceFileEntry);
+    orphan->nameSet("x");
+    EXPECT_EQ(QString(), orphan->path());
+    ASSERT_EQ(1u, failures.failures().size());
+    EXPECT_EQ("cond[myDir.isNotNull()]", failures.failures()[0].condition);
+}
