@@ -1,0 +1,380 @@
+// The portable registry store: Windows semantics, transactions, several processes, damage.
+#include "Registry.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace KsPlatform;
+
+namespace
+{
+std::string tempStore(const char* inName)
+{
+    static int sCounter = 0;
+    const char* tmp = std::getenv("TMPDIR");
+    return std::string(tmp ? tmp : "/tmp") + "/registry-test-" + std::to_string(getpid()) + "-" +
+           std::to_string(++sCounter) + "/" + inName;
+}
+
+std::string fileBytes(const std::string& inPath)
+{
+    std::ifstream in(inPath, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeBytes(const std::string& inPath, const std::string& inBytes)
+{
+    std::ofstream out(inPath, std::ios::binary | std::ios::trunc);
+    out << inBytes;
+}
+
+std::unique_ptr<Registry> openStore(const std::string& inPath)
+{
+    Status s;
+    std::unique_ptr<Registry> reg = Registry::open(inPath, s);
+    EXPECT_TRUE(s.isOk()) << s.text;
+    return reg;
+}
+
+std::vector<std::string> valueNames(Registry& inReg, RegistryRoot inRoot, const std::string& inKey)
+{
+    std::vector<RegistryValue> list;
+    EXPECT_TRUE(inReg.values(inRoot, inKey, list).isOk());
+    std::vector<std::string> names;
+    for (const RegistryValue& v : list)
+        names.push_back(v.name);
+    return names;
+}
+}
+
+TEST(PlatformRegistry, RootNamesAndPathSplitting)
+{
+    RegistryRoot root = RegistryRoot::Users;
+    std::string path;
+    EXPECT_TRUE(registrySplitPath("HKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor", root, path));
+    EXPECT_EQ(RegistryRoot::LocalMachine, root);
+    EXPECT_EQ("SOFTWARE\\Vendor", path);
+    EXPECT_TRUE(registrySplitPath("HKEY_CURRENT_USER", root, path));
+    EXPECT_EQ(RegistryRoot::CurrentUser, root);
+    EXPECT_EQ("", path);
+    EXPECT_FALSE(registrySplitPath("hkey_current_user\\x", root, path));
+    EXPECT_FALSE(registrySplitPath("HKEY_NOWHERE\\x", root, path));
+    for (RegistryRoot r : {RegistryRoot::ClassesRoot, RegistryRoot::CurrentConfig, RegistryRoot::CurrentUser,
+                           RegistryRoot::LocalMachine, RegistryRoot::Users})
+    {
+        RegistryRoot back = RegistryRoot::Users;
+        EXPECT_TRUE(registryRootFromName(registryRootName(r), back));
+        EXPECT_EQ(r, back);
+    }
+}
+
+TEST(PlatformRegistry, KeysCompareWithoutCaseKeepTheirCaseAndListByName)
+{
+    const std::string file = tempStore("reg.sqlite");
+    auto reg = openStore(file);
+    ASSERT_TRUE(reg);
+    EXPECT_EQ(file, reg->location());
+    const auto hkcu = RegistryRoot::CurrentUser;
+
+    EXPECT_EQ(RegistryNotFound, reg->keyOpen(hkcu, "Software\\Vendor").code);
+    ASSERT_TRUE(reg->keyCreate(hkcu, "Software\\Vendor\\Product").isOk());
+    EXPECT_TRUE(reg->keyOpen(hkcu, "SOFTWARE\\vendor\\PRODUCT").isOk());
+    // Creating with other letter case reuses the key and keeps the first spelling.
+    ASSERT_TRUE(reg->keyCreate(hkcu, "software\\VENDOR\\beta").isOk());
+    ASSERT_TRUE(reg->keyCreate(hkcu, "Software\\Vendor\\alpha").isOk());
+    ASSERT_TRUE(reg->keyCreate(hkcu, "Software\\Vendor\\Caf\xE9").isOk());
+    std::vector<std::string> names;
+    ASSERT_TRUE(reg->subKeys(hkcu, "Software", names).isOk());
+    EXPECT_EQ(std::vector<std::string>({"Vendor"}), names);
+    ASSERT_TRUE(reg->subKeys(hkcu, "software\\vendor", names).isOk());
+    EXPECT_EQ(std::vector<std::string>({"alpha", "beta", "Caf\xE9", "Product"}), names);
+
+    // The roots are separate trees.
+    EXPECT_EQ(RegistryNotFound, reg->keyOpen(RegistryRoot::LocalMachine, "Software").code);
+    ASSERT_TRUE(reg->subKeys(RegistryRoot::Users, "", names).isOk());
+    EXPECT_TRUE(names.empty());
+
+    // The missing part of the path is named.
+    const Status missing = reg->keyOpen(hkcu, "Software\\Other\\Deeper");
+    EXPECT_EQ(RegistryNotFound, missing.code);
+    EXPECT_NE(std::string::npos, missing.text.find("'HKEY_CURRENT_USER\\Software\\Other'")) << missing.text;
+
+    for (const char* bad : {"Software\\\\Vendor", "\\Software", "Software\\"})
+        EXPECT_EQ(RegistryInvalidParameter, reg->keyCreate(hkcu, bad).code) << bad;
+    EXPECT_EQ(RegistryInvalidParameter, reg->keyCreate(hkcu, std::string(256, 'k')).code);
+    EXPECT_TRUE(reg->keyCreate(hkcu, std::string(255, 'k')).isOk());
+}
+
+TEST(PlatformRegistry, DeletingKeysFollowsWindowsRules)
+{
+    auto reg = openStore(tempStore("reg.sqlite"));
+    ASSERT_TRUE(reg);
+    const auto hklm = RegistryRoot::LocalMachine;
+    ASSERT_TRUE(reg->keyCreate(hklm, "A\\B").isOk());
+    ASSERT_TRUE(reg->valueSet(hklm, "A", "v", 1, "x").isOk());
+
+    const Status withSubKeys = reg->keyDelete(hklm, "A");
+    EXPECT_EQ(RegistryAccessDenied, withSubKeys.code);
+    EXPECT_NE(std::string::npos, withSubKeys.text.find("subkeys")) << withSubKeys.text;
+    EXPECT_TRUE(reg->keyOpen(hklm, "A\\B").isOk());
+
+    EXPECT_TRUE(reg->keyDelete(hklm, "a\\b").isOk());
+    EXPECT_EQ(RegistryNotFound, reg->keyOpen(hklm, "A\\B").code);
+    EXPECT_EQ(RegistryNotFound, reg->keyDelete(hklm, "A\\B").code);
+    EXPECT_TRUE(reg->keyDelete(hklm, "A").isOk());
+    // The values went with the key: a new key of that name starts empty.
+    ASSERT_TRUE(reg->keyCreate(hklm, "A").isOk());
+    EXPECT_TRUE(valueNames(*reg, hklm, "A").empty());
+
+    EXPECT_EQ(RegistryAccessDenied, reg->keyDelete(hklm, "").code);
+}
+
+TEST(PlatformRegistry, ValuesKeepTypeAndBytesAndNameCase)
+{
+    const std::string file = tempStore("reg.sqlite");
+    const auto hkcu = RegistryRoot::CurrentUser;
+    const std::string binary("\x00\x01\xFF\x00zz\x00", 7);
+    {
+        auto reg = openStore(file);
+        ASSERT_TRUE(reg);
+        EXPECT_EQ(RegistryNotFound, reg->valueSet(hkcu, "Missing", "v", 1, "x").code);
+        ASSERT_TRUE(reg->keyCreate(hkcu, "K").isOk());
+        ASSERT_TRUE(reg->valueSet(hkcu, "K", "Binary", 3, binary).isOk());
+        ASSERT_TRUE(reg->valueSet(hkcu, "K", "", 1, "default").isOk());
+        ASSERT_TRUE(reg->valueSet(hkcu, "K", "Empty", 1, "").isOk());
+        ASSERT_TRUE(reg->valueSet(hkcu, "K", "Odd", 0x12345, "t").isOk());
+        ASSERT_TRUE(reg->valueSet(hkcu, "K", "Caf\xE9", 1, "b\xE8te").isOk());
+        // Same name in other case: the value is replaced, the name keeps its first spelling.
+        ASSERT_TRUE(reg->valueSet(hkcu, "K", "MixedCase", 1, "old").isOk());
+        ASSERT_TRUE(reg->valueSet(hkcu, "k", "MIXEDCASE", 4, std::string("\x01\x00\x00\x00", 4)).isOk());
+    }
+    auto reg = openStore(file);  // everything was written through to the file
+    ASSERT_TRUE(reg);
+    unsigned long type = 0;
+    std::string data;
+    ASSERT_TRUE(reg->valueQuery(hkcu, "K", "binary", type, data).isOk());
+    EXPECT_EQ(3ul, type);
+    EXPECT_EQ(binary, data);
+    ASSERT_TRUE(reg->valueQuery(hkcu, "K", "", type, data).isOk());
+    EXPECT_EQ("default", data);
+    ASSERT_TRUE(reg->valueQuery(hkcu, "K", "Empty", type, data).isOk());
+    EXPECT_EQ("", data);
+    ASSERT_TRUE(reg->valueQuery(hkcu, "K", "odd", type, data).isOk());
+    EXPECT_EQ(0x12345ul, type);
+    ASSERT_TRUE(reg->valueQuery(hkcu, "K", "mixedcase", type, data).isOk());
+    EXPECT_EQ(4ul, type);
+    EXPECT_EQ(std::string("\x01\x00\x00\x00", 4), data);
+    ASSERT_TRUE(reg->valueQuery(hkcu, "K", "CAF\xE9", type, data).isOk());
+    EXPECT_EQ("b\xE8te", data);
+    EXPECT_EQ(std::vector<std::string>({"", "Binary", "Caf\xE9", "Empty", "MixedCase", "Odd"}), valueNames(*reg, hkcu, "K"));
+
+    const Status missing = reg->valueQuery(hkcu, "K", "nope", type, data);
+    EXPECT_EQ(RegistryNotFound, missing.code);
+    EXPECT_NE(std::string::npos, missing.text.find("HKEY_CURRENT_USER\\K\\nope")) << missing.text;
+    EXPECT_TRUE(reg->valueDelete(hkcu, "K", "BINARY").isOk());
+    EXPECT_EQ(RegistryNotFound, reg->valueDelete(hkcu, "K", "Binary").code);
+    EXPECT_EQ(RegistryNotFound, reg->valueQuery(hkcu, "K", "Binary", type, data).code);
+}
+
+TEST(PlatformRegistry, NestedTransactionsUndoExactlyTheirOwnChanges)
+{
+    const std::string file = tempStore("reg.sqlite");
+    auto reg = openStore(file);
+    auto other = openStore(file);
+    ASSERT_TRUE(reg && other);
+    const auto hkcu = RegistryRoot::CurrentUser;
+    EXPECT_EQ(RegistryNoTransaction, reg->transactionCommit().code);
+    EXPECT_EQ(RegistryNoTransaction, reg->transactionRollback().code);
+
+    ASSERT_TRUE(reg->transactionBegin().isOk());
+    ASSERT_TRUE(reg->keyCreate(hkcu, "Outer").isOk());
+    ASSERT_TRUE(reg->transactionBegin().isOk());
+    EXPECT_EQ(2, reg->transactionDepth());
+    ASSERT_TRUE(reg->keyCreate(hkcu, "Inner").isOk());
+    ASSERT_TRUE(reg->transactionRollback().isOk());
+    EXPECT_EQ(RegistryNotFound, reg->keyOpen(hkcu, "Inner").code);
+    EXPECT_TRUE(reg->keyOpen(hkcu, "Outer").isOk());
+    // Another connection sees nothing before the commit.
+    EXPECT_EQ(RegistryNotFound, other->keyOpen(hkcu, "Outer").code);
+    ASSERT_TRUE(reg->transactionCommit().isOk());
+    EXPECT_EQ(0, reg->transactionDepth());
+    EXPECT_TRUE(other->keyOpen(hkcu, "Outer").isOk());
+
+    ASSERT_TRUE(reg->transactionBegin().isOk());
+    ASSERT_TRUE(reg->valueSet(hkcu, "Outer", "gone", 1, "x").isOk());
+    ASSERT_TRUE(reg->transactionRollback().isOk());
+    EXPECT_TRUE(valueNames(*other, hkcu, "Outer").empty());
+
+    // A failing step inside a batch does not end the batch.
+    ASSERT_TRUE(reg->transactionBegin().isOk());
+    EXPECT_TRUE(reg->valueSet(hkcu, "Missing", "v", 1, "x").isBad());
+    ASSERT_TRUE(reg->valueSet(hkcu, "Outer", "kept", 1, "x").isOk());
+    ASSERT_TRUE(reg->transactionCommit().isOk());
+    EXPECT_EQ(std::vector<std::string>({"kept"}), valueNames(*other, hkcu, "Outer"));
+}
+
+TEST(PlatformRegistry, ABusyStoreIsReportedAndLeftAsItWas)
+{
+    const std::string file = tempStore("reg.sqlite");
+    auto holder = openStore(file);
+    auto waiter = openStore(file);
+    ASSERT_TRUE(holder && waiter);
+    waiter->waitLimitSet(100);
+    ASSERT_TRUE(holder->transactionBegin().isOk());
+    ASSERT_TRUE(holder->keyCreate(RegistryRoot::Users, "Held").isOk());
+    const Status busy = waiter->keyCreate(RegistryRoot::Users, "Waiting");
+    EXPECT_EQ(RegistryBusy, busy.code);
+    EXPECT_NE(std::string::npos, busy.text.find(file)) << busy.text;
+    EXPECT_EQ(0, waiter->transactionDepth());
+    ASSERT_TRUE(holder->transactionCommit().isOk());
+    EXPECT_EQ(RegistryNotFound, waiter->keyOpen(RegistryRoot::Users, "Waiting").code);
+    EXPECT_TRUE(waiter->keyCreate(RegistryRoot::Users, "Waiting").isOk());
+}
+
+TEST(PlatformRegistry, SeveralProcessesWriteAtOnceWithoutLosingChanges)
+{
+    const std::string file = tempStore("reg.sqlite");
+    ASSERT_TRUE(openStore(file));
+    const int writers = 3;
+    const int perWriter = 60;
+    std::vector<pid_t> children;
+    for (int w = 0; w < writers; ++w)
+    {
+        const pid_t pid = fork();
+        if (pid == 0)
+        {
+            Status s;
+            auto reg = Registry::open(file, s);
+            bool ok = reg != nullptr;
+            const std::string key = "Shared\\Writer" + std::to_string(w);
+            ok = ok && reg->keyCreate(RegistryRoot::LocalMachine, key).isOk();
+            // Small transactions interleave with the other writers.
+            for (int i = 0; ok && i < perWriter; ++i)
+                ok = reg->valueSet(RegistryRoot::LocalMachine, key, "v" + std::to_string(i), 4, "abcd").isOk();
+            reg.reset();
+            _exit(ok ? 0 : 1);
+        }
+        children.push_back(pid);
+    }
+    for (pid_t pid : children)
+    {
+        int status = 0;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    auto reg = openStore(file);
+    ASSERT_TRUE(reg);
+    for (int w = 0; w < writers; ++w)
+        EXPECT_EQ(static_cast<size_t>(perWriter),
+                  valueNames(*reg, RegistryRoot::LocalMachine, "Shared\\Writer" + std::to_string(w)).size());
+}
+
+TEST(PlatformRegistry, AKillInsideABatchLeavesTheStoreAsBefore)
+{
+    const std::string file = tempStore("reg.sqlite");
+    {
+        auto reg = openStore(file);
+        ASSERT_TRUE(reg && reg->keyCreate(RegistryRoot::CurrentUser, "Product").isOk());
+        ASSERT_TRUE(reg->valueSet(RegistryRoot::CurrentUser, "Product", "before", 1, "1").isOk());
+    }
+    int gate[2];
+    ASSERT_EQ(0, pipe(gate));
+    const pid_t pid = fork();
+    if (pid == 0)
+    {
+        Status s;
+        auto reg = Registry::open(file, s);
+        if (reg && reg->transactionBegin().isOk())
+        {
+            for (int i = 0; i < 2000; ++i)
+                reg->valueSet(RegistryRoot::CurrentUser, "Product", "batch" + std::to_string(i), 1, "x");
+            reg->keyDelete(RegistryRoot::CurrentUser, "Product");
+        }
+        (void)!write(gate[1], "k", 1);
+        pause();  // killed here, before any commit
+        _exit(0);
+    }
+    close(gate[1]);
+    char c = 0;
+    ASSERT_EQ(1, read(gate[0], &c, 1));
+    close(gate[0]);
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+
+    auto reg = openStore(file);
+    ASSERT_TRUE(reg);
+    EXPECT_EQ(std::vector<std::string>({"before"}), valueNames(*reg, RegistryRoot::CurrentUser, "Product"));
+    EXPECT_TRUE(reg->valueSet(RegistryRoot::CurrentUser, "Product", "after", 1, "2").isOk());
+}
+
+TEST(PlatformRegistry, ADamagedOrForeignFileIsReportedAndNeverReplaced)
+{
+    const std::string garbage = tempStore("garbage.sqlite");
+    ASSERT_TRUE(openStore(tempStore("x")));  // creates the folder of the next files
+    std::string bytes(8192, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>((i * 131) % 251);
+    system(("mkdir -p \"$(dirname '" + garbage + "')\"").c_str());
+    writeBytes(garbage, bytes);
+    Status s;
+    EXPECT_FALSE(Registry::open(garbage, s));
+    EXPECT_EQ(RegistryCorrupt, s.code);
+    EXPECT_NE(std::string::npos, s.text.find("'" + garbage + "' is damaged")) << s.text;
+    EXPECT_EQ(bytes, fileBytes(garbage));
+
+    // An intact database that is not a store is not taken over either.
+    const std::string foreign = garbage + ".foreign";
+    ASSERT_EQ(0, system(("sqlite3 '" + foreign + "' 'CREATE TABLE t(x); INSERT INTO t VALUES (1);'").c_str()));
+    const std::string foreignBytes = fileBytes(foreign);
+    EXPECT_FALSE(Registry::open(foreign, s));
+    EXPECT_EQ(RegistryCorrupt, s.code);
+    EXPECT_NE(std::string::npos, s.text.find("another kind")) << s.text;
+    EXPECT_EQ(foreignBytes, fileBytes(foreign));
+
+    // A store whose pages were overwritten later.
+    const std::string file = tempStore("reg.sqlite");
+    {
+        auto reg = openStore(file);
+        ASSERT_TRUE(reg && reg->keyCreate(RegistryRoot::CurrentUser, "K").isOk());
+        ASSERT_TRUE(reg->transactionBegin().isOk());
+        for (int i = 0; i < 3000; ++i)
+            reg->valueSet(RegistryRoot::CurrentUser, "K", "value" + std::to_string(i), 1, std::string(40, 'v'));
+        ASSERT_TRUE(reg->transactionCommit().isOk());
+    }
+    ASSERT_EQ(0, system(("sqlite3 '" + file + "' 'PRAGMA wal_checkpoint(TRUNCATE);' >/dev/null").c_str()));
+    std::string damaged = fileBytes(file);
+    ASSERT_GT(damaged.size(), 40000u);
+    for (size_t i = 8192; i < damaged.size(); ++i)
+        damaged[i] = static_cast<char>(0xA5);
+    writeBytes(file, damaged);
+    auto reg = Registry::open(file, s);
+    if (reg)  // the first pages are intact: the damage shows on the first read of the rest
+    {
+        std::vector<RegistryValue> values;
+        s = reg->values(RegistryRoot::CurrentUser, "K", values);
+        if (s.isOk())
+            s = reg->valueSet(RegistryRoot::CurrentUser, "K", "new", 1, "x");
+    }
+    EXPECT_EQ(RegistryCorrupt, s.code) << s.text;
+    EXPECT_NE(std::string::npos, s.text.find(file)) << s.text;
+    reg.reset();
+    EXPECT_EQ(damaged, fileBytes(file));
+}
+
+TEST(PlatformRegistry, AStoreInAFolderThatCannotBeCreatedIsReported)
+{
+    Status s;
+    EXPECT_FALSE(Registry::open("/proc/no-such-folder/reg.sqlite", s));
+    EXPECT_EQ(RegistryIoFailed, s.code);
+    EXPECT_NE(std::string::npos, s.text.find("/proc/no-such-folder/reg.sqlite")) << s.text;
+    EXPECT_FALSE(Registry::open("", s));
+    EXPECT_EQ(RegistryInvalidParameter, s.code);
+}
