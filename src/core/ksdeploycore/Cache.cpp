@@ -1,6 +1,248 @@
 #include "Cache.h"
 
+#include "Common.h"
+#include "Engine.h"
+#include "Progress.h"
+#include "QxDownload.h"
+#include "QxFile.h"
+#include "ResourceFileEntry.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
 using namespace KsDeploy;
+
+namespace
+{
+QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::Cache", inText); }
+
+// One download with its two trace lines; a timeout counts as done, the digest decides.
+bool downloadOnce(const QString& inUrl, const QString& inDestination)
+{
+    Engine& engine = Engine::instance();
+    engine.trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(inUrl, inDestination));
+    int ms = 60000;
+    QxDownload* download = QxDownload::createInstance();
+    const int res = download->download(inUrl, inDestination, &ms);
+    QString outcome = res == 0 ? QStringLiteral("...ok") : res == 3 ? QStringLiteral("...timeout") : QStringLiteral("...failed");
+    if (res != 0 && !download->lastError().isEmpty())
+        outcome += QStringLiteral(" [%1]").arg(download->lastError());
+    engine.trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(ms));
+    return res == 0 || res == 3;
+}
+}
 
 Cache::Cache() = default;
 Cache::~Cache() = default;
+
+void Cache::httpUrlAdd(const QString& inUrl)
+{
+    if (!mListOfUrl.contains(inUrl, Qt::CaseSensitive))
+        mListOfUrl.append(inUrl);
+}
+
+QString Cache::itemFilePath(const BufferID& inBufferId) const
+{
+    QString dir;
+    const McResult res = Engine::instance().pathToCache(dir);
+    MC_ASSERT(res.isOk());
+    return QStringLiteral("%1/%2").arg(dir, inBufferId.toString());
+}
+
+bool Cache::itemIsCached(const BufferID& inBufferId) const
+{
+    return QFileInfo(itemFilePath(inBufferId)).isFile();
+}
+
+void Cache::itemRemove(const BufferID& inBufferId) { QFile::remove(itemFilePath(inBufferId)); }
+
+void Cache::itemRemoveAll()
+{
+    QString dir;
+    if (Engine::instance().pathToCache(dir).isBad())
+        return;
+    QxBase::File::removeDir(dir, true, QStringList(), QStringList());
+}
+
+McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite)
+{
+    McResult retVal;
+    if (QFileInfo(inTarget).isFile())
+    {
+        const McLib::MD5 md5 = scanFile(inTarget);
+        if (md5 == inBufferId.md5())
+            return retVal;
+        if (!inOverwrite && MC_CHECK(retVal, md5==inBufferId.md5(), "a different file already exists"))
+            return retVal;
+    }
+    const QString item = itemFilePath(inBufferId);
+    retVal << QxBase::File::copyReplace(item, inTarget);
+    if (retVal.isOk())
+        scanFileRemember(inTarget, inBufferId.md5());
+    return retVal;
+}
+
+McResult Cache::retrieve(const BufferID& inBufferId)
+{
+    McResult retVal;
+    QString dir;
+    retVal << Engine::instance().pathToCache(dir);
+    if (retVal.isBad())
+        return retVal;
+    retVal << retrieveFromHTTP(inBufferId);
+    if (retVal.isBad())
+        return retVal;
+    MC_CHECK(retVal, itemIsCached(inBufferId), "Internal Error");
+    return retVal;
+}
+
+McResult Cache::retrieveFromHTTP(const BufferID& inBufferId)
+{
+    McResult retVal;
+    const QList<QString> urls = mListOfUrl;
+    for (const QString& url : urls)
+        if (retrieveFromHTTP(inBufferId, url).isOk())
+            break;
+    if (!itemIsCached(inBufferId))
+    {
+        MC_CHECK_TEXT(retVal, false, "itemIsCached(inBufferId)",
+                      urls.isEmpty() ? QStringLiteral("item %1 is not cached and no download URL is given")
+                                           .arg(inBufferId.toString())
+                                     : QStringLiteral("item %1 could not be fetched from %2")
+                                           .arg(inBufferId.toString(), urls.join(QStringLiteral(", "))));
+    }
+    return retVal;
+}
+
+McResult Cache::retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl)
+{
+    McResult retVal;
+    const QString item = itemFilePath(inBufferId);
+    if (QFileInfo(item).isFile())
+        return retVal;
+    QString base = inUrl;
+    while (base.endsWith(QLatin1Char('/')))
+        base.chop(1);
+    const QString url = QStringLiteral("%1/%2").arg(base, inBufferId.toString());
+    retVal << loadFileHTTP(item, url, inBufferId.md5());
+    return retVal;
+}
+
+McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected)
+{
+    McResult retVal;
+    Engine& engine = Engine::instance();
+    // Everything lands beside the destination first; only a checked file gets its name.
+    const QString compressed = QxBase::File::temporaryPathBeside(inDestination);
+    const QString plain = QxBase::File::temporaryPathBeside(inDestination);
+    bool ok = downloadOnce(inUrl + QStringLiteral(".lzma"), compressed);
+    if (ok)
+    {
+        // A corrupt copy is not a failure yet: the plain file may still be right.
+        McResult quiet;
+        quiet << fileUncompress(plain, compressed);
+        ok = quiet.isOk();
+    }
+    QFile::remove(compressed);
+    if (!ok)
+        ok = downloadOnce(inUrl, plain);
+    if (!ok)
+    {
+        engine.trace(McLogLevelError, QStringLiteral("Failed to download %1").arg(inUrl));
+        QFile::remove(plain);
+        MC_CHECK_TEXT(retVal, false, "download", QStringLiteral("Failed to download %1").arg(inUrl));
+        return retVal;
+    }
+    if (!inExpected.isNull())
+    {
+        const McLib::MD5 md5 = scanFile(plain);
+        if (MC_CHECK(retVal, inExpected==md5,
+                     QStringLiteral("%1: the content does not match its digest").arg(inUrl)))
+        {
+            QFile::remove(plain);
+            return retVal;
+        }
+    }
+    QFile::remove(inDestination);
+    if (MC_CHECK_TEXT(retVal, QFile::rename(plain, inDestination), "rename", inDestination))
+        QFile::remove(plain);
+    return retVal;
+}
+
+McResult Cache::retrieveFromFile(const QString& inFilePath, bool inCompress)
+{
+    McResult retVal;
+    MC_DBC_TEXT(DbCPrecondition, QFile::exists(inFilePath), "QFile::exists(inFilePath)");
+    Engine::instance().trace(McLogLevelInfo, QStringLiteral("caching: %1").arg(inFilePath));
+    const McLib::MD5 md5 = scanFile(inFilePath);
+    if (md5.isNull())
+    {
+        retVal.makeBad(1);
+        return retVal;
+    }
+    QString target = itemFilePath(BufferID(md5));
+    if (inCompress)
+        target += QStringLiteral(".lzma");
+    if (QFileInfo(target).isFile())
+        return retVal;
+    if (inCompress)
+        retVal << fileCompress(target, inFilePath);
+    else
+        retVal << QxBase::File::copyReplace(inFilePath, target);
+    return retVal;
+}
+
+McResult Cache::retrieveFromDirectory(const QString& inDirPath, bool inRecursive, const QStringList& inFilters,
+                                      bool inCompress)
+{
+    McResult retVal;
+    Engine::instance().progress().taskStartNext(tr("Precache files"));
+    QDir dir(inDirPath);
+    if (MC_CHECK(retVal, dir.exists(), QStringLiteral("directory '%1' does not exist").arg(inDirPath)))
+        return retVal;
+    // Walked with an explicit list of folders, not recursion.
+    QStringList pending{dir.absolutePath()};
+    while (!pending.isEmpty())
+    {
+        QDir current(pending.takeFirst());
+        current.setNameFilters(inFilters);
+        const QFileInfoList files = current.entryInfoList(QDir::Files | QDir::NoSymLinks, QDir::Unsorted);
+        for (const QFileInfo& fi : files)
+        {
+            MC_ASSERT(fi.isFile());
+            retVal << retrieveFromFile(fi.absoluteFilePath(), inCompress);
+        }
+        if (!inRecursive)
+            break;
+        current.setNameFilters(QStringList());
+        const QFileInfoList dirs =
+            current.entryInfoList(QDir::AllDirs | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Unsorted);
+        for (const QFileInfo& fi : dirs)
+        {
+            MC_ASSERT(fi.isDir());
+            pending.append(fi.absoluteFilePath());
+        }
+    }
+    return retVal;
+}
+
+McResult Cache::retrieveFromResources(const McDArray<McHandle<Resource>>& inResources, bool inCompress)
+{
+    McResult retVal;
+    Progress& progress = Engine::instance().progress();
+    progress.taskStartNext(tr("Cache resources"));
+    const int64_t n = inResources.size();
+    for (int64_t i = 0; i < n; ++i)
+    {
+        const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(inResources[i].ptr());
+        if (!entry || entry->absence())
+            continue;
+        const QString path = entry->path();
+        if (!path.isEmpty() && QFileInfo(path).isFile())
+            retVal << retrieveFromFile(path, inCompress);
+        progress.progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
+    }
+    return retVal;
+}

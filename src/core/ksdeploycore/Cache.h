@@ -1,13 +1,51 @@
 #pragma once
+#include "BufferID.h"
 #include "KsGlobal.h"
+
+#include <QList>
+#include <QString>
+#include <QStringList>
 
 namespace KsDeploy
 {
-// Content cache keyed by MD5 (filled in by the cache unit).
+class Resource;
+
+// File contents addressed by MD5 in one flat directory, fetched from local files or from
+// an ordered list of HTTP base URLs (".lzma" copy first, digest checked).
 class Cache
 {
 public:
-    Cache();
+    Cache(const Cache& inOther) = default;
+    Cache& operator=(const Cache& inOther) = default;
     virtual ~Cache();
+
+    void httpUrlAdd(const QString& inUrl);
+    void httpUrlClearAll() { mListOfUrl.clear(); }
+    QList<QString> httpUrlList() const { return mListOfUrl; }
+
+    bool itemIsCached(const BufferID& inBufferId) const;
+    void itemRemove(const BufferID& inBufferId);
+    void itemRemoveAll();
+    // Copies a cached item to a target; an existing target with other content is replaced
+    // only when inOverwrite is set.
+    McResult itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite);
+
+    McResult retrieve(const BufferID& inBufferId);
+    McResult retrieveFromFile(const QString& inFilePath, bool inCompress);
+    McResult retrieveFromDirectory(const QString& inDirPath, bool inRecursive, const QStringList& inFilters,
+                                   bool inCompress);
+    McResult retrieveFromResources(const McDArray<McHandle<Resource>>& inResources, bool inCompress);
+    McResult retrieveFromHTTP(const BufferID& inBufferId);
+    McResult retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl);
+
+    static McResult loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected);
+
+private:
+    friend class Engine;
+    Cache();
+
+    QString itemFilePath(const BufferID& inBufferId) const;
+
+    QList<QString> mListOfUrl;
 };
 }

@@ -1,6 +1,9 @@
 #include "ResourceFileEntry.h"
 
+#include "Cache.h"
+#include "Common.h"
 #include "Engine.h"
+#include "QxFile.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -38,8 +41,86 @@ QString ResourceFileEntry::path() const
     return ret;
 }
 
-// Carried out with the content cache, which is built separately.
-McResult ResourceFileEntry::install() { return notAvailableYet("install"); }
-McResult ResourceFileEntry::uninstall() { return notAvailableYet("uninstall"); }
-McResult ResourceFileEntry::verify() { return notAvailableYet("verify"); }
-McResult ResourceFileEntry::scan() { return notAvailableYet("scan"); }
+McResult ResourceFileEntry::install()
+{
+    McResult retVal;
+    const QString fullPath = path();
+    if (MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error"))
+        return retVal;
+    if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+        return retVal;
+    if (absence())
+        return QxBase::File::removeFile(fullPath);
+    if (MC_CHECK(retVal, bufferId().isValid(), "Internal Error"))
+        return retVal;
+    retVal << Engine::instance().cache().itemWriteToFile(bufferId(), fullPath, true);
+    if (retVal.isOk() && isExecutable())
+    {
+        // Linux keeps executability in the file's mode; without it the program could not start.
+        const QFile::Permissions p = QFile::permissions(fullPath);
+        const QFile::Permissions exec = QFile::ExeOwner | QFile::ExeUser | QFile::ExeGroup | QFile::ExeOther;
+        if ((p & exec) != exec)
+            QFile::setPermissions(fullPath, p | exec);
+    }
+    return retVal;
+}
+
+McResult ResourceFileEntry::uninstall()
+{
+    if (!deleteOnUninstall())
+        return McResult();
+    return QxBase::File::removeFile(path());
+}
+
+McResult ResourceFileEntry::scan()
+{
+    McResult retVal;
+    const QString fullPath = path();
+    if (!MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error") &&
+        !MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+    {
+        absenceSet(!QFile::exists(fullPath));
+        if (absence())
+        {
+            bufferIdSet(BufferID());
+            isExecutableSet(false);
+        }
+        else
+        {
+            const BufferID scanned(scanFile(fullPath));
+            if (!MC_CHECK_TEXT(retVal, scanned.isValid(), "md5.isValid()", "Internal Error"))
+                bufferIdSet(scanned);
+            const QFile::Permissions p = QFile::permissions(fullPath);
+            isExecutableSet((p & (QFile::ExeOwner | QFile::ExeUser | QFile::ExeGroup | QFile::ExeOther)) ||
+                            QFileInfo(fullPath).isExecutable());
+        }
+    }
+    if (retVal.isBad())
+    {
+        bufferIdSet(BufferID());
+        isExecutableSet(false);
+        absenceSet(true);
+    }
+    return retVal;
+}
+
+McResult ResourceFileEntry::verify()
+{
+    McResult retVal;
+    const QString fullPath = path();
+    if (MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error"))
+        return retVal;
+    if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+        return retVal;
+    QFile qFile(fullPath);
+    if (absence())
+    {
+        MC_CHECK(retVal, !qFile.exists(), "Internal Error");
+        return retVal;
+    }
+    if (MC_CHECK(retVal, qFile.exists(), "Internal Error"))
+        return retVal;
+    const McLib::MD5 md5Scanned = scanFile(fullPath);
+    MC_CHECK(retVal, md5Scanned==bufferId().md5(), QStringLiteral("content differs: '%1'").arg(fullPath));
+    return retVal;
+}

@@ -185,6 +185,19 @@ public:
         }
     }
 
+    // Grows with zero (null) elements or shrinks to inSize; for plain data and handles only.
+    void resize(int64_t inSize)
+    {
+        static_assert(McIsRelocatable<T>::value, "resize is for plain data and handles");
+        if (inSize < mSize)
+        {
+            removeLast(mSize - inSize);
+            return;
+        }
+        reserve(inSize);
+        mSize = inSize; // slots beyond the old size are zero already
+    }
+
     void reserve(int64_t inCapacity)
     {
         if (inCapacity > mCapacity)

@@ -1,0 +1,187 @@
+#include "Common.h"
+
+#include "Lzma.h"
+#include "QxFile.h"
+
+#include <QDir>
+#include <QFile>
+#include <QHash>
+#include <QUuid>
+
+#include <cstdlib>
+#include <sys/stat.h>
+
+using namespace KsDeploy;
+
+namespace
+{
+struct FileStamp
+{
+    int64_t size = -1;
+    int64_t mtimeNs = 0;
+    uint64_t inode = 0;
+    uint64_t device = 0;
+    bool operator==(const FileStamp& o) const
+    {
+        return size == o.size && mtimeNs == o.mtimeNs && inode == o.inode && device == o.device;
+    }
+};
+
+bool stampOf(const QString& inPath, FileStamp& outStamp)
+{
+    struct stat st;
+    if (::stat(QFile::encodeName(inPath).constData(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    outStamp.size = st.st_size;
+    outStamp.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    outStamp.inode = st.st_ino;
+    outStamp.device = st.st_dev;
+    return true;
+}
+
+struct MemoEntry
+{
+    FileStamp stamp;
+    McLib::MD5 md5;
+};
+
+QHash<QString, MemoEntry>& memo()
+{
+    static QHash<QString, MemoEntry> sMemo;
+    return sMemo;
+}
+
+McLib::MD5 hashFile(const QString& inFilePath)
+{
+    McResult retVal;
+    McLib::MD5 result;
+    McCoder coder;
+    const int64_t bufLen = 1048576;
+    char* buf = nullptr;
+    QFile qFile(inFilePath);
+    do
+    {
+        if (MC_CHECK(retVal, (buf = static_cast<char*>(::malloc(bufLen)))!=0, "Internal Error"))
+            break;
+        if (MC_CHECK(retVal, qFile.exists(), "Internal Error"))
+            break;
+        if (MC_CHECK(retVal, qFile.open(QIODevice::ReadOnly), "Internal Error"))
+            break;
+        if (MC_CHECK(retVal, qFile.seek(0), "Internal Error"))
+            break;
+        for (;;)
+        {
+            const qint64 numBytesRead = qFile.read(buf, bufLen);
+            if (MC_CHECK(retVal, numBytesRead>=0, "Internal Error"))
+                break;
+            if (numBytesRead == 0)
+                break;
+            coder.crcMD5Update(reinterpret_cast<const unsigned char*>(buf), static_cast<unsigned int>(numBytesRead));
+        }
+        if (retVal.isBad())
+            break;
+        MC_ASSERT(qFile.atEnd());
+        coder.crcMD5Final();
+        coder.crcMD5Query(result.data());
+    } while (false);
+    qFile.close();
+    ::free(buf);
+    if (retVal.isBad())
+        result.clear();
+    McResult report;
+    MC_CHECK_TEXT(report, !result.isNull(), "retVal.isValid()", inFilePath);
+    return result;
+}
+}
+
+McLib::MD5 KsDeploy::scanFile(const QString& inFilePath)
+{
+    MC_DBC_TEXT(DbCPrecondition, QFile::exists(inFilePath), "QFile::exists(inFilePath)");
+    FileStamp before;
+    const bool stamped = stampOf(inFilePath, before);
+    if (stamped)
+    {
+        auto it = memo().constFind(inFilePath);
+        if (it != memo().constEnd() && it.value().stamp == before)
+            return it.value().md5;
+    }
+    const McLib::MD5 md5 = hashFile(inFilePath);
+    // Remember it only when the file did not change while it was read.
+    FileStamp after;
+    if (stamped && !md5.isNull() && stampOf(inFilePath, after) && after == before)
+        memo().insert(inFilePath, MemoEntry{after, md5});
+    return md5;
+}
+
+void KsDeploy::scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5)
+{
+    FileStamp stamp;
+    if (!inMd5.isNull() && stampOf(inFilePath, stamp))
+        memo().insert(inFilePath, MemoEntry{stamp, inMd5});
+}
+
+namespace
+{
+McResult convertFile(const QString& inDst, const QString& inSrc, bool inCompress)
+{
+    McResult retVal;
+    QFile fileSrc(inSrc);
+    if (MC_CHECK(retVal, fileSrc.exists(), "Internal Error"))
+        return retVal;
+    if (MC_CHECK(retVal, fileSrc.open( QIODevice::ReadOnly ), inSrc))
+        return retVal;
+    McDArray<unsigned char> out;
+    {
+        const QByteArray content = fileSrc.readAll();
+        fileSrc.close();
+        const unsigned char* data = reinterpret_cast<const unsigned char*>(content.constData());
+        retVal << (inCompress ? lzmaCompress(out, data, content.size()) : lzmaUncompress(out, data, content.size()));
+        if (retVal.isBad())
+            return retVal; // the codec reported why
+    }
+    // Written beside the destination and renamed into place: never a half-written file.
+    const QString temp = QxBase::File::temporaryPathBeside(inDst);
+    QFile fileDst(temp);
+    if (MC_CHECK_TEXT(retVal, fileDst.open(QIODevice::WriteOnly | QIODevice::Truncate),
+                      "fileDst.open( QIODevice::WriteOnly | QIODevice::Truncate )", inDst))
+        return retVal;
+    retVal << QxBase::File::writeAll(fileDst, reinterpret_cast<const char*>(out.data()), out.size());
+    fileDst.close();
+    if (retVal.isOk())
+    {
+        QFile::remove(inDst);
+        MC_CHECK_TEXT(retVal, QFile::rename(temp, inDst), "rename", inDst);
+    }
+    if (retVal.isBad())
+        QFile::remove(temp);
+    return retVal;
+}
+}
+
+McResult KsDeploy::fileCompress(const QString& inDst, const QString& inSrc) { return convertFile(inDst, inSrc, true); }
+McResult KsDeploy::fileUncompress(const QString& inDst, const QString& inSrc) { return convertFile(inDst, inSrc, false); }
+
+McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
+{
+    MC_DBC_TEXT(DbCPrecondition, QDir().exists(inDirPath), "QDir().exists(inDirPath)");
+    McResult retVal;
+    QDir dir(inDirPath);
+    if (MC_CHECK(retVal, dir.exists(), inDirPath))
+        return retVal;
+    QFile file(QStringLiteral("%1/%2").arg(dir.canonicalPath(), QUuid::createUuid().toString(QUuid::WithBraces)));
+    if (MC_CHECK(retVal, file.open( QIODevice::ReadWrite ), file.fileName()))
+        return retVal;
+    retVal << QxBase::File::writeAll(file, QByteArray("ThisIsATest"));
+    file.close();
+    if (retVal.isBad())
+    {
+        file.remove();
+        return retVal;
+    }
+    if (MC_CHECK(retVal, file.exists(), file.fileName()))
+        return retVal;
+    if (MC_CHECK(retVal, file.remove(), file.fileName()))
+        return retVal;
+    MC_CHECK(retVal, !file.exists(), file.fileName());
+    return retVal;
+}

@@ -1,0 +1,21 @@
+#pragma once
+#include "KsGlobal.h"
+
+#include <QString>
+
+namespace KsDeploy
+{
+// MD5 of a file, streamed in 1 MiB blocks; all zero when the file cannot be read.
+// Within one run an unchanged file (same path, size, modification time and inode) is hashed
+// only once.
+McLib::MD5 scanFile(const QString& inFilePath);
+// Tells the digest memo the content of a file this run has just written.
+void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5);
+
+// Whole-file LZMA compression and decompression (destination first).
+McResult fileCompress(const QString& inDst, const QString& inSrc);
+McResult fileUncompress(const QString& inDst, const QString& inSrc);
+
+// Proves that a directory is writable by creating, writing and removing a file in it.
+McResult probeFileUpdate(const QString& inDirPath);
+}

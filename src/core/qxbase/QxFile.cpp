@@ -1,0 +1,184 @@
+#include "QxFile.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFileInfo>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace QxBase
+{
+McResult File::removeFile(const QString& inPath)
+{
+    McResult retVal;
+    const QFileInfo info(inPath);
+    if (!info.exists() && !info.isSymLink())
+        return retVal;
+    MC_CHECK(retVal, !info.isDir() || info.isSymLink(), QStringLiteral("'%1' is a directory, not a file").arg(inPath));
+    if (retVal.isBad())
+        return retVal;
+    MC_CHECK_WIN(retVal, QFile::remove(inPath), QStringLiteral("failed to remove file '%1'").arg(inPath));
+    return retVal;
+}
+
+namespace
+{
+bool matchesAny(const QString& inName, const QStringList& inPatterns)
+{
+    for (const QString& p : inPatterns)
+        if (QRegularExpression(QRegularExpression::wildcardToRegularExpression(p)).match(inName).hasMatch())
+            return true;
+    return false;
+}
+}
+
+McResult File::removeDir(const QString& inPath, bool inRecursive, const QStringList& inInclude,
+                         const QStringList& inExclude)
+{
+    McResult retVal;
+    QDir dir(inPath);
+    if (!dir.exists())
+        return retVal;
+    const QFileInfoList entries = dir.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+    for (const QFileInfo& fi : entries)
+    {
+        if (fi.isDir() && !fi.isSymLink())
+        {
+            if (inRecursive)
+                retVal << removeDir(fi.absoluteFilePath(), true, inInclude, inExclude);
+            continue;
+        }
+        if (!inInclude.isEmpty() && !matchesAny(fi.fileName(), inInclude))
+            continue;
+        if (matchesAny(fi.fileName(), inExclude))
+            continue;
+        retVal << removeFile(fi.absoluteFilePath());
+    }
+    // The folder goes only when nothing was kept in it.
+    if (dir.isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System))
+        MC_CHECK_WIN(retVal, QDir().rmdir(inPath), QStringLiteral("failed to remove dir '%1'").arg(inPath));
+    return retVal;
+}
+
+McResult File::writeAll(QFile& inFile, const char* inData, qint64 inSize)
+{
+    McResult retVal;
+    qint64 done = 0;
+    while (done < inSize)
+    {
+        const qint64 n = inFile.write(inData + done, inSize - done);
+        if (MC_CHECK(retVal, n > 0, QStringLiteral("failed to write '%1': %2").arg(inFile.fileName(), inFile.errorString())))
+            return retVal;
+        done += n;
+    }
+    if (MC_CHECK(retVal, inFile.flush(), QStringLiteral("failed to write '%1': %2").arg(inFile.fileName(), inFile.errorString())))
+        return retVal;
+    return retVal;
+}
+
+McResult File::writeAll(QFile& inFile, const QByteArray& inData)
+{
+    return writeAll(inFile, inData.constData(), inData.size());
+}
+
+bool File::pathsPointToTheSameFile(const QString& inPathA, const QString& inPathB)
+{
+    struct stat a, b;
+    const QByteArray pa = QFile::encodeName(inPathA), pb = QFile::encodeName(inPathB);
+    if (::stat(pa.constData(), &a) == 0 && ::stat(pb.constData(), &b) == 0)
+        return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+    return QDir::cleanPath(QFileInfo(inPathA).absoluteFilePath()) == QDir::cleanPath(QFileInfo(inPathB).absoluteFilePath());
+}
+
+McResult File::junctionCreate(const QString& inSource, const QString& inTarget)
+{
+    McResult retVal;
+    const QFileInfo source(inSource);
+    if (MC_CHECK(retVal, !source.exists() && !source.isSymLink(),
+                 QStringLiteral("'%1' already exists; a link is never put over it").arg(inSource)))
+        return retVal;
+    if (MC_CHECK(retVal, QFileInfo(inTarget).isDir(), QStringLiteral("link target '%1' is not a directory").arg(inTarget)))
+        return retVal;
+    const QString target = QFileInfo(inTarget).absoluteFilePath();
+    MC_CHECK_WIN(retVal, ::symlink(QFile::encodeName(target).constData(), QFile::encodeName(inSource).constData()) == 0,
+                 QStringLiteral("failed to create link '%1' -> '%2'").arg(inSource, target));
+    return retVal;
+}
+
+QString File::temporaryPathBeside(const QString& inPath)
+{
+    const QFileInfo info(inPath);
+    return QStringLiteral("%1/.%2.%3.part")
+        .arg(info.absolutePath(), info.fileName())
+        .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
+}
+
+McResult File::copyReplace(const QString& inSource, const QString& inTarget)
+{
+    McResult retVal;
+    const QString temp = temporaryPathBeside(inTarget);
+    const QByteArray src = QFile::encodeName(inSource), tmp = QFile::encodeName(temp);
+    const int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
+    if (MC_CHECK_WIN(retVal, in >= 0, QStringLiteral("failed to read '%1'").arg(inSource)))
+        return retVal;
+    struct stat st;
+    ::fstat(in, &st);
+    const int out = ::open(tmp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, (st.st_mode & 0777) | 0600);
+    if (MC_CHECK_WIN(retVal, out >= 0, QStringLiteral("failed to write '%1'").arg(inTarget)))
+    {
+        ::close(in);
+        return retVal;
+    }
+    bool ok = true;
+    // The kernel copies without passing the bytes through us where it can.
+    for (;;)
+    {
+        const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+        if (n == 0)
+            break;
+        if (n > 0)
+            continue;
+        if (errno == EINTR)
+            continue;
+        // Not supported here: copy through a buffer.
+        static thread_local char buf[1 << 20];
+        ::lseek(in, 0, SEEK_SET);
+        ::ftruncate(out, 0);
+        ::lseek(out, 0, SEEK_SET);
+        ssize_t r;
+        while ((r = ::read(in, buf, sizeof(buf))) > 0)
+        {
+            ssize_t w = 0;
+            while (w < r)
+            {
+                const ssize_t k = ::write(out, buf + w, static_cast<size_t>(r - w));
+                if (k <= 0 && errno != EINTR)
+                {
+                    ok = false;
+                    break;
+                }
+                if (k > 0)
+                    w += k;
+            }
+            if (!ok)
+                break;
+        }
+        ok = ok && r == 0;
+        break;
+    }
+    ::close(in);
+    ok = (::close(out) == 0) && ok;
+    if (ok)
+        ok = ::rename(tmp.constData(), QFile::encodeName(inTarget).constData()) == 0;
+    if (!ok)
+        ::unlink(tmp.constData());
+    MC_CHECK_WIN(retVal, ok, QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inSource, inTarget));
+    return retVal;
+}
+}
