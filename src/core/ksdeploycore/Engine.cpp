@@ -62,6 +62,7 @@ void Engine::instanceInit(char** inKeyValueList)
         delete previous;
     }
     sInstance = new Engine;
+    sInstance->sandboxRemovePending();
     if (!inKeyValueList || !inKeyValueList[0])
         return;
     for (char** entry = inKeyValueList; *entry; ++entry)

@@ -1,0 +1,396 @@
+// Product-wide operations: look-up, install, uninstall, verify, rescan, precache, resolve.
+#include "Engine.h"
+
+#include "Cache.h"
+#include "Link.h"
+#include "Plugin.h"
+#include "Progress.h"
+#include "Property.h"
+#include "Resource.h"
+#include "ResourceFileEntry.h"
+#include "ResourceProduct.h"
+
+#include <QCoreApplication>
+#include <QHash>
+#include <QSet>
+
+#include <vector>
+
+using namespace KsDeploy;
+
+namespace
+{
+QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::Engine", inText); }
+
+// The resources of one product, with the link structure among them as indexes, so that the
+// ordering loops run in time linear in resources and links per pass.
+struct ProductGraph
+{
+    std::vector<Resource*> nodes;
+    std::vector<std::vector<int>> targets; // per node: indexes of its link targets (one per link)
+    std::vector<std::vector<int>> sources; // per node: indexes of the nodes linking to it (one per link)
+
+    explicit ProductGraph(const McDArray<McHandle<Resource>>& inResources)
+    {
+        QHash<const Resource*, int> index;
+        index.reserve(static_cast<int>(inResources.size()));
+        nodes.reserve(static_cast<size_t>(inResources.size()));
+        for (int64_t i = 0; i < inResources.size(); ++i)
+        {
+            index.insert(inResources[i].ptr(), static_cast<int>(i));
+            nodes.push_back(inResources[i].ptr());
+        }
+        targets.resize(nodes.size());
+        sources.resize(nodes.size());
+        for (size_t i = 0; i < nodes.size(); ++i)
+        {
+            const McDArray<McHandle<Link>>& links = nodes[i]->links();
+            for (int64_t l = 0; l < links.size(); ++l)
+            {
+                auto it = index.constFind(&links[l]->target());
+                if (it == index.constEnd())
+                    continue;
+                targets[i].push_back(it.value());
+                sources[static_cast<size_t>(it.value())].push_back(static_cast<int>(i));
+            }
+        }
+    }
+};
+}
+
+McHandle<ResourceProduct> Engine::productResource(const QString& inKey) const
+{
+    // Of several products with the key, the one registered last.
+    McDArray<McHandle<Resource>> all;
+    resources(all);
+    for (int64_t i = all.size() - 1; i >= 0; --i)
+    {
+        ResourceProduct* p = dynamic_cast<ResourceProduct*>(all[i].ptr());
+        if (p && p->name() == inKey)
+            return McHandle<ResourceProduct>(p);
+    }
+    return McHandle<ResourceProduct>();
+}
+
+void Engine::productResources(const QString& inKey, McDArray<McHandle<Resource>>& outResources) const
+{
+    outResources.clear();
+    const McHandle<ResourceProduct> product = productResource(inKey);
+    if (product.isNull())
+        return;
+    // Depth first from the product: a resource, then its link targets in link order, then the
+    // resources linking to it in pool order. An explicit stack keeps deep graphs off the call stack.
+    QSet<const Resource*> seen;
+    std::vector<Resource*> stack;
+    stack.push_back(product.ptr());
+    McDArray<McHandle<Resource>> incoming;
+    while (!stack.empty())
+    {
+        Resource* r = stack.back();
+        stack.pop_back();
+        if (seen.contains(r))
+            continue;
+        seen.insert(r);
+        outResources.append(McHandle<Resource>(r));
+        resourcesLinkingToATarget(McHandle<Resource>(r), incoming);
+        for (int64_t i = incoming.size() - 1; i >= 0; --i)
+            if (!seen.contains(incoming[i].ptr()))
+                stack.push_back(incoming[i].ptr());
+        const McDArray<McHandle<Link>>& links = r->links();
+        for (int64_t i = links.size() - 1; i >= 0; --i)
+        {
+            Resource* t = const_cast<Resource*>(&links[i]->target());
+            if (!seen.contains(t))
+                stack.push_back(t);
+        }
+    }
+}
+
+McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
+{
+    McResult retVal;
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+
+    if (!inRollbackMode)
+    {
+        // Every plugin is asked, even after one refused; then the snapshot is taken.
+        for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
+            retVal << mListOfPlugin[i]->onInstallPre(resProduct);
+        if (retVal.isOk())
+            retVal << productTransactionBegin(inKey);
+    }
+
+    McDArray<McHandle<Resource>> all;
+    if (retVal.isOk())
+    {
+        productResources(inKey, all);
+
+        progress().taskStartNext(tr("Download"));
+        std::vector<ResourceFileEntry*> entries;
+        for (int64_t i = 0; i < all.size(); ++i)
+            if (ResourceFileEntry* e = dynamic_cast<ResourceFileEntry*>(all[i].ptr()))
+                entries.push_back(e);
+        const size_t n = entries.size();
+        for (size_t i = 0; i < n && retVal.isOk(); ++i)
+        {
+            const BufferID id = entries[i]->bufferId();
+            if (!id.isValid())
+                continue;
+            retVal << cache().retrieve(id);
+            if (retVal.isOk())
+                progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
+        }
+    }
+
+    if (retVal.isOk() || inRollbackMode)
+    {
+        progress().taskStartNext(tr("Installation"));
+        const ProductGraph graph(all);
+        const size_t total = graph.nodes.size();
+        // Per resource: how many of its links still point at a pending resource.
+        std::vector<int> pendingTargets(total, 0);
+        for (size_t i = 0; i < total; ++i)
+            pendingTargets[i] = static_cast<int>(graph.targets[i].size());
+        std::vector<int> pending(total);
+        for (size_t i = 0; i < total; ++i)
+            pending[i] = static_cast<int>(i);
+        std::vector<char> done(total, 0);
+
+        auto take = [&](int inIndex) {
+            done[static_cast<size_t>(inIndex)] = 1;
+            for (int s : graph.sources[static_cast<size_t>(inIndex)])
+                --pendingTargets[static_cast<size_t>(s)];
+        };
+
+        bool stop = false;
+        while (!pending.empty() && !stop)
+        {
+            const size_t numLeft0 = pending.size();
+            size_t left = numLeft0;
+            for (size_t k = pending.size(); k-- > 0;)
+            {
+                const int idx = pending[k];
+                if (pendingTargets[static_cast<size_t>(idx)] > 0)
+                    continue;
+                Resource* r = graph.nodes[static_cast<size_t>(idx)];
+                trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
+                const McResult one = r->install();
+                retVal << one;
+                progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
+                take(idx);
+                --left;
+                if (one.isBad() && !inRollbackMode)
+                {
+                    stop = true;
+                    break;
+                }
+            }
+            std::vector<int> rest;
+            rest.reserve(left);
+            for (int idx : pending)
+                if (!done[static_cast<size_t>(idx)])
+                    rest.push_back(idx);
+            pending.swap(rest);
+            if (stop)
+                break;
+            const size_t numLeft1 = pending.size();
+            if (numLeft0 > numLeft1)
+                continue;
+            // The rest link to one another in a cycle.
+            McResult cycle;
+            MC_CHECK(cycle, numLeft0>numLeft1, "Internal Error");
+            if (!inRollbackMode)
+            {
+                retVal << cycle;
+                break;
+            }
+            // Rollback restores as much as it can: the last pending one goes regardless.
+            const int idx = pending.back();
+            Resource* r = graph.nodes[static_cast<size_t>(idx)];
+            trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
+            r->install();
+            take(idx);
+            pending.pop_back();
+        }
+    }
+
+    if (!inRollbackMode)
+    {
+        if (retVal.isOk())
+            for (int64_t i = mListOfPlugin.size() - 1; i >= 0 && retVal.isOk(); --i)
+                retVal << mListOfPlugin[i]->onInstall(resProduct);
+        if (retVal.isOk())
+            productTransactionCommit(inKey);
+        else
+            productTransactionRollback(inKey);
+        for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
+            mListOfPlugin[i]->onInstallPost(resProduct, retVal.isBad());
+    }
+    return retVal;
+}
+
+McResult Engine::productUninstall(const QString& inKey)
+{
+    McResult retVal;
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    retVal << productTransactionBegin(inKey);
+    if (retVal.isOk())
+    {
+        progress().taskStartNext(tr("Uninstallation"));
+        McDArray<McHandle<Resource>> all;
+        productResources(inKey, all);
+        const ProductGraph graph(all);
+        const size_t total = graph.nodes.size();
+        // Per resource: how many pending resources still link to it.
+        std::vector<int> pendingSources(total, 0);
+        for (size_t i = 0; i < total; ++i)
+            pendingSources[i] = static_cast<int>(graph.sources[i].size());
+        std::vector<int> pending(total);
+        for (size_t i = 0; i < total; ++i)
+            pending[i] = static_cast<int>(i);
+        std::vector<char> done(total, 0);
+        size_t left = total;
+
+        auto release = [&](int inIndex) {
+            Resource* r = graph.nodes[static_cast<size_t>(inIndex)];
+            if (r->deleteOnUninstall())
+            {
+                trace(McLogLevelInfo, QStringLiteral("uninstall: ") + r->path());
+                retVal << r->uninstall();
+            }
+            progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
+            --left;
+            done[static_cast<size_t>(inIndex)] = 1;
+            for (int t : graph.targets[static_cast<size_t>(inIndex)])
+                --pendingSources[static_cast<size_t>(t)];
+        };
+
+        while (!pending.empty())
+        {
+            const size_t numLeft0 = pending.size();
+            for (size_t k = pending.size(); k-- > 0;)
+                if (pendingSources[static_cast<size_t>(pending[k])] == 0)
+                    release(pending[k]);
+            std::vector<int> rest;
+            rest.reserve(left);
+            for (int idx : pending)
+                if (!done[static_cast<size_t>(idx)])
+                    rest.push_back(idx);
+            pending.swap(rest);
+            if (!pending.empty() && pending.size() == numLeft0)
+            {
+                // A cycle: the last pending resource goes regardless, so uninstall always ends.
+                release(pending.back());
+                pending.pop_back();
+            }
+        }
+    }
+    if (retVal.isOk())
+        productTransactionCommit(inKey);
+    else
+        productTransactionRollback(inKey);
+    return retVal;
+}
+
+McResult Engine::productVerify(const QString& inKey)
+{
+    McResult retVal;
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    progress().taskStartNext(tr("Verification"));
+    McDArray<McHandle<Resource>> all;
+    productResources(inKey, all);
+    const int64_t n = all.size();
+    for (int64_t k = n - 1, i = 1; k >= 0; --k, ++i)
+    {
+        trace(McLogLevelInfo, QStringLiteral("verify: ") + all[k]->path());
+        retVal << all[k]->verify();
+        progress().progressSet(1.0f - static_cast<float>(i) / static_cast<float>(n));
+    }
+    return retVal;
+}
+
+McResult Engine::productRescan(const QString& inKey)
+{
+    McResult retVal;
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    progress().taskStartNext(tr("Rescan"));
+    McDArray<McHandle<Resource>> all;
+    productResources(inKey, all);
+    const int64_t n = all.size();
+    for (int64_t i = 0; i < n; ++i)
+    {
+        progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
+        trace(McLogLevelInfo, all[i]->path());
+        retVal << all[i]->scan();
+    }
+    return retVal;
+}
+
+McResult Engine::productPrecache(const QString& inKey, bool inCompress)
+{
+    McResult retVal;
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    McDArray<McHandle<Resource>> all;
+    productResources(inKey, all);
+    retVal << cache().retrieveFromResources(all, inCompress);
+    return retVal;
+}
+
+McResult Engine::productResolve(const QString& inKey, const QList<QString>& inTargetKeys)
+{
+    McResult retVal;
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    for (const QString& targetKey : inTargetKeys)
+    {
+        if (MC_CHECK(retVal, !targetKey.isEmpty(), "empty configuration key"))
+            return retVal;
+        if (MC_CHECK(retVal, mConfiguration.valueIsDefined(targetKey),
+                     QStringLiteral("configuration key '%1' is not defined").arg(targetKey)))
+            return retVal;
+    }
+    McDArray<McHandle<Resource>> all;
+    productResources(inKey, all);
+    for (const QString& targetKey : inTargetKeys)
+    {
+        // Every property text of the product's resources ...
+        for (int64_t i = 0; i < all.size(); ++i)
+        {
+            McDArray<PropertyBase<Resource>*> props;
+            all[i]->properties(props);
+            for (int64_t p = 0; p < props.size(); ++p)
+            {
+                QString text = props[p]->read(all[i].ptr());
+                if (mConfiguration.isResolved(text))
+                    continue;
+                const QString before = text;
+                retVal << mConfiguration.resolve(text, targetKey);
+                if (text != before)
+                    props[p]->write(all[i].ptr(), text);
+            }
+        }
+        // ... and every configuration value.
+        for (const QString& key : mConfiguration.keys())
+        {
+            QString text = mConfiguration.value(key);
+            if (mConfiguration.isResolved(text))
+                continue;
+            const QString before = text;
+            retVal << mConfiguration.resolve(text, targetKey);
+            if (text != before)
+                mConfiguration.valueSet(key, text, false);
+        }
+    }
+    return retVal;
+}

@@ -1,0 +1,127 @@
+// Product transactions: a snapshot of the installed state, thrown away on commit and
+// installed again on rollback.
+#include "Engine.h"
+
+#include "Cache.h"
+#include "Link.h"
+#include "Progress.h"
+#include "Property.h"
+#include "Resource.h"
+#include "ResourceFactory.h"
+#include "ResourceProduct.h"
+
+#include <QCoreApplication>
+#include <QHash>
+
+using namespace KsDeploy;
+
+namespace
+{
+QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::Engine", inText); }
+}
+
+McResult Engine::productCloneResources(const QString& inKey, const QString& inCloneKey)
+{
+    McResult retVal;
+    McDArray<McHandle<Resource>> resAllOrig;
+    productResources(inKey, resAllOrig);
+
+    QHash<QUuid, McHandle<Resource>> orig2clone;
+    orig2clone.reserve(static_cast<int>(resAllOrig.size()));
+    McDArray<McHandle<Resource>> resAllClon;
+    for (int64_t i = 0; i < resAllOrig.size(); ++i)
+    {
+        const McHandle<Resource>& orig = resAllOrig[i];
+        const QString className = ResourceFactory::className(orig.ptr());
+        MC_ASSERT(!className.isEmpty());
+        McHandle<Resource> clone = ResourceFactory::create(className);
+        MC_ASSERT(clone.isNotNull());
+        if (clone.isNull())
+            continue;
+        MC_ASSERT(!orig2clone.contains( orig->uuid() ));
+        // Every property but the identity: the clone keeps its own fresh UUID.
+        const QHash<QString, PropertyBase<Resource>*>& props = orig->properties();
+        for (auto it = props.constBegin(); it != props.constEnd(); ++it)
+            if (it.key() != QLatin1String("UUID"))
+                it.value()->copyValue(clone.ptr(), orig.ptr());
+        if (dynamic_cast<ResourceProduct*>(orig.ptr()))
+        {
+            ResourceProduct* p = dynamic_cast<ResourceProduct*>(clone.ptr());
+            MC_ASSERT(p!=0);
+            if (p)
+                p->nameSet(inCloneKey);
+        }
+        orig2clone.insert(orig->uuid(), clone);
+        resAllClon.append(clone);
+    }
+    for (int64_t i = 0; i < resAllClon.size(); ++i)
+        resourceRegister(resAllClon[i]);
+    MC_ASSERT(resAllOrig.size() == resAllClon.size());
+
+    for (int64_t i = 0; i < resAllOrig.size(); ++i)
+    {
+        const McHandle<Resource>& orig = resAllOrig[i];
+        const McHandle<Resource> clone = orig2clone.value(orig->uuid());
+        if (clone.isNull())
+            continue;
+        const McDArray<McHandle<Link>>& links = orig->links();
+        for (int64_t l = 0; l < links.size(); ++l)
+        {
+            const Resource& origTo = links[l]->target();
+            if (MC_CHECK(retVal, orig2clone.contains(origTo.uuid()), "Internal Error"))
+                return retVal;
+            const McHandle<Resource> clonTo = orig2clone.value(origTo.uuid());
+            MC_ASSERT(clonTo.isNotNull());
+            if (clonTo.isNotNull())
+                clone->linkAdd(*clonTo, links[l]->name());
+        }
+    }
+    return retVal;
+}
+
+McResult Engine::productTransactionBegin(const QString& inKey)
+{
+    McResult retVal;
+    const QString cloneKey = QStringLiteral("_") + inKey;
+    progress().taskStartNext(tr("Transaction Begin"));
+    retVal << productCloneResources(inKey, cloneKey);
+    if (retVal.isBad())
+        return retVal;
+    const McHandle<ResourceProduct> resProductClone = productResource(cloneKey);
+    if (MC_CHECK(retVal, resProductClone.isNotNull(), "Internal Error"))
+        return retVal;
+    McDArray<McHandle<Resource>> clones;
+    productResources(cloneKey, clones);
+    // The snapshot describes what is on the machine now, not what the description says.
+    for (int64_t i = 0; i < clones.size(); ++i)
+    {
+        retVal << clones[i]->scan();
+        if (retVal.isBad())
+            return retVal;
+    }
+    retVal << cache().retrieveFromResources(clones, false);
+    return retVal;
+}
+
+void Engine::productTransactionCommit(const QString& inKey)
+{
+    progress().taskStartNext(tr("Transaction Commit"));
+    productUnregisterResources(QStringLiteral("_") + inKey);
+}
+
+void Engine::productTransactionRollback(const QString& inKey)
+{
+    progress().taskStartNext(tr("Transaction Rollback"));
+    const QString cloneKey = QStringLiteral("_") + inKey;
+    if (productResource(cloneKey).isNotNull())
+        productInstall(cloneKey, true);
+    productUnregisterResources(cloneKey);
+}
+
+void Engine::productUnregisterResources(const QString& inKey)
+{
+    McDArray<McHandle<Resource>> all;
+    productResources(inKey, all);
+    for (int64_t i = 0; i < all.size(); ++i)
+        resourceUnregister(all[i]);
+}
