@@ -47,6 +47,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* inData, size_t inSize)
     // Touch what was loaded the way the engine would.
     for (int64_t i = 0; i < loaded.size(); ++i)
         (void)loaded[i]->path();
+    // Links may form cycles that reference counting alone never frees; break them first.
+    for (int64_t i = 0; i < loaded.size(); ++i)
+        loaded[i]->linkRemoveTo(nullptr);
     loaded.clear();
     KsDeploy::Engine::instance().resourceUnregisterAll();
     return 0;

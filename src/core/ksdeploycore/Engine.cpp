@@ -45,6 +45,11 @@ Engine& Engine::operator=(const Engine& inOther)
 Engine::~Engine()
 {
     MC_ASSERT(mCache==0);
+    // Links may form cycles that reference counting alone never frees: break them, since
+    // the whole graph goes with the engine.
+    for (int64_t i = 0; i < mListOfResource.size(); ++i)
+        if (mListOfResource[i].isNotNull())
+            mListOfResource[i]->linkRemoveTo(nullptr);
 }
 
 void Engine::instanceInit(char** inKeyValueList)

@@ -1,6 +1,8 @@
 #include "ResourceRegistryKey.h"
 
 #include "Engine.h"
+#include "RegistryStore.h"
+#include "ResourceRegistryValue.h"
 
 #include <QSet>
 #include <QStringList>
@@ -31,6 +33,120 @@ QString ResourceRegistryKey::path() const
     return ret;
 }
 
-McResult ResourceRegistryKey::install() { return notAvailableYet("install"); }
-McResult ResourceRegistryKey::uninstall() { return notAvailableYet("uninstall"); }
-McResult ResourceRegistryKey::verify() { return notAvailableYet("verify"); }
+McResult ResourceRegistryKey::locate(KsPlatform::Registry*& outRegistry, KsPlatform::RegistryRoot& outRoot,
+                                     std::string& outSubPath) const
+{
+    McResult retVal;
+    const QString keyPath = path();
+    // The root is the first name of the path: one of the five predefined root keys.
+    const bool isRoot = RegistryStore::splitPath(keyPath, outRoot, outSubPath);
+    if (MC_CHECK_TEXT(retVal, isRoot, "hkeyCurr!=((HKEY)(LONG_PTR)-1)", "Internal Error"))
+    {
+        Engine::instance().trace(McLogLevelError, QStringLiteral("registry key '%1' does not start with one of "
+                                                                 "HKEY_CLASSES_ROOT, HKEY_CURRENT_CONFIG, "
+                                                                 "HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE, HKEY_USERS")
+                                                      .arg(keyPath));
+        return retVal;
+    }
+    retVal << RegistryStore::instance(outRegistry);
+    return retVal;
+}
+
+McResult ResourceRegistryKey::install()
+{
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string subPath;
+    McResult retVal = locate(registry, root, subPath);
+    if (retVal.isBad())
+        return retVal;
+    KS_CHECK_REGISTRY(retVal, registry->keyCreate(root, subPath));
+    return retVal;
+}
+
+McResult ResourceRegistryKey::verify()
+{
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string subPath;
+    McResult retVal = locate(registry, root, subPath);
+    if (retVal.isBad())
+        return retVal;
+    KS_CHECK_REGISTRY(retVal, registry->keyOpen(root, subPath));
+    return retVal;
+}
+
+McResult ResourceRegistryKey::uninstall()
+{
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string subPath;
+    McResult retVal = locate(registry, root, subPath);
+    // A root key stays: it belongs to the system, not to a product.
+    if (retVal.isBad() || subPath.empty())
+        return retVal;
+    const KsPlatform::Status status = registry->keyDelete(root, subPath);
+    // Already gone is what uninstall wants; a key with subkeys stays and is reported.
+    if (status.code != KsPlatform::RegistryNotFound)
+        KS_CHECK_REGISTRY(retVal, status);
+    return retVal;
+}
+
+McResult ResourceRegistryKey::querySubKeys(McDArray<McHandle<ResourceRegistryKey>>& outKeys) const
+{
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string subPath;
+    McResult retVal = locate(registry, root, subPath);
+    if (retVal.isBad())
+        return retVal;
+    std::vector<std::string> names;
+    if (KS_CHECK_REGISTRY(retVal, registry->subKeys(root, subPath, names)))
+        return retVal;
+    const McHandle<ResourceRegistryKey> self(const_cast<ResourceRegistryKey*>(this));
+    for (const std::string& name : names)
+    {
+        McHandle<ResourceRegistryKey> key(new ResourceRegistryKey);
+        key->nameSet(QString::fromLatin1(name.data(), static_cast<int>(name.size())));
+        key->containerSet(self);
+        outKeys.append(key);
+    }
+    return retVal;
+}
+
+McResult ResourceRegistryKey::queryValues(McDArray<McHandle<ResourceRegistryValue>>& outValues) const
+{
+    MC_DBC_TEXT(DbCPrecondition, outValues.isEmpty(), "outValues.isEmptyArray()");
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string subPath;
+    McResult retVal = locate(registry, root, subPath);
+    if (retVal.isBad())
+        return retVal;
+    std::vector<KsPlatform::RegistryValue> values;
+    const KsPlatform::Status status = registry->values(root, subPath, values);
+    if (MC_CHECK_TEXT(retVal, status.isOk(), "res==0L", status.text))
+        return retVal;
+    const McHandle<ResourceRegistryKey> self(const_cast<ResourceRegistryKey*>(this));
+    for (const KsPlatform::RegistryValue& v : values)
+    {
+        McHandle<ResourceRegistryValue> value(new ResourceRegistryValue);
+        const auto type = static_cast<ResourceRegistryValue::Type>(v.type);
+        value->nameSet(QString::fromLatin1(v.name.data(), static_cast<int>(v.name.size())));
+        value->typeSet(type);
+        value->valueSet(ResourceRegistryValue::binaryToString(QByteArray(v.data.data(), static_cast<int>(v.data.size())), type));
+        value->containerSet(self);
+        outValues.append(value);
+    }
+    return retVal;
+}
+
+void ResourceRegistryKey::valuesArrayToHash(QHash<QString, McHandle<ResourceRegistryValue>>& outValuesHash,
+                                            const McDArray<McHandle<ResourceRegistryValue>>& inValuesArray)
+{
+    for (int64_t i = 0; i < inValuesArray.size(); ++i)
+    {
+        MC_REQUIRE(!outValuesHash.contains(inValuesArray[i]->name()));
+        outValuesHash.insert(inValuesArray[i]->name(), inValuesArray[i]);
+    }
+}

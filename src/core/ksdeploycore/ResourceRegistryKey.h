@@ -1,8 +1,14 @@
 #pragma once
 #include "Resource.h"
 
+#include "Registry.h"
+
+#include <QHash>
+
 namespace KsDeploy
 {
+class ResourceRegistryValue;
+
 // A registry key; its path is the container's path, a backslash and its name.
 class ResourceRegistryKey : public Resource
 {
@@ -18,5 +24,16 @@ public:
     McResult uninstall() override;
     McResult verify() override;
     QString path() const override;
+
+    // New key resources for the live subkeys, each with this key as container.
+    McResult querySubKeys(McDArray<McHandle<ResourceRegistryKey>>& outKeys) const;
+    // New value resources for the live values (type and text form), this key as container.
+    McResult queryValues(McDArray<McHandle<ResourceRegistryValue>>& outValues) const;
+    static void valuesArrayToHash(QHash<QString, McHandle<ResourceRegistryValue>>& outValuesHash,
+                                  const McDArray<McHandle<ResourceRegistryValue>>& inValuesArray);
+
+    // The store, the root and the path below it, from path(); fails for an unknown root.
+    McResult locate(KsPlatform::Registry*& outRegistry, KsPlatform::RegistryRoot& outRoot,
+                    std::string& outSubPath) const;
 };
 }

@@ -1,6 +1,9 @@
 #include "ResourceRegistryValue.h"
 
 #include "Engine.h"
+#include "RegistryStore.h"
+
+#include <QtEndian>
 
 using namespace KsDeploy;
 
@@ -74,6 +77,231 @@ QString ResourceRegistryValue::path() const
     return ret;
 }
 
-McResult ResourceRegistryValue::install() { return notAvailableYet("install"); }
-McResult ResourceRegistryValue::uninstall() { return notAvailableYet("uninstall"); }
-McResult ResourceRegistryValue::verify() { return notAvailableYet("verify"); }
+namespace
+{
+bool isStringType(ResourceRegistryValue::Type inType)
+{
+    return inType == ResourceRegistryValue::TYPE_SZ || inType == ResourceRegistryValue::TYPE_EXPAND_SZ ||
+           inType == ResourceRegistryValue::TYPE_LINK || inType == ResourceRegistryValue::TYPE_MULTI_SZ;
+}
+
+bool isHexText(const QString& inText)
+{
+    for (const QChar c : inText)
+        if (!((c >= QLatin1Char('0') && c <= QLatin1Char('9')) || (c >= QLatin1Char('a') && c <= QLatin1Char('f')) ||
+              (c >= QLatin1Char('A') && c <= QLatin1Char('F'))))
+            return false;
+    return true;
+}
+
+QString hexText(const QByteArray& inData)
+{
+    McString text;
+    McCoder::dataToHexString(reinterpret_cast<const unsigned char*>(inData.constData()),
+                             static_cast<unsigned int>(inData.size()), text, true);
+    return QString::fromLatin1(text.c_str());
+}
+}
+
+QString ResourceRegistryValue::textProblem(const QString& inValue, Type inType)
+{
+    bool ok = false;
+    switch (inType)
+    {
+    case TYPE_SZ:
+    case TYPE_EXPAND_SZ:
+    case TYPE_LINK:
+    case TYPE_MULTI_SZ:
+        for (const QChar c : inValue)
+            if (c.unicode() > 0xFF)
+                return QStringLiteral("the text holds characters beyond Latin-1");
+        return QString();
+    case TYPE_BINARY:
+        if (inValue.size() % 2 != 0)
+            return QStringLiteral("\"%1\" has an odd number of hexadecimal digits").arg(inValue);
+        if (!isHexText(inValue))
+            return QStringLiteral("\"%1\" is not hexadecimal digits").arg(inValue);
+        return QString();
+    case TYPE_DWORD:
+        inValue.toInt(&ok, 10);
+        return ok ? QString() : QStringLiteral("\"%1\" is not a decimal 32-bit number").arg(inValue);
+    case TYPE_QWORD:
+        inValue.toLongLong(&ok, 10);
+        return ok ? QString() : QStringLiteral("\"%1\" is not a decimal 64-bit number").arg(inValue);
+    default:
+        return QStringLiteral("the value type %1 is not supported").arg(Type2String(inType));
+    }
+}
+
+QByteArray ResourceRegistryValue::binaryFromString(const QString& inValue, Type inType)
+{
+    MC_REQUIRE(inType!=TYPE_NONE);
+    MC_REQUIRE(inType!=TYPE_DWORD_BIG_ENDIAN);
+    MC_REQUIRE(inType!=TYPE_RESOURCE_LIST);
+    MC_REQUIRE(inType!=TYPE_FULL_RESOURCE_DESCRIPTOR);
+    MC_REQUIRE(inType!=TYPE_RESOURCE_REQUIREMENTS_LIST);
+    if (isStringType(inType))
+    {
+        // Deliberately the bare concatenation of the parts: no separator, no terminator.
+        QByteArray out;
+        for (const QString& part : inValue.split(QStringLiteral("\\0")))
+            out += part.toLatin1();
+        return out;
+    }
+    bool ok = false;
+    switch (inType)
+    {
+    case TYPE_BINARY:
+    {
+        MC_ASSERT(inValue.size()%2==0);
+        QByteArray out(inValue.size() / 2, '\0');
+        if (!McCoder::hexStringToData(reinterpret_cast<unsigned char*>(out.data()), McString(inValue.toLatin1().toStdString())))
+            return QByteArray();
+        return out;
+    }
+    case TYPE_DWORD:
+    {
+        const qint32 v = inValue.toInt(&ok, 10);
+        MC_ASSERT(ok);
+        if (!ok)
+            return QByteArray();
+        QByteArray out(4, '\0');
+        qToLittleEndian(v, out.data());
+        return out;
+    }
+    case TYPE_QWORD:
+    {
+        const qint64 v = inValue.toLongLong(&ok, 10);
+        MC_ASSERT(ok);
+        if (!ok)
+            return QByteArray();
+        QByteArray out(8, '\0');
+        qToLittleEndian(v, out.data());
+        return out;
+    }
+    default:
+        return QByteArray();
+    }
+}
+
+QString ResourceRegistryValue::binaryToString(const QByteArray& inData, Type inType)
+{
+    if (isStringType(inType))
+    {
+        QByteArray data = inData;
+        if (data.endsWith('\0'))
+            data.chop(1);
+        QString out;
+        out.reserve(data.size());
+        for (const char c : data)
+        {
+            if (c == '\0')
+                out += QStringLiteral("\\0");
+            else
+                out += QChar(static_cast<uchar>(c));
+        }
+        return out;
+    }
+    switch (inType)
+    {
+    case TYPE_DWORD:
+        // Data of another size is no DWORD: it must not compare equal to any number.
+        return inData.size() == 4 ? QString::number(qFromLittleEndian<qint32>(inData.constData())) : hexText(inData);
+    case TYPE_QWORD:
+        return inData.size() == 8 ? QString::number(qFromLittleEndian<qint64>(inData.constData())) : hexText(inData);
+    default:
+        // BINARY, and the unsupported types as raw bytes so that nothing read is lost.
+        return hexText(inData);
+    }
+}
+
+McResult ResourceRegistryValue::readFromRegistry(const ResourceRegistryKey& inKey, Type& outType, QString& outValue) const
+{
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string keyPath;
+    McResult retVal = inKey.locate(registry, root, keyPath);
+    if (retVal.isBad())
+        return retVal;
+    QString valueName = name();
+    retVal << Engine::instance().configuration().resolve(valueName);
+    if (retVal.isBad())
+        return retVal;
+    unsigned long type = 0;
+    std::string data;
+    if (KS_CHECK_REGISTRY(retVal, registry->valueQuery(root, keyPath, valueName.toLatin1().toStdString(), type, data)))
+        return retVal;
+    outType = static_cast<Type>(type);
+    outValue = binaryToString(QByteArray(data.data(), static_cast<int>(data.size())), outType);
+    return retVal;
+}
+
+McResult ResourceRegistryValue::install()
+{
+    McResult retVal;
+    const McHandle<ResourceRegistryKey> key = container();
+    if (MC_CHECK(retVal, key.isNotNull(), "Internal Error"))
+        return retVal;
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string keyPath;
+    retVal << key->locate(registry, root, keyPath);
+    if (retVal.isBad())
+        return retVal;
+    QString valueName = name();
+    retVal << Engine::instance().configuration().resolve(valueName);
+    if (retVal.isBad())
+        return retVal;
+    // Bad text is refused before anything is written, so the store keeps the old value.
+    const QString problem = textProblem(value(), type());
+    if (MC_CHECK_TEXT(retVal, problem.isEmpty(), "textProblem(value(), type()).isEmpty()",
+                      QStringLiteral("registry value '%1': %2").arg(path(), problem)))
+        return retVal;
+    const QByteArray data = binaryFromString(value(), type());
+    KS_CHECK_REGISTRY(retVal, registry->valueSet(root, keyPath, valueName.toLatin1().toStdString(),
+                                                 static_cast<unsigned long>(type()),
+                                                 std::string(data.constData(), static_cast<size_t>(data.size()))));
+    return retVal;
+}
+
+McResult ResourceRegistryValue::uninstall()
+{
+    McResult retVal;
+    const McHandle<ResourceRegistryKey> key = container();
+    if (MC_CHECK(retVal, key.isNotNull(), "Internal Error"))
+        return retVal;
+    KsPlatform::Registry* registry = nullptr;
+    KsPlatform::RegistryRoot root;
+    std::string keyPath;
+    retVal << key->locate(registry, root, keyPath);
+    if (retVal.isBad())
+        return retVal;
+    QString valueName = name();
+    retVal << Engine::instance().configuration().resolve(valueName);
+    if (retVal.isBad())
+        return retVal;
+    const KsPlatform::Status status = registry->valueDelete(root, keyPath, valueName.toLatin1().toStdString());
+    // A value (or key) that is already gone is what uninstall wants.
+    if (status.code != KsPlatform::RegistryNotFound)
+        KS_CHECK_REGISTRY(retVal, status);
+    return retVal;
+}
+
+McResult ResourceRegistryValue::verify()
+{
+    McResult retVal;
+    const McHandle<ResourceRegistryKey> key = container();
+    if (MC_CHECK(retVal, key.isNotNull(), "Internal Error"))
+        return retVal;
+    Type currType = TYPE_NONE;
+    QString currValue;
+    retVal << readFromRegistry(*key, currType, currValue);
+    if (retVal.isBad())
+        return retVal;
+    // Both sides in the canonical text form, so "FF" and "ff" are the same binary value.
+    const QString expected = textProblem(value(), type()).isEmpty() ? binaryToString(binaryFromString(value(), type()), type())
+                                                                    : value();
+    MC_CHECK_TEXT(retVal, currType == type(), "currType==type()", "Internal Error");
+    MC_CHECK_TEXT(retVal, currValue == expected, "currValue==value()", "Internal Error");
+    return retVal;
+}

@@ -35,7 +35,12 @@ public:
     void containerSet(const McHandle<ResourceRegistryKey>& inKey) { linkSet("Container", inKey.ptr()); }
 
     Type type() const { return mType; }
-    void typeSet(Type inType) { mType = inType; }
+    void typeSet(Type inType)
+    {
+        // A type, once set, stays: a value cannot change its kind of data.
+        MC_REQUIRE(type()==TYPE_NONE || type()==inType);
+        mType = inType;
+    }
     QString value() const { return mValue; }
     void valueSet(const QString& inValue) { mValue = inValue; }
 
@@ -44,6 +49,15 @@ public:
     McResult verify() override;
     QString path() const override;
     const PropertyTable& properties() const override;
+
+    // The live type and data (text form) of this value under inKey.
+    McResult readFromRegistry(const ResourceRegistryKey& inKey, Type& outType, QString& outValue) const;
+    // Text form <-> raw bytes: decimal for DWORD and QWORD, hexadecimal digits for BINARY
+    // (lower case when written), Latin-1 for the string types with "\0" for a zero byte.
+    static QByteArray binaryFromString(const QString& inValue, Type inType);
+    static QString binaryToString(const QByteArray& inData, Type inType);
+    // Why a text is no value of the type (empty when it is one).
+    static QString textProblem(const QString& inValue, Type inType);
 
 private:
     Type mType = TYPE_NONE;

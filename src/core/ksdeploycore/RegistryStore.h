@@ -1,0 +1,56 @@
+#pragma once
+// The engine's access to the registry through the platform layer: which store, one shared
+// connection, and the grouping of a product operation's changes into one transaction.
+#include "KsGlobal.h"
+
+#include "Registry.h"
+
+#include <QString>
+
+namespace KsDeploy
+{
+class RegistryStore
+{
+public:
+    // The registry of this process, opened on first use; for the portable store the file named
+    // by the environment key KSDEPLOY_REGISTRY, by default "ksdeploy/registry.sqlite" under the
+    // XDG data folder. A changed KSDEPLOY_REGISTRY opens the other store on the next call.
+    static McResult instance(KsPlatform::Registry*& outRegistry);
+    static QString location();
+    // Closes the connection (an open transaction is rolled back).
+    static void close();
+
+    // "HKEY_CURRENT_USER\a\b" into root and "a\b" (Latin-1); false for an unknown root name.
+    static bool splitPath(const QString& inPath, KsPlatform::RegistryRoot& outRoot, std::string& outSubPath);
+};
+
+// Groups the registry changes made while it lives into one atomic store transaction; a
+// product operation opens one so that its changes land together or not at all. Nests.
+class RegistryTransaction
+{
+public:
+    RegistryTransaction();
+    // Rolls back unless committed.
+    ~RegistryTransaction();
+    RegistryTransaction(const RegistryTransaction&) = delete;
+    RegistryTransaction& operator=(const RegistryTransaction&) = delete;
+
+    // The outcome of beginning (a store that cannot be opened, or is busy).
+    const McResult& beginResult() const { return mBegin; }
+    McResult commit();
+    McResult rollback();
+
+private:
+    McResult mBegin;
+    KsPlatform::Registry* mRegistry = nullptr;
+    bool mOpen = false;
+};
+
+// A failed store call: reports the store's message with the condition "val[<code>]  exp[0]".
+bool registryCheck(McResult& inoutResult, const KsPlatform::Status& inStatus, int inLine, const char* inFile,
+                   const char* inPrettyFunction);
+}
+
+// One-line checked store call: true (and RESULT bad) when STATUS failed.
+#define KS_CHECK_REGISTRY(RESULT, STATUS) \
+    ::KsDeploy::registryCheck((RESULT), (STATUS), __LINE__, __FILE__, __PRETTY_FUNCTION__)
