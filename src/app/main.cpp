@@ -1,12 +1,18 @@
-// The ksdeploy host: creates the engine from the process environment, runs the command
-// line, and shuts the engine down.
+// The ksdeploy host: creates the engine from the process environment, runs the commands of
+// the command line in order, and shuts the engine down.
+//
+// Exit status: 0 success, 1 a command failed, 2 the arguments are not a valid command line.
+#include "Command_commands.h"
 #include "ConsoleProgress.h"
 #include "Engine.h"
+#include "KsCommand.h"
+#include "QxCommand.h"
 
 #include <QApplication>
 #include <QCoreApplication>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 extern char** environ;
@@ -22,24 +28,72 @@ bool printFailure(const McResult& inResult)
     std::fflush(stderr);
     return true;
 }
+
+// A message box (the debug pause) needs a display; without one the host stays a console program.
+bool displayAvailable()
+{
+    const char* platform = std::getenv("QT_QPA_PLATFORM");
+    if (platform && *platform)
+        return true;
+    const char* x11 = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    return (x11 && *x11) || (wayland && *wayland);
+}
+
+// A command stream's lines are read as if they followed it on the command line.
+McResult expandStream(const McHandle<QxBase::Command>& inCommand, bool& outExpanded, QList<QString>& outArguments)
+{
+    outExpanded = false;
+    auto* stream = dynamic_cast<KsDeploy::Command_commands*>(inCommand.ptr());
+    if (!stream)
+        return McResult();
+    outExpanded = true;
+    return stream->getArguments(outArguments);
+}
 }
 
 int main(int argc, char** argv)
 {
     QCoreApplication::setApplicationName(QStringLiteral("ksdeploy"));
-    QCoreApplication app(argc, argv);
+    std::unique_ptr<QCoreApplication> app;
+    if (displayAvailable())
+        app.reset(new QApplication(argc, argv));
+    else
+        app.reset(new QCoreApplication(argc, argv));
+
+    KsDeploy::commandsRegisterAll();
+    QList<QString> arguments = app->arguments();
+    arguments.removeFirst();
+    if (arguments.isEmpty())
+    {
+        QxBase::Command::usage(QString(), true);
+        return 0;
+    }
+    // Nothing runs, not even the engine's start-up, for arguments that are no command line.
+    const QString syntaxError = QxBase::CommandLine::syntaxCheck(arguments, false);
+    if (!syntaxError.isEmpty())
+    {
+        std::fprintf(stderr, "ksdeploy: %s (run ksdeploy without arguments for the list of commands)\n",
+                     syntaxError.toLocal8Bit().constData());
+        return 2;
+    }
 
     McResult::notificationCallbackAdd(&printFailure);
     KsDeploy::Engine::instanceInit(environ);
     KsDeploy::Engine& engine = KsDeploy::Engine::instance();
-    engine.quietSet(true);
 
+    QxBase::CommandLine commandLine(&expandStream);
+    const QxBase::CommandLine::Outcome outcome = commandLine.run(arguments);
     int exitCode = 0;
-    const QStringList args = app.arguments();
-    if (args.size() > 1)
+    if (outcome == QxBase::CommandLine::OutcomeSyntaxError)
     {
-        engine.trace(McLogLevelInfo, QStringLiteral("ksdeploy: commands are not available yet"));
+        std::fprintf(stderr, "ksdeploy: %s\n", commandLine.syntaxError().toLocal8Bit().constData());
         exitCode = 2;
+    }
+    else if (outcome == QxBase::CommandLine::OutcomeFailed)
+    {
+        engine.trace(commandLine.result());
+        exitCode = 1;
     }
 
     KsDeploy::Engine::instanceShutdown();

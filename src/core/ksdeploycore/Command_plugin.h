@@ -1,0 +1,13 @@
+#pragma once
+#include "KsCommand.h"
+
+namespace KsDeploy
+{
+class Command_plugin : public QxBase::Command
+{
+    KS_COMMAND_CLASS_BODY(Command_plugin)
+public:
+    McResult executeEarly() const override;
+    McResult execute() override;
+};
+}
