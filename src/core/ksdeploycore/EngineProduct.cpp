@@ -6,6 +6,7 @@
 #include "Plugin.h"
 #include "Progress.h"
 #include "Property.h"
+#include "RegistryStore.h"
 #include "Resource.h"
 #include "ResourceFileEntry.h"
 #include "ResourceProduct.h"
@@ -109,6 +110,8 @@ void Engine::productResources(const QString& inKey, McDArray<McHandle<Resource>>
 McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
 {
     McResult retVal;
+    // All registry changes of the operation land in one store transaction, or none of them.
+    RegistryTransaction registryChanges;
     const McHandle<ResourceProduct> resProduct = productResource(inKey);
     if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
         return retVal;
@@ -221,6 +224,9 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         if (retVal.isOk())
             for (int64_t i = mListOfPlugin.size() - 1; i >= 0 && retVal.isOk(); --i)
                 retVal << mListOfPlugin[i]->onInstall(resProduct);
+        // The registry is committed before the snapshot goes, so a failed commit can still be undone.
+        if (retVal.isOk())
+            retVal << registryChanges.commit();
         if (retVal.isOk())
             productTransactionCommit(inKey);
         else
@@ -228,12 +234,19 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
             mListOfPlugin[i]->onInstallPost(resProduct, retVal.isBad());
     }
+    else
+    {
+        // Rolling back: the enclosing store transaction puts the registry back exactly, while the
+        // snapshot's registry resources hold the new values, not the old ones.
+        registryChanges.rollback();
+    }
     return retVal;
 }
 
 McResult Engine::productUninstall(const QString& inKey)
 {
     McResult retVal;
+    RegistryTransaction registryChanges;
     const McHandle<ResourceProduct> resProduct = productResource(inKey);
     if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
         return retVal;
@@ -289,6 +302,8 @@ McResult Engine::productUninstall(const QString& inKey)
             }
         }
     }
+    if (retVal.isOk())
+        retVal << registryChanges.commit();
     if (retVal.isOk())
         productTransactionCommit(inKey);
     else

@@ -11,6 +11,10 @@ namespace
 {
 std::unique_ptr<KsPlatform::Registry> sRegistry;
 QString sLocation;
+// Live RegistryTransaction scopes; the store transactions for them begin on first access.
+int sScopes = 0;
+// How many of those scopes have begun a transaction on the open store.
+int sBegun = 0;
 
 // Local application data: $XDG_DATA_HOME or ~/.local/share on Linux.
 const int sCsidlLocalAppData = 0x1C;
@@ -42,14 +46,16 @@ QString RegistryStore::location()
 McResult RegistryStore::instance(KsPlatform::Registry*& outRegistry)
 {
     McResult retVal;
+    outRegistry = nullptr;
     const QString where = location();
     if (!sRegistry || where != sLocation)
     {
         // Never switch stores in the middle of a batch of changes.
-        if (MC_CHECK(retVal, !sRegistry || sRegistry->transactionDepth() == 0,
+        if (MC_CHECK(retVal, sBegun == 0,
                      QStringLiteral("registry store changed to '%1' during a transaction").arg(where)))
             return retVal;
         sRegistry.reset();
+        sLocation.clear();
         KsPlatform::Status status;
         std::unique_ptr<KsPlatform::Registry> opened = KsPlatform::Registry::open(where.toLocal8Bit().toStdString(), status);
         if (KS_CHECK_REGISTRY(retVal, status))
@@ -57,14 +63,26 @@ McResult RegistryStore::instance(KsPlatform::Registry*& outRegistry)
         sRegistry = std::move(opened);
         sLocation = where;
     }
+    // The scopes opened before this first access begin their transactions now, outermost first.
+    while (sBegun < sScopes)
+    {
+        if (KS_CHECK_REGISTRY(retVal, sRegistry->transactionBegin()))
+            return retVal;
+        ++sBegun;
+    }
     outRegistry = sRegistry.get();
     return retVal;
 }
 
 void RegistryStore::close()
 {
+    // Closing would silently undo the changes of a live scope: the connection stays until it ends.
+    MC_DBC_TEXT(DbCCheck, sBegun == 0, "sBegun == 0");
+    if (sBegun > 0)
+        return;
     sRegistry.reset();
     sLocation.clear();
+    sBegun = 0;
 }
 
 bool RegistryStore::splitPath(const QString& inPath, KsPlatform::RegistryRoot& outRoot, std::string& outSubPath)
@@ -72,12 +90,7 @@ bool RegistryStore::splitPath(const QString& inPath, KsPlatform::RegistryRoot& o
     return KsPlatform::registrySplitPath(inPath.toLatin1().toStdString(), outRoot, outSubPath);
 }
 
-RegistryTransaction::RegistryTransaction()
-{
-    mBegin = RegistryStore::instance(mRegistry);
-    if (mBegin.isOk() && !KS_CHECK_REGISTRY(mBegin, mRegistry->transactionBegin()))
-        mOpen = true;
-}
+RegistryTransaction::RegistryTransaction() : mLevel(++sScopes) {}
 
 RegistryTransaction::~RegistryTransaction()
 {
@@ -85,13 +98,22 @@ RegistryTransaction::~RegistryTransaction()
         rollback();
 }
 
+bool RegistryTransaction::isBegun() const { return mOpen && sBegun >= mLevel; }
+
 McResult RegistryTransaction::commit()
 {
     McResult retVal;
     if (MC_CHECK(retVal, mOpen, "registry transaction is not open"))
         return retVal;
+    // Scopes end innermost first, as they are objects on the stack.
+    MC_DBC_TEXT(DbCCheck, mLevel == sScopes, "mLevel == sScopes");
+    const bool begun = isBegun();
     mOpen = false;
-    KS_CHECK_REGISTRY(retVal, mRegistry->transactionCommit());
+    --sScopes;
+    if (!begun)
+        return retVal;
+    --sBegun;
+    KS_CHECK_REGISTRY(retVal, sRegistry->transactionCommit());
     return retVal;
 }
 
@@ -100,7 +122,13 @@ McResult RegistryTransaction::rollback()
     McResult retVal;
     if (MC_CHECK(retVal, mOpen, "registry transaction is not open"))
         return retVal;
+    MC_DBC_TEXT(DbCCheck, mLevel == sScopes, "mLevel == sScopes");
+    const bool begun = isBegun();
     mOpen = false;
-    KS_CHECK_REGISTRY(retVal, mRegistry->transactionRollback());
+    --sScopes;
+    if (!begun)
+        return retVal;
+    --sBegun;
+    KS_CHECK_REGISTRY(retVal, sRegistry->transactionRollback());
     return retVal;
 }

@@ -17,7 +17,7 @@ public:
     // XDG data folder. A changed KSDEPLOY_REGISTRY opens the other store on the next call.
     static McResult instance(KsPlatform::Registry*& outRegistry);
     static QString location();
-    // Closes the connection (an open transaction is rolled back).
+    // Closes the connection; kept open (and reported) while a transaction scope has begun.
     static void close();
 
     // "HKEY_CURRENT_USER\a\b" into root and "a\b" (Latin-1); false for an unknown root name.
@@ -26,6 +26,8 @@ public:
 
 // Groups the registry changes made while it lives into one atomic store transaction; a
 // product operation opens one so that its changes land together or not at all. Nests.
+// The store transaction begins on the first registry access within the scope, so that a
+// product without registry resources never opens (or waits for) the store.
 class RegistryTransaction
 {
 public:
@@ -35,15 +37,16 @@ public:
     RegistryTransaction(const RegistryTransaction&) = delete;
     RegistryTransaction& operator=(const RegistryTransaction&) = delete;
 
-    // The outcome of beginning (a store that cannot be opened, or is busy).
-    const McResult& beginResult() const { return mBegin; }
+    // Makes the scope's changes durable (a no-op when the scope touched no registry).
     McResult commit();
+    // Undoes every change made in the scope.
     McResult rollback();
+    // True once a registry access inside the scope has begun its store transaction.
+    bool isBegun() const;
 
 private:
-    McResult mBegin;
-    KsPlatform::Registry* mRegistry = nullptr;
-    bool mOpen = false;
+    int mLevel = 0;  // nesting level of this scope, 1 for the outermost
+    bool mOpen = true;
 };
 
 // A failed store call: reports the store's message with the condition "val[<code>]  exp[0]".
