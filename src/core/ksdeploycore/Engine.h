@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QHash>
+#include <QStringList>
 #include <QList>
 #include <QString>
 #include <QUuid>
@@ -123,6 +124,9 @@ private:
     McDArray<McHandle<Resource>> mListOfResource;
     Configuration mConfiguration;
     QString mPathToCache;
+    // Per open transaction: the product's directories that did not exist when it began, removed
+    // again (when empty) on rollback so that a failed install leaves no folders behind.
+    QHash<QString, QStringList> mListOfTransactionNewDirs;
     bool mQuiet = false;
     McDArray<McHandle<Plugin>> mListOfPlugin;
 

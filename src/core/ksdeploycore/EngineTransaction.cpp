@@ -8,10 +8,15 @@
 #include "Property.h"
 #include "Resource.h"
 #include "ResourceFactory.h"
+#include "ResourceFileDirectory.h"
 #include "ResourceProduct.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QHash>
+
+#include <algorithm>
 
 using namespace KsDeploy;
 
@@ -93,19 +98,37 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     McDArray<McHandle<Resource>> clones;
     productResources(cloneKey, clones);
     // The snapshot describes what is on the machine now, not what the description says.
+    QStringList& newDirs = mListOfTransactionNewDirs[inKey];
+    newDirs.clear();
     for (int64_t i = 0; i < clones.size(); ++i)
     {
+        if (auto* dir = dynamic_cast<ResourceFileDirectory*>(clones[i].ptr()))
+        {
+            const QString dirPath = dir->path();
+            const QFileInfo info(dirPath);
+            if (!dirPath.isEmpty() && !info.exists() && !info.isSymLink())
+                newDirs.append(dirPath);
+        }
         retVal << clones[i]->scan();
         if (retVal.isBad())
-            return retVal;
+            break;
     }
-    retVal << cache().retrieveFromResources(clones, false);
+    if (retVal.isOk())
+        retVal << cache().retrieveFromResources(clones, false);
+    // An incomplete snapshot must never be installed back: it would hold the description's
+    // contents instead of the machine's. Nothing was changed yet, so there is nothing to undo.
+    if (retVal.isBad())
+    {
+        productUnregisterResources(cloneKey);
+        mListOfTransactionNewDirs.remove(inKey);
+    }
     return retVal;
 }
 
 void Engine::productTransactionCommit(const QString& inKey)
 {
     progress().taskStartNext(tr("Transaction Commit"));
+    mListOfTransactionNewDirs.remove(inKey);
     productUnregisterResources(QStringLiteral("_") + inKey);
 }
 
@@ -116,6 +139,12 @@ void Engine::productTransactionRollback(const QString& inKey)
     if (productResource(cloneKey).isNotNull())
         productInstall(cloneKey, true);
     productUnregisterResources(cloneKey);
+    // Deepest first, and only when empty: a folder that now holds someone else's files stays.
+    QStringList newDirs = mListOfTransactionNewDirs.take(inKey);
+    std::sort(newDirs.begin(), newDirs.end(),
+              [](const QString& a, const QString& b) { return a.size() > b.size(); });
+    for (const QString& dirPath : newDirs)
+        QDir().rmdir(dirPath);
 }
 
 void Engine::productUnregisterResources(const QString& inKey)

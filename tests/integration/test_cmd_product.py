@@ -1,0 +1,236 @@
+"""--product end to end: publish with standard tools, install from file:// URLs, verify, repair,
+rescan, uninstall, and every failure rolled back file by file."""
+import hashlib
+import os
+import stat
+import subprocess
+
+import ksharness
+
+
+def md5(data):
+    return hashlib.md5(data).hexdigest()
+
+
+FILES = {
+    "README.txt": b"readme\n",
+    "bin/tool": b"#!/bin/sh\necho tool-ran \"$@\" > \"$(dirname \"$0\")/../ran.txt\"\n",
+    "lib/data.bin": bytes(range(256)) * 400,
+    "lib/deep/more.txt": b"more\n",
+}
+
+
+class ProductTest(ksharness.KsTestCase):
+    def setUp(self):
+        super().setUp()
+        for rel, data in FILES.items():
+            self.write("app/" + rel, data)
+        os.chmod(self.path("app/bin/tool"), 0o755)
+        self.target = self.path("target")
+        self.items = self.path("publish")
+        os.makedirs(self.items)
+        r = self.run_ks("--generate", "type=directory", "path=" + self.path("app"), "name=${TARGET}",
+                        "product=App", "--save", "target=product.xml")
+        self.assertOk(r)
+
+    def publish_with_standard_tools(self, compress):
+        """Names from md5sum, copies from xz: nothing of ours on the publishing side."""
+        out = subprocess.run(["md5sum"] + [self.path("app", rel) for rel in FILES], stdout=subprocess.PIPE,
+                             check=True).stdout.decode()
+        for line in out.splitlines():
+            digest, path = line.split("  ", 1)
+            dest = os.path.join(self.items, digest)
+            if compress:
+                with open(dest + ".lzma", "wb") as f:
+                    subprocess.run(["xz", "--format=lzma", "-c", path], stdout=f, check=True)
+            else:
+                with open(path, "rb") as src, open(dest, "wb") as f:
+                    f.write(src.read())
+
+    def product(self, action, *extra):
+        return self.run_ks("--load", "file=product.xml", "--config", "TARGET=" + self.target,
+                           "--product", "action=" + action, *extra)
+
+    def install(self, *extra):
+        return self.product("install", "url=file://" + self.items, *extra)
+
+    def assertInstalled(self):
+        for rel, data in FILES.items():
+            self.assertEqual(data, self.read("target/" + rel), rel)
+        self.assertTrue(os.stat(self.path("target/bin/tool")).st_mode & stat.S_IXUSR)
+
+    def snapshot(self, root):
+        found = {}
+        for dirpath, dirnames, filenames in os.walk(root):
+            for name in dirnames + filenames:
+                p = os.path.join(dirpath, name)
+                rel = os.path.relpath(p, root)
+                if os.path.isdir(p):
+                    found[rel] = None
+                else:
+                    with open(p, "rb") as f:
+                        found[rel] = f.read()
+        return found
+
+    def test_install_verify_repair_rescan_uninstall_from_plain_and_lzma_copies(self):
+        for compress in (False, True):
+            with self.subTest(compress=compress):
+                for n in os.listdir(self.items):
+                    os.remove(os.path.join(self.items, n))
+                self.publish_with_standard_tools(compress)
+                self.assertOk(self.install())
+                self.assertInstalled()
+                self.assertOk(self.product("verify"))
+
+                self.write("target/lib/data.bin", b"damaged")
+                r = self.product("verify")
+                self.assertFails(r)
+                self.assertIn("error: content differs: '%s'" % self.path("target/lib/data.bin"), r.err)
+                self.assertOk(self.install())
+                self.assertInstalled()
+
+                r = self.product("uninstall")
+                self.assertOk(r)
+                self.assertFalse(os.path.exists(self.target), self.snapshot(self.path()))
+
+    def test_rescan_takes_over_the_installed_contents(self):
+        self.publish_with_standard_tools(False)
+        self.assertOk(self.install())
+        self.write("target/README.txt", b"edited on the machine\n")
+        r = self.run_ks("--load", "file=product.xml", "--config", "TARGET=" + self.target,
+                        "--product", "action=rescan", "--save", "target=rescanned.xml")
+        self.assertOk(r)
+        self.assertIn(md5(b"edited on the machine\n"), self.read("rescanned.xml").decode())
+        r = self.run_ks("--load", "file=rescanned.xml", "--config", "TARGET=" + self.target,
+                        "--product", "action=verify")
+        self.assertOk(r)
+
+    def test_precache_into_a_publish_folder_and_install_from_it(self):
+        r = self.run_ks("--load", "file=product.xml", "--config", "TARGET=" + self.path("app"),
+                        "--product", "action=precache", "targetdir=" + self.path("mirror"), "compress=true")
+        self.assertOk(r)
+        self.assertIn(md5(FILES["README.txt"]) + ".lzma", os.listdir(self.path("mirror")))
+        self.assertOk(self.product("install", "url=file://" + self.path("mirror")))
+        self.assertInstalled()
+
+    def test_urls_are_tried_in_order(self):
+        self.publish_with_standard_tools(False)
+        r = self.install_from("file://" + self.path("nowhere"), "file://" + self.items)
+        self.assertOk(r)
+        self.assertInstalled()
+        self.assertLess(r.out.index(self.path("nowhere")), r.out.index(self.items + "/"))
+
+    def install_from(self, *urls):
+        return self.product("install", *["url=" + u for u in urls])
+
+    def test_failed_install_puts_every_file_back(self):
+        self.publish_with_standard_tools(False)
+        # What was there before: an older README, a file of the user's, and no lib folder.
+        self.write("target/README.txt", b"old readme\n")
+        self.write("target/mine.txt", b"the user's own\n")
+        before = self.snapshot(self.target)
+        faults = {
+            "missing item": lambda: os.remove(os.path.join(self.items, md5(FILES["lib/deep/more.txt"]))),
+            "wrong bytes": lambda: self.write(os.path.join(self.items, md5(FILES["lib/deep/more.txt"])), b"x"),
+        }
+        for name, fault in faults.items():
+            with self.subTest(fault=name):
+                for n in os.listdir(self.items):
+                    os.remove(os.path.join(self.items, n))
+                self.publish_with_standard_tools(False)
+                fault()
+                r = self.install()
+                self.assertFails(r)
+                self.assertIn(md5(FILES["lib/deep/more.txt"]), r.err)
+                self.assertIn("...failed", r.out)
+                self.assertEqual(before, self.snapshot(self.target))
+
+    def test_a_corrupt_lzma_copy_falls_back_to_the_plain_item(self):
+        self.publish_with_standard_tools(False)
+        digest = md5(FILES["lib/data.bin"])
+        with open(os.path.join(self.items, digest + ".lzma"), "wb") as f:
+            f.write(b"]\0\0\x80\0garbage")
+        self.assertOk(self.install())
+        self.assertInstalled()
+
+    def test_a_directory_or_link_where_a_file_must_go(self):
+        self.publish_with_standard_tools(False)
+        os.makedirs(self.path("target/README.txt"))
+        r = self.install()
+        self.assertFails(r)
+        self.assertTrue(os.path.isdir(self.path("target/README.txt")))
+        self.assertFalse(os.path.exists(self.path("target/lib")))
+        os.rmdir(self.path("target/README.txt"))
+        self.write("elsewhere.txt", b"not to be touched")
+        os.symlink(self.path("elsewhere.txt"), self.path("target/README.txt"))
+        r = self.install()
+        self.assertFails(r)
+        self.assertEqual(b"not to be touched", self.read("elsewhere.txt"))
+        self.assertTrue(os.path.islink(self.path("target/README.txt")))
+
+    def test_a_cycle_in_the_graph_ends(self):
+        self.publish_with_standard_tools(False)
+        xml = self.read("product.xml").decode()
+        # Make the root directory a child of one of its own sub-directories.
+        lines = xml.splitlines()
+        root_uuid = lines[2].split('UUID="')[1].split('"')[0]
+        sub = next(l for l in lines if 'Name="lib"' in l)
+        sub_uuid = sub.split('UUID="')[1].split('"')[0]
+        lines.insert(len(lines) - 1, '    <Link Source="%s" Target="%s" Name="Container"/>' % (root_uuid, sub_uuid))
+        self.write("cycle.xml", "\n".join(lines) + "\n")
+        r = self.run_ks("--load", "file=cycle.xml", "--config", "TARGET=" + self.target,
+                        "--product", "action=install", "url=file://" + self.items, timeout=60)
+        self.assertIn(r.code, (0, 1), repr(r))
+        if r.code == 1:
+            self.assertIn("error:", r.err)
+
+    def test_product_identification(self):
+        r = self.run_ks("--load", "file=product.xml", "--product", "action=verify", "name=Other")
+        self.assertFails(r)
+        self.assertIn("error: no resources for product 'Other'\n  cond[resProduct.isNotNull()]", r.err)
+        r = self.run_ks("--load", "file=product.xml", "--generate", "type=file",
+                        "path=" + self.path("app/README.txt"), "product=Second", "--product", "action=verify")
+        self.assertFails(r)
+        self.assertIn("error: unable to identify product\n  cond[prods.size()==1]", r.err)
+        r = self.product("explode")
+        self.assertFails(r)
+        self.assertIn("error: invalid action 'explode'\n  cond[false]", r.err)
+
+    def test_invoke_starts_the_installed_program_with_its_arguments(self):
+        self.publish_with_standard_tools(False)
+        self.assertOk(self.install())
+        r = self.product("invoke", "exename=tool", "exeargs=one 'two words'")
+        self.assertOk(r)
+        import time
+        for _ in range(100):
+            if os.path.exists(self.path("target/ran.txt")):
+                break
+            time.sleep(0.05)
+        self.assertEqual(b"tool-ran one two words\n", self.read("target/ran.txt"))
+        r = self.product("invoke", "exename=absent")
+        self.assertFails(r)
+        self.assertIn("absent", r.err)
+
+    def test_resolve_replaces_target_keys(self):
+        r = self.run_ks("--load", "file=product.xml", "--config", "TARGET=/opt/app",
+                        "--product", "action=resolve", "confkey=TARGET", "--save", "target=resolved.xml")
+        self.assertOk(r)
+        text = self.read("resolved.xml").decode()
+        self.assertIn('Name="/opt/app"', text)
+        self.assertNotIn("${TARGET}", text)
+        r = self.run_ks("--load", "file=product.xml", "--product", "action=resolve", "confkey=UNDEFINED")
+        self.assertFails(r)
+        self.assertIn("UNDEFINED", r.err)
+
+
+class ToolTest(ksharness.KsTestCase):
+    def test_sandboxremove_of_an_unknown_name_and_bad_action(self):
+        r = self.run_ks("--tool", "action=sandboxremove", "name=nosuch")
+        self.assertFails(r)
+        r = self.run_ks("--tool", "action=polish")
+        self.assertFails(r)
+        self.assertIn("error: invalid action 'polish'\n  cond[false]", r.err)
+
+
+if __name__ == "__main__":
+    ksharness.main()
