@@ -15,6 +15,16 @@ QString sLocation;
 int sScopes = 0;
 // How many of those scopes have begun a transaction on the open store.
 int sBegun = 0;
+// The level of a scope whose transaction could not begin (0: none), and why. Later accesses
+// within it fail at once instead of waiting for a busy store again for every resource.
+int sRefusedLevel = 0;
+KsPlatform::Status sRefused;
+
+void scopeEnded(int inLevel)
+{
+    if (sRefusedLevel >= inLevel)
+        sRefusedLevel = 0;
+}
 
 // Local application data: $XDG_DATA_HOME or ~/.local/share on Linux.
 const int sCsidlLocalAppData = 0x1C;
@@ -64,10 +74,20 @@ McResult RegistryStore::instance(KsPlatform::Registry*& outRegistry)
         sLocation = where;
     }
     // The scopes opened before this first access begin their transactions now, outermost first.
+    if (sRefusedLevel > 0 && sBegun < sScopes)
+    {
+        KS_CHECK_REGISTRY(retVal, sRefused);
+        return retVal;
+    }
     while (sBegun < sScopes)
     {
-        if (KS_CHECK_REGISTRY(retVal, sRegistry->transactionBegin()))
+        const KsPlatform::Status status = sRegistry->transactionBegin();
+        if (KS_CHECK_REGISTRY(retVal, status))
+        {
+            sRefusedLevel = sBegun + 1;
+            sRefused = status;
             return retVal;
+        }
         ++sBegun;
     }
     outRegistry = sRegistry.get();
@@ -110,6 +130,7 @@ McResult RegistryTransaction::commit()
     const bool begun = isBegun();
     mOpen = false;
     --sScopes;
+    scopeEnded(mLevel);
     if (!begun)
         return retVal;
     --sBegun;
@@ -126,6 +147,7 @@ McResult RegistryTransaction::rollback()
     const bool begun = isBegun();
     mOpen = false;
     --sScopes;
+    scopeEnded(mLevel);
     if (!begun)
         return retVal;
     --sBegun;

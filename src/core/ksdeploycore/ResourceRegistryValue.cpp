@@ -215,7 +215,7 @@ QString ResourceRegistryValue::binaryToString(const QByteArray& inData, Type inT
     }
 }
 
-McResult ResourceRegistryValue::readFromRegistry(const ResourceRegistryKey& inKey, Type& outType, QString& outValue) const
+McResult ResourceRegistryValue::readRaw(const ResourceRegistryKey& inKey, Type& outType, QByteArray& outData) const
 {
     KsPlatform::Registry* registry = nullptr;
     KsPlatform::RegistryRoot root;
@@ -232,7 +232,16 @@ McResult ResourceRegistryValue::readFromRegistry(const ResourceRegistryKey& inKe
     if (KS_CHECK_REGISTRY(retVal, registry->valueQuery(root, keyPath, valueName.toLatin1().toStdString(), type, data)))
         return retVal;
     outType = static_cast<Type>(type);
-    outValue = binaryToString(QByteArray(data.data(), static_cast<int>(data.size())), outType);
+    outData = QByteArray(data.data(), static_cast<int>(data.size()));
+    return retVal;
+}
+
+McResult ResourceRegistryValue::readFromRegistry(const ResourceRegistryKey& inKey, Type& outType, QString& outValue) const
+{
+    QByteArray data;
+    McResult retVal = readRaw(inKey, outType, data);
+    if (retVal.isOk())
+        outValue = binaryToString(data, outType);
     return retVal;
 }
 
@@ -294,11 +303,13 @@ McResult ResourceRegistryValue::verify()
     if (MC_CHECK(retVal, key.isNotNull(), "Internal Error"))
         return retVal;
     Type currType = TYPE_NONE;
-    QString currValue;
-    retVal << readFromRegistry(*key, currType, currValue);
+    QByteArray currData;
+    retVal << readRaw(*key, currType, currData);
     if (retVal.isBad())
         return retVal;
-    // Both sides in the canonical text form, so "FF" and "ff" are the same binary value.
+    // Both sides in the canonical text form of the described type, so "FF" and "ff" are the
+    // same binary value and a value of another type is reported as that, not as other data.
+    const QString currValue = binaryToString(currData, type());
     const QString expected = textProblem(value(), type()).isEmpty() ? binaryToString(binaryFromString(value(), type()), type())
                                                                     : value();
     MC_CHECK_TEXT(retVal, currType == type(), "currType==type()", "Internal Error");

@@ -60,6 +60,9 @@ public:
     static QString textProblem(const QString& inValue, Type inType);
 
 private:
+    // The live type and raw bytes of this value under inKey.
+    McResult readRaw(const ResourceRegistryKey& inKey, Type& outType, QByteArray& outData) const;
+
     Type mType = TYPE_NONE;
     QString mValue;
 };
