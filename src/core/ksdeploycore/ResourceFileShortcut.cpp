@@ -57,6 +57,12 @@ McResult ResourceFileShortcut::install()
     const QString linkPath = path();
     if (MC_CHECK(retVal, !linkPath.isEmpty(), "Internal Error"))
         return retVal;
+    // A longer text would be cut by the shell and never verify: refused instead of written.
+    if (MC_CHECK_TEXT(retVal, arguments().size() <= 1024 && description().size() <= 1024,
+                      "arguments().size() <= 1024 && description().size() <= 1024",
+                      QStringLiteral("shortcut '%1': arguments and description are limited to 1024 characters")
+                          .arg(linkPath)))
+        return retVal;
     const McHandle<ResourceFileEntry> entry = target();
     if (MC_CHECK(retVal, entry.isNotNull(), "Internal Error"))
         return retVal;
