@@ -34,9 +34,36 @@ QxDownload* QxDownload::createInstance()
 
 namespace
 {
-size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inFile)
+struct Sink
 {
-    return std::fwrite(inData, inSize, inCount, static_cast<FILE*>(inFile)) * inSize;
+    CURL* curl;
+    FILE* file;
+    bool checked = false;
+    bool errorPage = false;
+    size_t discarded = 0;
+};
+
+// The body of an error answer is read and dropped rather than failing the transfer at once:
+// libcurl closes the connection when it fails on an HTTP status, and a missing ".lzma" copy
+// must not cost the connection that the plain file is fetched through next.
+size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inSink)
+{
+    Sink& sink = *static_cast<Sink*>(inSink);
+    const size_t n = inSize * inCount;
+    if (!sink.checked)
+    {
+        long status = 0;
+        curl_easy_getinfo(sink.curl, CURLINFO_RESPONSE_CODE, &status);
+        sink.errorPage = status >= 400;
+        sink.checked = true;
+    }
+    if (sink.errorPage)
+    {
+        sink.discarded += n;
+        // A huge error page is not worth reading to the end: give up the connection instead.
+        return sink.discarded > (1u << 20) ? 0 : n;
+    }
+    return std::fwrite(inData, 1, n, sink.file);
 }
 }
 
@@ -64,12 +91,14 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
     const QByteArray url = inUrl.toUtf8();
     CURL* c = d->curl;
     curl_easy_reset(c);
+    Sink sink{c, out};
+    char errorText[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(c, CURLOPT_URL, url.constData());
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &writeToFile);
-    curl_easy_setopt(c, CURLOPT_WRITEDATA, out);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &sink);
+    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errorText);
     curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(c, CURLOPT_MAXREDIRS, 10L);
-    curl_easy_setopt(c, CURLOPT_FAILONERROR, 1L);
     curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(limit));
     curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limit));
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
@@ -84,26 +113,29 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
     mConnections += newConnections;
     const bool written = std::fclose(out) == 0;
 
+    long status = 0;
+    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, nullptr);
+
     int result = ResultOk;
-    if (rc == CURLE_OPERATION_TIMEDOUT)
-        result = ResultTimeout;
-    else if (rc == CURLE_HTTP_RETURNED_ERROR)
+    if (status >= 400)
         result = ResultHttpError;
+    else if (rc == CURLE_OPERATION_TIMEDOUT)
+        result = ResultTimeout;
     else if (rc == CURLE_WRITE_ERROR || !written)
         result = ResultWriteError;
     else if (rc != CURLE_OK)
         result = ResultFailed;
-    if (rc != CURLE_OK)
-    {
-        long status = 0;
-        curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
-        mLastError = rc == CURLE_HTTP_RETURNED_ERROR ? QStringLiteral("HTTP %1").arg(status)
-                                                     : QString::fromUtf8(curl_easy_strerror(rc));
-    }
+    if (result == ResultHttpError)
+        mLastError = QStringLiteral("HTTP %1").arg(status);
+    else if (rc != CURLE_OK)
+        mLastError = QString::fromUtf8(errorText[0] ? errorText : curl_easy_strerror(rc));
+    else if (!written)
+        mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
     if (result == ResultOk || result == ResultTimeout)
     {
-        QFile::remove(inDestination);
-        if (!QFile::rename(temp, inDestination))
+        // rename(2) replaces the destination in one step.
+        if (::rename(QFile::encodeName(temp).constData(), QFile::encodeName(inDestination).constData()) != 0)
         {
             mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
             result = ResultWriteError;
