@@ -18,4 +18,12 @@ McResult fileUncompress(const QString& inDst, const QString& inSrc);
 
 // Proves that a directory is writable by creating, writing and removing a file in it.
 McResult probeFileUpdate(const QString& inDirPath);
+
+// The one uninstall entry (HKEY_LOCAL_MACHINE, then HKEY_CURRENT_USER, key
+// "SOFTWARE\Microsoft\Windows\CurrentVersion\Uninstall") whose InstallLocation is inAppDir.
+// outIsPerMachine: it lies under HKEY_LOCAL_MACHINE; outHasUninstaller: it names an uninstall command.
+McResult productInfoByAppDir(const QString& inAppDir, bool& outIsPerMachine, bool& outHasUninstaller);
+// Runs that entry's QuietUninstallString (else UninstallString) and returns once the program
+// has ended and the entry has gone from the registry (CommonUninstall.cpp).
+McResult uninstallWhatsOnThisAppDir(const QString& inAppDir);
 }

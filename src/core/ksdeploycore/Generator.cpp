@@ -3,7 +3,9 @@
 #include "Common.h"
 #include "Engine.h"
 #include "Progress.h"
+#include "RegistryStore.h"
 #include "ResourceFileEntry.h"
+#include "ResourceRegistryValue.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -82,4 +84,92 @@ McResult Generator::generateFromDirectory(McHandle<ResourceFileDirectory>& outDi
     Engine::instance().progress().taskStartNext(
         QCoreApplication::translate("KsDeploy::Generator", "Generate from Directory"));
     return generate(outDirectory, outResources, inDirPath, inRecursive, inFilters, inExcludes);
+}
+
+namespace
+{
+McResult generateRegistry(const McHandle<ResourceRegistryKey>& inKey, McDArray<McHandle<Resource>>& outResources,
+                          bool inRecursive)
+{
+    McResult retVal;
+    Engine& engine = Engine::instance();
+    engine.trace(McLogLevelInfo, QStringLiteral("scan: %1").arg(inKey->path()));
+    McDArray<McHandle<ResourceRegistryValue>> values;
+    retVal << inKey->queryValues(values);
+    if (retVal.isBad())
+        return retVal;
+    for (int64_t i = 0; i < values.size(); ++i)
+    {
+        engine.trace(McLogLevelInfo, QStringLiteral("  found value [%1]").arg(values[i]->name()));
+        values[i]->containerSet(inKey);
+        outResources.append(McHandle<Resource>(values[i].ptr()));
+    }
+    if (!inRecursive)
+        return retVal;
+    McDArray<McHandle<ResourceRegistryKey>> keys;
+    retVal << inKey->querySubKeys(keys);
+    if (retVal.isBad())
+        return retVal;
+    for (int64_t i = 0; i < keys.size(); ++i)
+    {
+        engine.trace(McLogLevelInfo, QStringLiteral("  found key [%1]").arg(keys[i]->name()));
+        keys[i]->containerSet(inKey);
+        outResources.append(McHandle<Resource>(keys[i].ptr()));
+        retVal << generateRegistry(keys[i], outResources, true);
+        if (retVal.isBad())
+            return retVal;
+    }
+    return retVal;
+}
+}
+
+McResult Generator::generateFromRegistry(const McHandle<ResourceRegistryKey>& inKey,
+                                         McDArray<McHandle<Resource>>& outResources, bool inRecursive)
+{
+    McResult retVal;
+    Engine::instance().progress().taskStartNext(
+        QCoreApplication::translate("KsDeploy::Generator", "Generate from Registry Key"));
+    if (MC_CHECK(retVal, inKey.isNotNull(), "Internal Error"))
+        return retVal;
+    const int64_t sizeBefore = outResources.size();
+    retVal << generateRegistry(inKey, outResources, inRecursive);
+    if (retVal.isBad())
+    {
+        // The caller's array as it was, and none of the half-read resources left in the pool.
+        while (outResources.size() > sizeBefore)
+        {
+            Engine::instance().resourceUnregister(outResources[outResources.size() - 1]);
+            outResources.removeLast();
+        }
+    }
+    return retVal;
+}
+
+McResult Generator::registryKeyChain(const QString& inKeyPath, McDArray<McHandle<Resource>>& outResources,
+                                     McHandle<ResourceRegistryKey>& outKey)
+{
+    McResult retVal;
+    KsPlatform::RegistryRoot root;
+    std::string subPath;
+    if (MC_CHECK_TEXT(retVal, RegistryStore::splitPath(inKeyPath, root, subPath), "hkeyCurr!=((HKEY)(LONG_PTR)-1)",
+                      QStringLiteral("registry key '%1' does not start with one of HKEY_CLASSES_ROOT, "
+                                     "HKEY_CURRENT_CONFIG, HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE, HKEY_USERS")
+                          .arg(inKeyPath)))
+        return retVal;
+    const QStringList names = inKeyPath.split(QLatin1Char('\\'));
+    for (const QString& name : names)
+        if (MC_CHECK(retVal, !name.isEmpty(), QStringLiteral("registry key '%1' has an empty key name").arg(inKeyPath)))
+            return retVal;
+    McHandle<ResourceRegistryKey> parent;
+    for (const QString& name : names)
+    {
+        McHandle<ResourceRegistryKey> key(new ResourceRegistryKey);
+        key->nameSet(name);
+        if (parent.isNotNull())
+            key->containerSet(parent);
+        outResources.append(McHandle<Resource>(key.ptr()));
+        parent = key;
+    }
+    outKey = parent;
+    return retVal;
 }

@@ -21,5 +21,15 @@ public:
                                           McDArray<McHandle<Resource>>& outResources, const QString& inDirPath,
                                           bool inRecursive, const QStringList& inFilters,
                                           const QStringList& inExcludes);
+
+    // Appends a value resource for each value of inKey and, with inRecursive, a key resource for
+    // each subkey (with its values and subkeys in turn), each linked to its key as container.
+    // inKey itself is not appended. On failure the array is left as it was.
+    static McResult generateFromRegistry(const McHandle<ResourceRegistryKey>& inKey,
+                                         McDArray<McHandle<Resource>>& outResources, bool inRecursive);
+    // The chain of key resources for "ROOT\a\b", root first, appended to outResources; outKey is
+    // the last one. Fails for an unknown root name or an empty key name, appending nothing.
+    static McResult registryKeyChain(const QString& inKeyPath, McDArray<McHandle<Resource>>& outResources,
+                                     McHandle<ResourceRegistryKey>& outKey);
 };
 }
