@@ -1,0 +1,145 @@
+// Installing 10,000 registry values of one product through the engine (one store transaction),
+// against the sqlite3 command writing the same number of rows in one transaction. The target is
+// an install under one second; uninstall and verify are shown beside it.
+#include "BenchHarness.h"
+#include "Engine.h"
+#include "RegistryStore.h"
+#include "ResourceProduct.h"
+#include "ResourceRegistryValue.h"
+
+#include <QCoreApplication>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <unistd.h>
+
+using namespace KsDeploy;
+
+namespace
+{
+double seconds(const std::function<bool()>& inWork, bool& outOk)
+{
+    // The per-resource trace lines go to the console sink; the figure is the engine's, not the terminal's.
+    std::fflush(stdout);
+    const int saved = dup(1);
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    const auto start = std::chrono::steady_clock::now();
+    outOk = inWork();
+    const auto end = std::chrono::steady_clock::now();
+    std::fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    close(null);
+    return std::chrono::duration<double>(end - start).count();
+}
+
+// The product: HKEY_CURRENT_USER\Software\Kestra Bench with inCount values of three types.
+void describe(int inCount)
+{
+    McHandle<ResourceRegistryKey> root(new ResourceRegistryKey);
+    root->nameSet("HKEY_CURRENT_USER");
+    root->deleteOnUninstallSet(false);
+    McHandle<ResourceRegistryKey> software(new ResourceRegistryKey);
+    software->nameSet("Software");
+    software->containerSet(root);
+    software->deleteOnUninstallSet(false);
+    McHandle<ResourceRegistryKey> key(new ResourceRegistryKey);
+    key->nameSet("Kestra Bench");
+    key->containerSet(software);
+    McHandle<ResourceProduct> product(new ResourceProduct);
+    product->nameSet("Bench");
+    product->linkAdd(*root, "Registry");
+    for (int i = 0; i < inCount; ++i)
+    {
+        McHandle<ResourceRegistryValue> v(new ResourceRegistryValue);
+        v->nameSet(QStringLiteral("Value %1").arg(i));
+        switch (i % 3)
+        {
+        case 0:
+            v->typeSet(ResourceRegistryValue::TYPE_SZ);
+            v->valueSet(QStringLiteral("C:\\Program Files\\Kestra\\file%1.dat").arg(i));
+            break;
+        case 1:
+            v->typeSet(ResourceRegistryValue::TYPE_DWORD);
+            v->valueSet(QString::number(i));
+            break;
+        default:
+            v->typeSet(ResourceRegistryValue::TYPE_BINARY);
+            v->valueSet(QStringLiteral("00112233445566778899aabbccddeeff%1").arg(i % 256, 2, 16, QLatin1Char('0')));
+            break;
+        }
+        v->containerSet(key);
+    }
+}
+}
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    const int count = argc > 1 ? std::atoi(argv[1]) : 10000;
+    const std::string dir = KsBench::scratchDir("registry");
+    const std::string store = dir + "/registry.sqlite";
+    std::string envEntry = "KSDEPLOY_REGISTRY=" + store;
+    char* env[] = {&envEntry[0], nullptr};
+    Engine::instanceInit(env);
+    Engine::instance().quietSet(true);
+    describe(count);
+
+    double install = 1e9;
+    double verify = 1e9;
+    double uninstall = 1e9;
+    for (int run = 0; run < 3; ++run)
+    {
+        bool ok = false;
+        install = std::min(install, seconds([] { return Engine::instance().productInstall("Bench", false).isOk(); }, ok));
+        if (!ok)
+        {
+            std::fprintf(stderr, "install failed\n");
+            return 2;
+        }
+        verify = std::min(verify, seconds([] { return Engine::instance().productVerify("Bench").isOk(); }, ok));
+        if (!ok)
+        {
+            std::fprintf(stderr, "verify failed\n");
+            return 2;
+        }
+        uninstall = std::min(uninstall, seconds([] { return Engine::instance().productUninstall("Bench").isOk(); }, ok));
+        if (!ok)
+        {
+            std::fprintf(stderr, "uninstall failed\n");
+            return 2;
+        }
+    }
+    RegistryStore::close();
+
+    // The peer: the same rows through the sqlite3 command, in one durable WAL transaction.
+    const std::string sql = dir + "/peer.sql";
+    {
+        std::ofstream out(sql);
+        out << "PRAGMA journal_mode=WAL;\nPRAGMA synchronous=FULL;\n"
+               "CREATE TABLE IF NOT EXISTS v (key INTEGER, name TEXT COLLATE NOCASE, type INTEGER, data BLOB,"
+               " PRIMARY KEY (key, name)) WITHOUT ROWID;\nBEGIN IMMEDIATE;\nDELETE FROM v;\n";
+        for (int i = 0; i < count; ++i)
+            out << "INSERT INTO v VALUES (3, 'Value " << i << "', 1, X'0011223344556677');\n";
+        out << "COMMIT;\n";
+    }
+    const double peer = KsBench::timeCommand("sqlite3 '" + dir + "/peer.sqlite' < '" + sql + "' > /dev/null");
+
+    const std::string n = std::to_string(count);
+    const bool ratiosOk = KsBench::report({{"install " + n + " registry values (one product)", install, peer,
+                                            "sqlite3 " + n + " inserts, 1 txn", 6.0},
+                                           {"verify " + n + " registry values", verify, peer, "sqlite3 " + n + " inserts, 1 txn", 6.0},
+                                           {"uninstall " + n + " registry values", uninstall, peer,
+                                            "sqlite3 " + n + " inserts, 1 txn", 6.0}},
+                                          "Registry store");
+    const bool underASecond = install < 1.0;
+    std::printf("install of %s values: %.3f s (target < 1 s) %s\n", n.c_str(), install, underASecond ? "PASS" : "MISS");
+    Engine::instanceShutdown();
+    return ratiosOk && underASecond ? 0 : 1;
+}
