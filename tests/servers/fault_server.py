@@ -76,6 +76,7 @@ def corrupt_lzma(stream):
 
 class _Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    disable_nagle_algorithm = True  # headers and body go out as separate writes
     server_version = "KsFaultServer/1"
 
     def log_message(self, *_):

@@ -3,6 +3,7 @@
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QSet>
+#include <QThread>
 
 #ifndef KSDEPLOY_SOURCE_DIR
 #define KSDEPLOY_SOURCE_DIR ""
@@ -118,10 +119,12 @@ NginxServer::NginxServer(const QString& inRoot)
 {
 }
 
-QList<NginxServer::Request> NginxServer::requests() const
+namespace
 {
-    QList<Request> out;
-    QFile log(accessLogPath());
+QList<NginxServer::Request> readAccessLog(const QString& inPath)
+{
+    QList<NginxServer::Request> out;
+    QFile log(inPath);
     if (!log.open(QIODevice::ReadOnly))
         return out;
     for (const QByteArray& raw : log.readAll().split('\n'))
@@ -132,6 +135,19 @@ QList<NginxServer::Request> NginxServer::requests() const
         const QList<QByteArray> req = f[2].split(' ');
         out.append({f[0].toLongLong(), f[1].toLongLong(), req.size() > 1 ? QString::fromLatin1(req[1]) : QString(),
                     f[3].toInt()});
+    }
+    return out;
+}
+}
+
+QList<NginxServer::Request> NginxServer::requests(int inAtLeast) const
+{
+    QDeadlineTimer deadline(5000);
+    QList<Request> out = readAccessLog(accessLogPath());
+    while (out.size() < inAtLeast && !deadline.hasExpired())
+    {
+        QThread::msleep(10);
+        out = readAccessLog(accessLogPath());
     }
     return out;
 }

@@ -62,7 +62,9 @@ public:
         QString path;
         int status;
     };
-    QList<Request> requests() const;
+    // The access log so far. nginx logs a request just after answering it, so a caller that
+    // knows how many requests it made passes that number to wait (a few seconds at most) for them.
+    QList<Request> requests(int inAtLeast = 0) const;
     // Distinct connections that carried at least one request.
     int connectionCount() const;
     QString accessLogPath() const { return startValue(QStringLiteral("ACCESS_LOG")); }

@@ -18,19 +18,35 @@ namespace
 {
 QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::Cache", inText); }
 
+// The time limit of one download; KSDEPLOY_DOWNLOAD_TIMEOUT_MS shortens it (tests of stalling
+// servers, very slow links are the other way round).
+int downloadTimeLimit()
+{
+    bool ok = false;
+    const int ms = qEnvironmentVariableIntValue("KSDEPLOY_DOWNLOAD_TIMEOUT_MS", &ok);
+    return ok && ms > 0 ? ms : 60000;
+}
+
+struct Outcome
+{
+    bool done = false;      // ok, or timed out with whatever arrived
+    bool timedOut = false;
+    QString why;            // the failure in words
+};
+
 // One download with its two trace lines; a timeout counts as done, the digest decides.
-bool downloadOnce(const QString& inUrl, const QString& inDestination)
+Outcome downloadOnce(const QString& inUrl, const QString& inDestination)
 {
     Engine& engine = Engine::instance();
     engine.trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(inUrl, inDestination));
-    int ms = 60000;
+    int ms = downloadTimeLimit();
     QxDownload* download = QxDownload::createInstance();
     const int res = download->download(inUrl, inDestination, &ms);
     QString outcome = res == 0 ? QStringLiteral("...ok") : res == 3 ? QStringLiteral("...timeout") : QStringLiteral("...failed");
     if (res != 0 && !download->lastError().isEmpty())
         outcome += QStringLiteral(" [%1]").arg(download->lastError());
     engine.trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(ms));
-    return res == 0 || res == 3;
+    return Outcome{res == 0 || res == 3, res == 3, download->lastError()};
 }
 }
 
@@ -78,9 +94,10 @@ McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTar
             return retVal;
     }
     const QString item = itemFilePath(inBufferId);
-    retVal << QxBase::File::copyReplace(item, inTarget);
-    if (retVal.isOk())
-        scanFileRemember(inTarget, inBufferId.md5());
+    const McResult copied = QxBase::File::copyReplace(item, inTarget);
+    if (MC_CHECK_TEXT(retVal, copied.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
+        return retVal << copied; // the copy's own reason follows
+    scanFileRemember(inTarget, inBufferId.md5());
     return retVal;
 }
 
@@ -102,16 +119,25 @@ McResult Cache::retrieveFromHTTP(const BufferID& inBufferId)
 {
     McResult retVal;
     const QList<QString> urls = mListOfUrl;
+    QStringList reasons;
     for (const QString& url : urls)
-        if (retrieveFromHTTP(inBufferId, url).isOk())
+    {
+        const McResult one = retrieveFromHTTP(inBufferId, url);
+        if (one.isOk())
             break;
+        // Not passed on as a failure of its own, but the final message says why each URL failed.
+        if (*one.text())
+            reasons << QString::fromLatin1(one.text());
+    }
     if (!itemIsCached(inBufferId))
     {
-        MC_CHECK_TEXT(retVal, false, "itemIsCached(inBufferId)",
-                      urls.isEmpty() ? QStringLiteral("item %1 is not cached and no download URL is given")
-                                           .arg(inBufferId.toString())
-                                     : QStringLiteral("item %1 could not be fetched from %2")
-                                           .arg(inBufferId.toString(), urls.join(QStringLiteral(", "))));
+        QString message = urls.isEmpty() ? QStringLiteral("item %1 is not cached and no download URL is given")
+                                               .arg(inBufferId.toString())
+                                         : QStringLiteral("item %1 could not be fetched from %2")
+                                               .arg(inBufferId.toString(), urls.join(QStringLiteral(", ")));
+        if (!reasons.isEmpty())
+            message += QStringLiteral(" (%1)").arg(reasons.join(QStringLiteral("; ")));
+        MC_CHECK_TEXT(retVal, false, "itemIsCached(inBufferId)", message);
     }
     return retVal;
 }
@@ -137,29 +163,37 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     // Everything lands beside the destination first; only a checked file gets its name.
     const QString compressed = QxBase::File::temporaryPathBeside(inDestination);
     const QString plain = QxBase::File::temporaryPathBeside(inDestination);
-    bool ok = downloadOnce(inUrl + QStringLiteral(".lzma"), compressed);
-    if (ok)
+    const Outcome packed = downloadOnce(inUrl + QStringLiteral(".lzma"), compressed);
+    Outcome got = packed;
+    QString packedWhy = packed.why;
+    if (packed.done)
     {
         // A corrupt copy is not a failure yet: the plain file may still be right.
         McResult quiet;
         quiet << fileUncompress(plain, compressed);
-        ok = quiet.isOk();
+        got.done = quiet.isOk();
+        packedWhy = QString::fromLatin1(quiet.text());
     }
     QFile::remove(compressed);
-    if (!ok)
-        ok = downloadOnce(inUrl, plain);
-    if (!ok)
+    if (!got.done)
+        got = downloadOnce(inUrl, plain);
+    if (!got.done)
     {
         engine.trace(McLogLevelError, QStringLiteral("Failed to download %1").arg(inUrl));
         QFile::remove(plain);
-        MC_CHECK_TEXT(retVal, false, "download", QStringLiteral("Failed to download %1").arg(inUrl));
+        QString why = got.why;
+        // A missing ".lzma" copy is normal; a broken one is worth saying.
+        if (packed.done || (!packedWhy.isEmpty() && packedWhy != QLatin1String("HTTP 404")))
+            why += QStringLiteral("; %1.lzma: %2").arg(inUrl, packedWhy);
+        MC_CHECK_TEXT(retVal, false, "download", QStringLiteral("Failed to download %1: %2").arg(inUrl, why));
         return retVal;
     }
     if (!inExpected.isNull())
     {
         const McLib::MD5 md5 = scanFile(plain);
         if (MC_CHECK(retVal, inExpected==md5,
-                     QStringLiteral("%1: the content does not match its digest").arg(inUrl)))
+                     QStringLiteral("%1: the content does not match its digest%2")
+                         .arg(inUrl, got.timedOut ? QStringLiteral(" (%1)").arg(got.why) : QString())))
         {
             QFile::remove(plain);
             return retVal;
@@ -190,7 +224,11 @@ McResult Cache::retrieveFromFile(const QString& inFilePath, bool inCompress)
     if (inCompress)
         retVal << fileCompress(target, inFilePath);
     else
-        retVal << QxBase::File::copyReplace(inFilePath, target);
+    {
+        const McResult copied = QxBase::File::copyReplace(inFilePath, target);
+        if (MC_CHECK_TEXT(retVal, copied.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inFilePath, target)))
+            retVal << copied;
+    }
     return retVal;
 }
 

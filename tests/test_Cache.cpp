@@ -1,0 +1,584 @@
+// The content cache: item rules, pre-caching from files, folders and resources, and retrieval
+// over HTTP from nginx (normal cases, ".lzma" first, connection reuse) and from the scripted
+// fault server (every fault leaves no item and a message that says why).
+#include "Cache.h"
+#include "Common.h"
+#include "KsTestServers.h"
+#include "KsTestSupport.h"
+#include "ResourceFileDirectory.h"
+#include "ResourceFileEntry.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <memory>
+#include <random>
+#include <sys/stat.h>
+
+using namespace KsDeploy;
+
+namespace
+{
+QByteArray content(int inSize, unsigned inSeed)
+{
+    std::mt19937 rng(inSeed);
+    QByteArray out(inSize, Qt::Uninitialized);
+    for (int i = 0; i < inSize; ++i)
+        out[i] = static_cast<char>(rng() & 0xFF);
+    return out;
+}
+
+BufferID idOf(const QByteArray& inContent)
+{
+    McCoder coder;
+    coder.crcMD5Update(reinterpret_cast<const unsigned char*>(inContent.constData()),
+                       static_cast<unsigned int>(inContent.size()));
+    coder.crcMD5Final();
+    McLib::MD5 md5;
+    coder.crcMD5Query(md5.data());
+    return BufferID(md5);
+}
+
+QString hexOf(const QByteArray& inContent) { return idOf(inContent).toString(); }
+
+ino_t inodeOf(const QString& inPath)
+{
+    struct stat st;
+    return ::stat(QFile::encodeName(inPath).constData(), &st) == 0 ? st.st_ino : 0;
+}
+
+QStringList listing(const QString& inDir)
+{
+    return QDir(inDir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+class CacheTest : public KsTest::EngineTest
+{
+protected:
+    void SetUp() override
+    {
+        KsTest::EngineTest::SetUp();
+        ASSERT_TRUE(mCacheDir.isValid() && mWork.isValid());
+        Engine::instance().pathToCacheSet(mCacheDir.path());
+    }
+    Cache& cache() { return Engine::instance().cache(); }
+    QString cacheDir() const { return mCacheDir.path(); }
+    QString itemPath(const QByteArray& inContent) const { return mCacheDir.filePath(hexOf(inContent)); }
+    QString work(const QString& inName) const { return mWork.filePath(inName); }
+
+    QTemporaryDir mCacheDir;
+    QTemporaryDir mWork;
+};
+}
+
+// ---------------------------------------------------------------- items and URLs
+
+TEST_F(CacheTest, NullIdentityNamesTheCacheFolderButIsNeverAnItem)
+{
+    EXPECT_EQ(QString(), BufferID().toString());
+    EXPECT_FALSE(BufferID().isValid());
+    KsTest::writeFile(work("a"), "a");
+    ASSERT_TRUE(cache().retrieveFromFile(work("a"), false).isOk());
+    // Its path is the cache folder followed by "/": a folder, not a cached item, and removing it
+    // must not touch the folder.
+    EXPECT_FALSE(cache().itemIsCached(BufferID()));
+    cache().itemRemove(BufferID());
+    EXPECT_TRUE(QFileInfo(cacheDir()).isDir());
+    EXPECT_TRUE(cache().itemIsCached(idOf("a")));
+}
+
+TEST_F(CacheTest, IdentityText)
+{
+    const BufferID id = idOf("hello");
+    EXPECT_EQ(QStringLiteral("5d41402abc4b2a76b9719d911017c592"), id.toString());
+    bool ok = false;
+    EXPECT_EQ(id, BufferID::fromString(QStringLiteral("5D41402ABC4B2A76B9719D911017C592"), &ok));
+    EXPECT_TRUE(ok);
+    for (const char* bad : {"5d41402abc4b2a76b9719d911017c59", "5d41402abc4b2a76b9719d911017c5921",
+                            "5d41402abc4b2a76b9719d911017c59g", " 5d41402abc4b2a76b9719d911017c59"})
+    {
+        EXPECT_FALSE(BufferID::fromString(QString::fromLatin1(bad), &ok).isValid()) << bad;
+        EXPECT_FALSE(ok) << bad;
+    }
+    EXPECT_FALSE(BufferID::fromString(QString(), &ok).isValid());
+    EXPECT_TRUE(ok);
+}
+
+TEST_F(CacheTest, UrlListKeepsOrderAndDropsExactDuplicates)
+{
+    cache().httpUrlAdd(QStringLiteral("http://b.example/items"));
+    cache().httpUrlAdd(QStringLiteral("http://a.example/items"));
+    cache().httpUrlAdd(QStringLiteral("http://b.example/items"));
+    cache().httpUrlAdd(QStringLiteral("http://B.example/items"));
+    const QList<QString> expected{"http://b.example/items", "http://a.example/items", "http://B.example/items"};
+    EXPECT_EQ(expected, cache().httpUrlList());
+    const Cache copy(cache());
+    cache().httpUrlClearAll();
+    EXPECT_TRUE(cache().httpUrlList().isEmpty());
+    EXPECT_EQ(expected, copy.httpUrlList());
+}
+
+TEST_F(CacheTest, WriteToFileRules)
+{
+    const QByteArray a = content(5000, 1), b = content(5000, 2);
+    KsTest::writeFile(work("src"), a);
+    ASSERT_TRUE(cache().retrieveFromFile(work("src"), false).isOk());
+    const BufferID id = idOf(a);
+    const QString target = work("out/target");
+    QDir().mkpath(work("out"));
+
+    // Absent target: written.
+    ASSERT_TRUE(cache().itemWriteToFile(id, target, false).isOk());
+    EXPECT_TRUE(KsTest::readFile(target) == a);
+    // Already right: left as it is (the same file, not a fresh copy).
+    const ino_t before = inodeOf(target);
+    EXPECT_TRUE(cache().itemWriteToFile(id, target, false).isOk());
+    EXPECT_EQ(before, inodeOf(target));
+
+    // Different content without permission to overwrite: refused, untouched.
+    KsTest::FailureRecorder failures;
+    KsTest::writeFile(target, b);
+    McResult r = cache().itemWriteToFile(id, target, false);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_STREQ("a different file already exists", r.text());
+    EXPECT_STREQ("cond[md5==inBufferId.md5()]", r.condition());
+    EXPECT_TRUE(KsTest::readFile(target) == b);
+    // With permission: replaced.
+    ASSERT_TRUE(cache().itemWriteToFile(id, target, true).isOk());
+    EXPECT_TRUE(KsTest::readFile(target) == a);
+
+    // An item that is not cached cannot be written; the copy's reason comes second.
+    const BufferID missing = idOf("not cached");
+    const QString item = cacheDir() + "/" + missing.toString();
+    r = cache().itemWriteToFile(missing, work("out/other"), true);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("QFile::copy(\"%1\", \"%2\")\nfailed to read '%1'")
+                  .arg(item, work("out/other"))
+                  .toStdString(),
+              r.text());
+    EXPECT_STREQ("cond[b]", r.condition());
+    EXPECT_EQ(QStringList({"target"}), listing(work("out")));
+}
+
+TEST_F(CacheTest, RemoveOneAndRemoveAll)
+{
+    KsTest::writeFile(work("a"), "a");
+    KsTest::writeFile(work("b"), "b");
+    ASSERT_TRUE(cache().retrieveFromFile(work("a"), false).isOk());
+    ASSERT_TRUE(cache().retrieveFromFile(work("b"), false).isOk());
+    ASSERT_TRUE(cache().retrieveFromFile(work("b"), true).isOk());
+    cache().itemRemove(idOf("a"));
+    EXPECT_FALSE(cache().itemIsCached(idOf("a")));
+    EXPECT_TRUE(cache().itemIsCached(idOf("b")));
+    cache().itemRemoveAll();
+    EXPECT_FALSE(cache().itemIsCached(idOf("b")));
+    EXPECT_FALSE(QFileInfo::exists(itemPath("b") + ".lzma"));
+    // The cache works on afterwards.
+    ASSERT_TRUE(cache().retrieveFromFile(work("a"), false).isOk());
+    EXPECT_EQ(QStringList({hexOf("a")}), listing(cacheDir()));
+}
+
+// ---------------------------------------------------------------- pre-caching
+
+TEST_F(CacheTest, RetrieveFromFilePlainAndCompressed)
+{
+    const QByteArray text = QByteArray("resource cache item\n").repeated(5000);
+    KsTest::writeFile(work("f"), text);
+    ASSERT_TRUE(cache().retrieveFromFile(work("f"), true).isOk());
+    // Compressed only: the item is not cached, its ".lzma" copy is there for publishing.
+    EXPECT_FALSE(cache().itemIsCached(idOf(text)));
+    EXPECT_EQ(QStringList({hexOf(text) + ".lzma"}), listing(cacheDir()));
+    QProcess xz;
+    xz.start(QStringLiteral("xz"), {"--format=lzma", "-d", "-c", itemPath(text) + ".lzma"});
+    ASSERT_TRUE(xz.waitForFinished(60000));
+    EXPECT_TRUE(xz.readAllStandardOutput() == text);
+
+    ASSERT_TRUE(cache().retrieveFromFile(work("f"), false).isOk());
+    EXPECT_TRUE(cache().itemIsCached(idOf(text)));
+    EXPECT_TRUE(KsTest::readFile(itemPath(text)) == text);
+    // A second time, nothing is rewritten.
+    const ino_t before = inodeOf(itemPath(text));
+    ASSERT_TRUE(cache().retrieveFromFile(work("f"), false).isOk());
+    EXPECT_EQ(before, inodeOf(itemPath(text)));
+    EXPECT_EQ(QStringList({hexOf(text), hexOf(text) + ".lzma"}), listing(cacheDir()));
+}
+
+TEST_F(CacheTest, RetrieveFromDirectoryFiltersFilesOnlyAndSkipsLinks)
+{
+    const QString tree = work("tree");
+    KsTest::writeFile(tree + "/a.bin", "a");
+    KsTest::writeFile(tree + "/b.txt", "b");
+    KsTest::writeFile(tree + "/sub/c.bin", "c");
+    KsTest::writeFile(tree + "/sub/deeper/d.bin", "d");
+    KsTest::writeFile(tree + "/sub/same.bin", "a");  // same content: one item
+    KsTest::writeFile(work("outside/e.bin"), "e");
+    KsTest::writeFile(work("outside.bin"), "f");
+    ASSERT_TRUE(QFile::link(work("outside"), tree + "/linked"));
+    ASSERT_TRUE(QFile::link(work("outside.bin"), tree + "/linked.bin"));
+
+    ASSERT_TRUE(cache().retrieveFromDirectory(tree, false, {"*.bin"}, false).isOk());
+    EXPECT_EQ(QStringList({hexOf("a")}), listing(cacheDir()));
+
+    ASSERT_TRUE(cache().retrieveFromDirectory(tree, true, {"*.bin"}, false).isOk());
+    QStringList expected{hexOf("a"), hexOf("c"), hexOf("d")};
+    expected.sort();
+    EXPECT_EQ(expected, listing(cacheDir()));
+
+    ASSERT_TRUE(cache().retrieveFromDirectory(tree, true, {}, false).isOk());
+    expected << hexOf("b");
+    expected.sort();
+    EXPECT_EQ(expected, listing(cacheDir()));
+
+    KsTest::FailureRecorder failures;
+    const McResult r = cache().retrieveFromDirectory(work("none"), true, {}, false);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("directory '%1' does not exist").arg(work("none")).toStdString(), r.text());
+    EXPECT_STREQ("cond[dir.exists()]", r.condition());
+}
+
+TEST_F(CacheTest, RetrieveFromResourcesTakesPresentFileEntriesOnly)
+{
+    KsTest::writeFile(work("src/present"), "present");
+    KsTest::writeFile(work("src/absent"), "marked absent");
+    McHandle<ResourceFileDirectory> dir(new ResourceFileDirectory);
+    dir->nameSet(work("src"));
+    McDArray<McHandle<Resource>> list;
+    for (const char* name : {"present", "absent", "missing"})
+    {
+        McHandle<ResourceFileEntry> entry(new ResourceFileEntry);
+        entry->nameSet(QString::fromLatin1(name));
+        entry->containerSet(dir);
+        entry->absenceSet(QByteArray(name) == "absent");
+        list.append(McHandle<Resource>(entry.ptr()));
+    }
+    list.append(McHandle<Resource>(dir.ptr()));
+    ASSERT_TRUE(cache().retrieveFromResources(list, false).isOk());
+    EXPECT_EQ(QStringList({hexOf("present")}), listing(cacheDir()));
+}
+
+// ---------------------------------------------------------------- HTTP from nginx
+
+namespace
+{
+// One nginx for the suite, serving a folder each test publishes its own items to.
+class CacheHttpTest : public CacheTest
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        for (const char* v : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+            qunsetenv(v);
+        sWww.reset(new QTemporaryDir);
+        sNginx.reset(new KsTest::NginxServer(sWww->path()));
+        if (!sNginx->start())
+            FAIL() << sNginx->error().toStdString();
+    }
+    static void TearDownTestSuite()
+    {
+        sNginx.reset();
+        sWww.reset();
+    }
+    void SetUp() override
+    {
+        CacheTest::SetUp();
+        ASSERT_TRUE(sNginx && sNginx->isRunning());
+        mLogStart = sNginx->requests().size();
+    }
+    // Publishes a content under sub-folder inBase: plain, ".lzma" or both.
+    static void publish(const QString& inBase, const QByteArray& inContent, bool inPlain, bool inLzma)
+    {
+        const QString path = sWww->filePath(inBase + "/" + hexOf(inContent));
+        KsTest::writeFile(path + ".src", inContent);
+        if (inPlain)
+        {
+            ASSERT_TRUE(QFile::copy(path + ".src", path));
+        }
+        if (inLzma)
+        {
+            ASSERT_TRUE(fileCompress(path + ".lzma", path + ".src").isOk());
+        }
+        QFile::remove(path + ".src");
+    }
+    static QString base(const QString& inBase) { return sNginx->url() + "/" + inBase; }
+    // "path status" of this test's requests; waits for inExpected of them to be logged.
+    QStringList requestsSinceStart(int inExpected = 0) const
+    {
+        QStringList out;
+        for (const auto& r : sNginx->requests(mLogStart + inExpected).mid(mLogStart))
+            out << QStringLiteral("%1 %2").arg(r.path).arg(r.status);
+        return out;
+    }
+    int connectionsSinceStart() const
+    {
+        QSet<long long> seen;
+        for (const auto& r : sNginx->requests().mid(mLogStart))
+            seen.insert(r.connection);
+        return seen.size();
+    }
+
+    static std::unique_ptr<QTemporaryDir> sWww;
+    static std::unique_ptr<KsTest::NginxServer> sNginx;
+    int mLogStart = 0;
+};
+std::unique_ptr<QTemporaryDir> CacheHttpTest::sWww;
+std::unique_ptr<KsTest::NginxServer> CacheHttpTest::sNginx;
+}
+
+TEST_F(CacheHttpTest, PlainItemsComeAfterTheMissingLzmaCopyOverOneConnection)
+{
+    KsTest::LogRecorder log;
+    QList<QByteArray> items;
+    for (int i = 0; i < 5; ++i)
+    {
+        items << content(16384 + i, 100 + i);
+        publish("plain", items.last(), true, false);
+    }
+    items << QByteArray();  // the empty content is an item like any other
+    publish("plain", items.last(), true, false);
+    cache().httpUrlAdd(base("plain"));
+    QStringList expected;
+    for (const QByteArray& c : items)
+    {
+        ASSERT_TRUE(cache().retrieve(idOf(c)).isOk());
+        EXPECT_TRUE(KsTest::readFile(itemPath(c)) == c);
+        expected << QStringLiteral("/plain/%1.lzma 404").arg(hexOf(c)) << QStringLiteral("/plain/%1 200").arg(hexOf(c));
+    }
+    EXPECT_EQ(expected, requestsSinceStart(expected.size()));
+    EXPECT_EQ(1, connectionsSinceStart());
+    // Nothing but the items: no temporary files left.
+    QStringList names;
+    for (const QByteArray& c : items)
+        names << hexOf(c);
+    names.sort();
+    EXPECT_EQ(names, listing(cacheDir()));
+
+    // The traces of one retrieval: the ".lzma" attempt fails, the plain one succeeds.
+    QStringList traced;
+    for (const auto& l : log.lines())
+        traced << QString::fromStdString(l.text).replace(QRegularExpression("\\(\\d+ ms\\)"), "(T ms)")
+                      .replace(QRegularExpression(" -> .*"), " -> D");
+    const QString u = base("plain") + "/" + hexOf(items.first());
+    const QStringList first{"download: " + u + ".lzma -> D", "...failed [HTTP 404] (T ms)", "download: " + u + " -> D",
+                            "...ok (T ms)"};
+    EXPECT_EQ(first, traced.mid(0, 4));
+}
+
+TEST_F(CacheHttpTest, TheLzmaCopyIsPreferredAndThePlainFileThenNeverAsked)
+{
+    const QByteArray text = QByteArray("compressible item\n").repeated(3000);
+    const QByteArray other = content(30000, 7);
+    publish("both", text, true, true);
+    publish("both", other, false, true);
+    cache().httpUrlAdd(base("both"));
+    ASSERT_TRUE(cache().retrieve(idOf(text)).isOk());
+    ASSERT_TRUE(cache().retrieve(idOf(other)).isOk());
+    EXPECT_TRUE(KsTest::readFile(itemPath(text)) == text);
+    EXPECT_TRUE(KsTest::readFile(itemPath(other)) == other);
+    EXPECT_EQ(QStringList({"/both/" + hexOf(text) + ".lzma 200", "/both/" + hexOf(other) + ".lzma 200"}),
+              requestsSinceStart(2));
+    QStringList names{hexOf(text), hexOf(other)};
+    names.sort();
+    EXPECT_EQ(names, listing(cacheDir()));
+}
+
+TEST_F(CacheHttpTest, CachedItemsAreNotFetchedAndUncachedOnesNeedAUrl)
+{
+    const QByteArray c = content(1000, 3);
+    KsTest::writeFile(work("c"), c);
+    ASSERT_TRUE(cache().retrieveFromFile(work("c"), false).isOk());
+    EXPECT_TRUE(cache().retrieve(idOf(c)).isOk());  // no URL needed
+    cache().httpUrlAdd(base("plain"));
+    EXPECT_TRUE(cache().retrieve(idOf(c)).isOk());
+    EXPECT_TRUE(requestsSinceStart().isEmpty());
+
+    cache().httpUrlClearAll();
+    KsTest::FailureRecorder failures;
+    const BufferID missing = idOf("never published");
+    const McResult r = cache().retrieve(missing);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("item %1 is not cached and no download URL is given").arg(missing.toString()).toStdString(),
+              r.text());
+    EXPECT_STREQ("cond[itemIsCached(inBufferId)]", r.condition());
+}
+
+TEST_F(CacheHttpTest, BaseUrlsAreTriedInOrderUntilOneHasTheItem)
+{
+    const QByteArray c = content(2000, 4);
+    publish("second", c, true, false);
+    const QString dead = QStringLiteral("http://127.0.0.1:9/items");  // the discard port: nothing listens
+    cache().httpUrlAdd(dead);
+    cache().httpUrlAdd(base("first"));
+    cache().httpUrlAdd(base("second") + "/");  // a trailing slash is tolerated
+    ASSERT_TRUE(cache().retrieve(idOf(c)).isOk());
+    EXPECT_TRUE(KsTest::readFile(itemPath(c)) == c);
+    const QString h = hexOf(c);
+    EXPECT_EQ(QStringList({"/first/" + h + ".lzma 404", "/first/" + h + " 404", "/second/" + h + ".lzma 404",
+                           "/second/" + h + " 200"}),
+              requestsSinceStart(4));
+
+    // When none has it, each base URL's reason is in the message.
+    const BufferID missing = idOf("nowhere");
+    const QString m = missing.toString();
+    cache().httpUrlClearAll();
+    cache().httpUrlAdd(base("first"));
+    cache().httpUrlAdd(base("second"));
+    KsTest::FailureRecorder failures;
+    const McResult r = cache().retrieve(missing);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("item %1 could not be fetched from %2, %3 (Failed to download %2/%1: HTTP 404; "
+                             "Failed to download %3/%1: HTTP 404)")
+                  .arg(m, base("first"), base("second"))
+                  .toStdString(),
+              r.text());
+    EXPECT_TRUE(failures.hasMessage(QStringLiteral("Failed to download %1/%2: HTTP 404").arg(base("first"), m).toStdString()));
+    EXPECT_TRUE(failures.hasCondition("cond[download]"));
+    EXPECT_FALSE(cache().itemIsCached(missing));
+}
+
+// ---------------------------------------------------------------- faults
+
+namespace
+{
+// The fault server with a short download time limit, so that stalls end quickly.
+class CacheFaultTest : public CacheTest
+{
+protected:
+    void SetUp() override
+    {
+        CacheTest::SetUp();
+        for (const char* v : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+            qunsetenv(v);
+        qputenv("KSDEPLOY_DOWNLOAD_TIMEOUT_MS", "1500");
+        ASSERT_TRUE(mWww.isValid());
+    }
+    void TearDown() override
+    {
+        qunsetenv("KSDEPLOY_DOWNLOAD_TIMEOUT_MS");
+        CacheTest::TearDown();
+    }
+    // Writes an item's plain file and ".lzma" copy into the served folder.
+    QString put(const QByteArray& inContent, bool inPlain = true, bool inLzma = false)
+    {
+        const QString h = hexOf(inContent);
+        KsTest::writeFile(mWww.filePath(h), inContent);
+        if (inLzma)
+        {
+            EXPECT_TRUE(fileCompress(mWww.filePath(h + ".lzma"), mWww.filePath(h)).isOk());
+        }
+        if (!inPlain)
+            QFile::remove(mWww.filePath(h));
+        return h;
+    }
+    QTemporaryDir mWww;
+};
+}
+
+TEST_F(CacheFaultTest, EveryServerFaultLeavesNoItemAndSaysWhy)
+{
+    // One content per fault; a 23000-byte content is cut at 11500 bytes by "truncate" and "stall".
+    const QByteArray c404 = content(23000, 11), c500 = content(23000, 12), cCut = content(23000, 13),
+                     cWrong = content(23000, 14), cCorrupt = content(23000, 15), cLzmaWrong = content(23000, 16),
+                     cStall = content(23000, 17), cLzmaStall = content(23000, 18);
+    const QString h404 = hexOf(c404);
+    const QString h500 = put(c500), hCut = put(cCut), hWrong = put(cWrong), hCorrupt = put(cCorrupt, false, true),
+                  hLzmaWrong = put(cLzmaWrong, false, true), hStall = put(cStall),
+                  hLzmaStall = put(cLzmaStall, false, true);
+    KsTest::FaultServer server(mWww.path(), {"/" + h500 + "=status:500", "/" + hCut + "=truncate",
+                                             "/" + hWrong + "=wrong", "/" + hCorrupt + ".lzma=corrupt-lzma",
+                                             "/" + hLzmaWrong + ".lzma=lzma-of-wrong", "/" + hStall + "=stall",
+                                             "/" + hLzmaStall + ".lzma=stall"});
+    ASSERT_TRUE(server.start()) << server.error().toStdString();
+    const QString u = server.url();
+    cache().httpUrlAdd(u);
+
+    const struct
+    {
+        const char* fault;
+        QString hex;
+        QString why;  // a regular expression for the reason in parentheses
+    } cases[] = {
+        {"missing", h404, QRegularExpression::escape("Failed to download " + u + "/" + h404 + ": HTTP 404")},
+        {"500", h500, QRegularExpression::escape("Failed to download " + u + "/" + h500 + ": HTTP 500")},
+        {"cut", hCut,
+         QRegularExpression::escape("Failed to download " + u + "/" + hCut +
+                                    ": transfer closed with 11500 bytes remaining to read")},
+        {"wrong bytes", hWrong, QRegularExpression::escape(u + "/" + hWrong + ": the content does not match its digest")},
+        {"corrupt .lzma", hCorrupt,
+         QRegularExpression::escape("Failed to download " + u + "/" + hCorrupt + ": HTTP 404; " + u + "/" + hCorrupt +
+                                    ".lzma: lzma decompression: corrupt data")},
+        {".lzma of other bytes", hLzmaWrong,
+         QRegularExpression::escape(u + "/" + hLzmaWrong + ": the content does not match its digest")},
+        {"stall", hStall,
+         QRegularExpression::escape(u + "/" + hStall + ": the content does not match its digest (") +
+             "Operation timed out after \\d+ milliseconds with 11500 out of 23000 bytes received\\)"},
+        {"stalled .lzma", hLzmaStall,
+         QRegularExpression::escape("Failed to download " + u + "/" + hLzmaStall + ": HTTP 404; " + u + "/" +
+                                    hLzmaStall + ".lzma: lzma decompression: truncated data")},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.fault);
+        KsTest::FailureRecorder failures;
+        KsTest::LogRecorder log;
+        const McResult r = cache().retrieve(BufferID::fromString(c.hex));
+        ASSERT_TRUE(r.isBad());
+        const QString expected = "^" + QRegularExpression::escape("item " + c.hex + " could not be fetched from " + u) +
+                                 " \\(" + c.why + "\\)$";
+        EXPECT_TRUE(QRegularExpression(expected).match(QString::fromLatin1(r.text())).hasMatch())
+            << r.text() << "\n  expected: " << expected.toStdString();
+        EXPECT_STREQ("cond[itemIsCached(inBufferId)]", r.condition());
+        EXPECT_FALSE(cache().itemIsCached(BufferID::fromString(c.hex)));
+        EXPECT_TRUE(listing(cacheDir()).isEmpty()) << listing(cacheDir()).join(' ').toStdString();
+        // A failed download is also traced as a failure.
+        bool tracedFailure = false;
+        for (const auto& l : log.lines())
+            tracedFailure = tracedFailure || (l.level == McLogLevelError &&
+                                              l.text == ("Failed to download " + u + "/" + c.hex).toStdString());
+        EXPECT_EQ(c.why.startsWith("Failed"), tracedFailure);
+    }
+}
+
+TEST_F(CacheFaultTest, ABadLzmaCopyFallsBackToThePlainFile)
+{
+    const QByteArray cCorrupt = content(20000, 21), c500 = content(20000, 22), cCut = content(20000, 23);
+    const QString hCorrupt = put(cCorrupt, true, true), h500 = put(c500, true, true), hCut = put(cCut, true, true);
+    KsTest::FaultServer server(mWww.path(), {"/" + hCorrupt + ".lzma=corrupt-lzma", "/" + h500 + ".lzma=status:500",
+                                             "/" + hCut + ".lzma=truncate"});
+    ASSERT_TRUE(server.start()) << server.error().toStdString();
+    cache().httpUrlAdd(server.url());
+    for (const QByteArray& c : {cCorrupt, c500, cCut})
+    {
+        ASSERT_TRUE(cache().retrieve(idOf(c)).isOk());
+        EXPECT_TRUE(KsTest::readFile(itemPath(c)) == c);
+    }
+    EXPECT_EQ(QStringList({"GET /" + hCorrupt + ".lzma 200 corrupt-lzma", "GET /" + hCorrupt + " 200 -",
+                           "GET /" + h500 + ".lzma 500 status:500", "GET /" + h500 + " 200 -",
+                           "GET /" + hCut + ".lzma 200 truncate", "GET /" + hCut + " 200 -"}),
+              server.requests());
+    QStringList names{hCorrupt, h500, hCut};
+    names.sort();
+    EXPECT_EQ(names, listing(cacheDir()));
+}
+
+TEST_F(CacheFaultTest, ATimeoutThatDeliveredTheWholeFileIsAccepted)
+{
+    const QByteArray plain = content(30000, 31);
+    const QByteArray packed = QByteArray("stalled but complete\n").repeated(2000);
+    const QString hPlain = put(plain), hPacked = put(packed, false, true);
+    KsTest::FaultServer server(mWww.path(), {"/" + hPlain + "=stall-complete", "/" + hPacked + ".lzma=stall-complete"});
+    ASSERT_TRUE(server.start()) << server.error().toStdString();
+    cache().httpUrlAdd(server.url());
+    KsTest::LogRecorder log;
+    ASSERT_TRUE(cache().retrieve(idOf(plain)).isOk());
+    ASSERT_TRUE(cache().retrieve(idOf(packed)).isOk());
+    EXPECT_TRUE(KsTest::readFile(itemPath(plain)) == plain);
+    EXPECT_TRUE(KsTest::readFile(itemPath(packed)) == packed);
+    int timeouts = 0;
+    for (const auto& l : log.lines())
+        timeouts += QString::fromStdString(l.text).startsWith("...timeout [Operation timed out after ");
+    EXPECT_EQ(2, timeouts);
+}
