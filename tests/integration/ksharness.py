@@ -15,6 +15,8 @@ BIN = os.environ.get("KSDEPLOY_BIN") or os.path.join(
     os.path.dirname(__file__), "..", "..", "build", "bin", "ksdeploy")
 SOURCE_DIR = os.environ.get("KSDEPLOY_SOURCE_DIR") or os.path.abspath(
     os.path.join(os.path.dirname(__file__), "..", ".."))
+# The test servers (nginx_server, fault_server) are importable by every suite.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "servers"))
 
 
 class Result:

@@ -1,0 +1,186 @@
+// File helpers on real folders: removal with include and exclude patterns (never through a
+// link), whole writes, identity of paths, links and copies that replace their target in one step.
+#include "KsTestSupport.h"
+#include "QxFile.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using QxBase::File;
+
+namespace
+{
+class QxFileTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(mDir.isValid()); }
+    QString path(const QString& inName) const { return mDir.filePath(inName); }
+    static QStringList tree(const QString& inRoot)
+    {
+        QStringList out;
+        QDir dir(inRoot);
+        for (const QFileInfo& fi :
+             dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name))
+        {
+            out << fi.fileName();
+            if (fi.isDir() && !fi.isSymLink())
+                for (const QString& sub : tree(fi.absoluteFilePath()))
+                    out << fi.fileName() + "/" + sub;
+        }
+        return out;
+    }
+    static ino_t inode(const QString& inPath)
+    {
+        struct stat st;
+        return ::stat(QFile::encodeName(inPath).constData(), &st) == 0 ? st.st_ino : 0;
+    }
+
+    QTemporaryDir mDir;
+};
+}
+
+TEST_F(QxFileTest, RemoveFileTakesFilesAndLinksButNotFolders)
+{
+    EXPECT_TRUE(File::removeFile(path("missing")).isOk());
+    KsTest::writeFile(path("f"), "x");
+    EXPECT_TRUE(File::removeFile(path("f")).isOk());
+    EXPECT_FALSE(QFileInfo::exists(path("f")));
+
+    QDir().mkpath(path("folder/inner"));
+    KsTest::writeFile(path("folder/inner/keep"), "x");
+    KsTest::FailureRecorder failures;
+    const McResult r = File::removeFile(path("folder"));
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("'%1' is a directory, not a file").arg(path("folder")).toStdString(), r.text());
+
+    // Links go, what they point to stays; a dangling link goes too.
+    ASSERT_TRUE(QFile::link(path("folder"), path("dirlink")));
+    ASSERT_TRUE(QFile::link(path("nowhere"), path("dangling")));
+    EXPECT_TRUE(File::removeFile(path("dirlink")).isOk());
+    EXPECT_TRUE(File::removeFile(path("dangling")).isOk());
+    EXPECT_EQ(QStringList({"folder", "folder/inner", "folder/inner/keep"}), tree(mDir.path()));
+}
+
+TEST_F(QxFileTest, RemoveDirHonoursPatternsAndNeverFollowsLinks)
+{
+    const QString root = path("root");
+    for (const char* f : {"a.log", "b.txt", "keep.log", "sub/c.log", "sub/d.txt", "only/e.log", ".hidden.log"})
+        KsTest::writeFile(root + "/" + f, f);
+    KsTest::writeFile(path("outside/x.log"), "x");
+    ASSERT_TRUE(QFile::link(path("outside"), root + "/linked"));
+
+    ASSERT_TRUE(File::removeDir(root, true, {"*.log"}, {"keep*"}).isOk());
+    // Emptied folders go, folders with kept files stay; the link's folder is never entered.
+    EXPECT_EQ(QStringList({"b.txt", "keep.log", "linked", "sub", "sub/d.txt"}), tree(root));
+    EXPECT_TRUE(QFileInfo::exists(path("outside/x.log")));
+
+    // Without recursion the sub-folder and thus the folder itself stay.
+    ASSERT_TRUE(File::removeDir(root, false, {}, {}).isOk());
+    EXPECT_EQ(QStringList({"sub", "sub/d.txt"}), tree(root));
+
+    ASSERT_TRUE(File::removeDir(root, true, {}, {}).isOk());
+    EXPECT_FALSE(QFileInfo::exists(root));
+    EXPECT_EQ(QStringList({"outside", "outside/x.log"}), tree(mDir.path()));
+    EXPECT_TRUE(File::removeDir(root, true, {}, {}).isOk());  // already gone: nothing to do
+}
+
+TEST_F(QxFileTest, WriteAllReportsAFullDevice)
+{
+    QFile ok(path("f"));
+    ASSERT_TRUE(ok.open(QIODevice::WriteOnly));
+    const QByteArray data(3 << 20, 'z');
+    EXPECT_TRUE(File::writeAll(ok, data).isOk());
+    ok.close();
+    EXPECT_TRUE(KsTest::readFile(path("f")) == data);
+
+    QFile full(QStringLiteral("/dev/full"));
+    if (!full.open(QIODevice::WriteOnly))
+        GTEST_SKIP() << "/dev/full is not available";
+    KsTest::FailureRecorder failures;
+    const McResult r = File::writeAll(full, data);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_STREQ("failed to write '/dev/full': No space left on device", r.text());
+}
+
+TEST_F(QxFileTest, PathsPointToTheSameFile)
+{
+    KsTest::writeFile(path("d/a"), "same");
+    KsTest::writeFile(path("d/b"), "same");
+    ASSERT_EQ(0, ::link(QFile::encodeName(path("d/a")).constData(), QFile::encodeName(path("hard")).constData()));
+    ASSERT_TRUE(QFile::link(path("d/a"), path("soft")));
+    EXPECT_TRUE(File::pathsPointToTheSameFile(path("d/a"), path("d/./a")));
+    EXPECT_TRUE(File::pathsPointToTheSameFile(path("d/a"), path("hard")));
+    EXPECT_TRUE(File::pathsPointToTheSameFile(path("soft"), path("d/a")));
+    EXPECT_FALSE(File::pathsPointToTheSameFile(path("d/a"), path("d/b")));  // equal content is not enough
+    // Paths that do not exist compare by their cleaned absolute form.
+    EXPECT_TRUE(File::pathsPointToTheSameFile(path("x/../y"), path("y")));
+    EXPECT_FALSE(File::pathsPointToTheSameFile(path("y"), path("z")));
+    EXPECT_FALSE(File::pathsPointToTheSameFile(path("d/a"), path("d/a-missing")));
+}
+
+TEST_F(QxFileTest, JunctionIsALinkThatNeverReplacesAnything)
+{
+    QDir().mkpath(path("target"));
+    KsTest::writeFile(path("target/f"), "f");
+    ASSERT_TRUE(File::junctionCreate(path("j"), path("target")).isOk());
+    EXPECT_EQ(path("target"), QFileInfo(path("j")).symLinkTarget());
+    EXPECT_TRUE(KsTest::readFile(path("j/f")) == "f");
+
+    KsTest::FailureRecorder failures;
+    McResult r = File::junctionCreate(path("j"), path("target"));
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("'%1' already exists; a link is never put over it").arg(path("j")).toStdString(), r.text());
+    r = File::junctionCreate(path("j2"), path("target/f"));
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("link target '%1' is not a directory").arg(path("target/f")).toStdString(), r.text());
+    EXPECT_FALSE(QFileInfo(path("j2")).isSymLink());
+}
+
+TEST_F(QxFileTest, CopyReplaceSwapsTheTargetInOneStep)
+{
+    QByteArray big(3 * 1048576 + 17, Qt::Uninitialized);
+    for (int i = 0; i < big.size(); ++i)
+        big[i] = static_cast<char>((i * 131) >> 3);
+    KsTest::writeFile(path("src"), big);
+    ASSERT_TRUE(QFile::setPermissions(path("src"), QFile::permissions(path("src")) | QFile::ExeOwner));
+    KsTest::writeFile(path("dst"), "old content");
+
+    // A reader that had the old target open keeps reading the old bytes.
+    QFile reader(path("dst"));
+    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+    const ino_t before = inode(path("dst"));
+    ASSERT_TRUE(File::copyReplace(path("src"), path("dst")).isOk());
+    EXPECT_NE(before, inode(path("dst")));
+    EXPECT_TRUE(KsTest::readFile(path("dst")) == big);
+    EXPECT_TRUE(QFile::permissions(path("dst")) & QFile::ExeOwner);
+    EXPECT_EQ(QByteArray("old content"), reader.readAll());
+
+    KsTest::FailureRecorder failures;
+    McResult r = File::copyReplace(path("missing"), path("dst"));
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("failed to read '%1'").arg(path("missing")).toStdString(), r.text());
+    r = File::copyReplace(path("src"), path("no/folder/dst"));
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("failed to write '%1'").arg(path("no/folder/dst")).toStdString(), r.text());
+    EXPECT_TRUE(KsTest::readFile(path("dst")) == big);
+    EXPECT_EQ(QStringList({"dst", "src"}), tree(mDir.path()));
+}
+
+TEST_F(QxFileTest, TemporaryPathBesideIsHiddenInTheSameFolderAndFresh)
+{
+    const QString a = File::temporaryPathBeside(path("name.txt"));
+    const QString b = File::temporaryPathBeside(path("name.txt"));
+    EXPECT_NE(a, b);
+    for (const QString& t : {a, b})
+    {
+        EXPECT_EQ(mDir.path(), QFileInfo(t).absolutePath());
+        EXPECT_TRUE(QFileInfo(t).fileName().startsWith(".name.txt.")) << t.toStdString();
+        EXPECT_TRUE(t.endsWith(".part"));
+        EXPECT_FALSE(QFileInfo::exists(t));
+    }
+}
