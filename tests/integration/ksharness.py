@@ -11,8 +11,8 @@ import sys
 import tempfile
 import unittest
 
-BIN = os.environ.get("KSDEPLOY_BIN") or os.path.join(
-    os.path.dirname(__file__), "..", "..", "build", "bin", "ksdeploy")
+BIN = os.path.abspath(os.environ.get("KSDEPLOY_BIN") or os.path.join(
+    os.path.dirname(__file__), "..", "..", "build", "bin", "ksdeploy"))
 SOURCE_DIR = os.environ.get("KSDEPLOY_SOURCE_DIR") or os.path.abspath(
     os.path.join(os.path.dirname(__file__), "..", ".."))
 # The test servers (nginx_server, fault_server) are importable by every suite.

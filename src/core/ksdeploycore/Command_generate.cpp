@@ -4,6 +4,7 @@
 #include "Generator.h"
 #include "ResourceFileDirectory.h"
 #include "ResourceProduct.h"
+#include "ResourceRegistryKey.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -133,7 +134,32 @@ McResult Command_generate::execute()
         }
     }
     else if (t == QLatin1String("registry"))
-        MC_CHECK_TEXT(retVal, false, "false", QStringLiteral("generate type=registry is not available yet"));
+    {
+        McHandle<Attribute> key;
+        McHandle<Attribute> recursiveAttribute;
+        retVal << attribute1(key, QStringLiteral("key"), true);
+        retVal << attribute1(recursiveAttribute, QStringLiteral("recursive"), false);
+        if (retVal.isBad())
+            return retVal;
+        McDArray<McHandle<Resource>> resources;
+        McHandle<ResourceRegistryKey> leaf;
+        retVal << Generator::registryKeyChain(key->value(), resources, leaf);
+        if (retVal.isOk())
+            retVal << Generator::generateFromRegistry(leaf, resources,
+                                                      recursiveAttribute.isNull() || commandFlag(recursiveAttribute));
+        // A product reaches its registry through a link to the root of the key chain; an existing
+        // product of that name (from a directory generated before) gets the link too.
+        if (retVal.isOk() && product.isNotNull() && resources.size() > 0)
+        {
+            McHandle<ResourceProduct> resProduct = Engine::instance().productResource(product->value());
+            if (resProduct.isNull())
+            {
+                resProduct = new ResourceProduct;
+                resProduct->nameSet(product->value());
+            }
+            resProduct->linkAdd(*resources[0], QStringLiteral("Registry"));
+        }
+    }
     else
         MC_CHECK_TEXT(retVal, false, "false", QStringLiteral("invalid type '%1'").arg(t));
     return retVal;

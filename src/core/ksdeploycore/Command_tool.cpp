@@ -7,16 +7,6 @@ using namespace KsDeploy;
 
 KS_COMMAND_CLASS_DEFINE(Command_tool, "tool")
 
-namespace
-{
-McResult toolUninstallByPath(const QString& inPath)
-{
-    McResult retVal;
-    MC_CHECK_TEXT(retVal, false, "false",
-                  QStringLiteral("uninstall by path is not available yet (path '%1')").arg(inPath));
-    return retVal;
-}
-}
 
 const char* const Command_tool::sHelpMessageBrief = "Unspecific actions.";
 
@@ -54,7 +44,7 @@ McResult Command_tool::execute()
     {
         retVal << attribute1(argument, QStringLiteral("path"), true);
         if (retVal.isOk())
-            retVal << toolUninstallByPath(argument->value());
+            retVal << uninstallWhatsOnThisAppDir(argument->value());
     }
     else if (action->value() == QLatin1String("sandboxremove"))
     {

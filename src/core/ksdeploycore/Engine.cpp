@@ -7,6 +7,7 @@
 #include "ResourcePoolIndex.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 using namespace KsDeploy;
 
@@ -196,6 +197,14 @@ McResult Engine::pathOfMaintenanceDir(QString& outValue) const
 McResult Engine::pathToCache(QString& outValue) const
 {
     McResult retVal;
+    // Asked for once per item or more: the folder verified last time costs one stat, not a dozen.
+    if (!mPathToCacheVerified.isEmpty() &&
+        (mPathToCache.isEmpty() ? mPathToCacheVerifiedIsDefault : mPathToCacheVerified == mPathToCache) &&
+        QFileInfo(mPathToCacheVerified).isDir())
+    {
+        outValue = mPathToCacheVerified;
+        return retVal;
+    }
     outValue = mPathToCache;
     if (outValue.isEmpty())
     {
@@ -212,5 +221,10 @@ McResult Engine::pathToCache(QString& outValue) const
     if (retVal.isBad())
         outValue.clear();
     ensureDirPostconditions(retVal, outValue);
+    if (retVal.isOk() && QDir(outValue).isAbsolute())
+    {
+        mPathToCacheVerified = outValue;
+        mPathToCacheVerifiedIsDefault = mPathToCache.isEmpty();
+    }
     return retVal;
 }

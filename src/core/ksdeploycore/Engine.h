@@ -124,6 +124,9 @@ private:
     McDArray<McHandle<Resource>> mListOfResource;
     Configuration mConfiguration;
     QString mPathToCache;
+    // The cache folder last checked by pathToCache, and whether it was the default one.
+    mutable QString mPathToCacheVerified;
+    mutable bool mPathToCacheVerifiedIsDefault = false;
     // Per open transaction: the product's directories that did not exist when it began, removed
     // again (when empty) on rollback so that a failed install leaves no folders behind.
     QHash<QString, QStringList> mListOfTransactionNewDirs;
