@@ -136,14 +136,35 @@ McResult File::copyReplace(const QString& inSource, const QString& inTarget)
         return retVal;
     }
     bool ok = true;
-    // The kernel copies without passing the bytes through us where it can.
+    // Small files (most of a product) go through one buffer: fewer calls than a kernel copy.
+    off_t copied = 0;
+    if (st.st_size <= 65536)
+    {
+        static thread_local char small[65536];
+        const ssize_t r = ::read(in, small, sizeof(small));
+        if (r >= 0 && r == st.st_size && ::write(out, small, static_cast<size_t>(r)) == r)
+            copied = st.st_size;
+        else
+        {
+            ::lseek(in, 0, SEEK_SET);
+            ::ftruncate(out, 0);
+            ::lseek(out, 0, SEEK_SET);
+        }
+    }
+    // The kernel copies without passing the bytes through us where it can; the size known from
+    // fstat spares the final call that would only report the end.
     for (;;)
     {
+        if (copied >= st.st_size)
+            break;
         const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
         if (n == 0)
             break;
         if (n > 0)
+        {
+            copied += n;
             continue;
+        }
         if (errno == EINTR)
             continue;
         // Not supported here: copy through a buffer.
