@@ -25,6 +25,13 @@ class LoadSaveTest(ksharness.KsTestCase):
         self.assertEqual(self.read("first.xml"), self.read("second.xml"))
         self.assertIn("save\n  [second.xml]\n  [res: 5, lnk: 4]\n", r.out)
 
+    def test_saved_file_is_well_formed_for_xmllint(self):
+        self._product()
+        if shutil.which("xmllint") is None:
+            self.skipTest("xmllint is not installed (scripts/bootstrap.sh installs libxml2-utils)")
+        lint = subprocess.run(["xmllint", "--noout", self.path("first.xml")], stderr=subprocess.PIPE)
+        self.assertEqual(0, lint.returncode, lint.stderr)
+
     def test_gv_only_for_exact_true_and_dot_accepts_it(self):
         self._product()
         r = self.run_ks("--load", "file=first.xml", "--save", "target=upper.xml", "gv=TRUE")
