@@ -8,6 +8,7 @@
 #include <QHash>
 #include <QUuid>
 
+#include <cstdio>
 #include <cstdlib>
 #include <sys/stat.h>
 
@@ -130,27 +131,32 @@ McResult convertFile(const QString& inDst, const QString& inSrc, bool inCompress
         return retVal;
     if (MC_CHECK(retVal, fileSrc.open( QIODevice::ReadOnly ), inSrc))
         return retVal;
-    McDArray<unsigned char> out;
-    {
-        const QByteArray content = fileSrc.readAll();
-        fileSrc.close();
-        const unsigned char* data = reinterpret_cast<const unsigned char*>(content.constData());
-        retVal << (inCompress ? lzmaCompress(out, data, content.size()) : lzmaUncompress(out, data, content.size()));
-        if (retVal.isBad())
-            return retVal; // the codec reported why
-    }
-    // Written beside the destination and renamed into place: never a half-written file.
+    const QByteArray content = fileSrc.readAll();
+    fileSrc.close();
+    // Written beside the destination and renamed into place: never a half-written file. The
+    // codec's output is written as it comes rather than collected first, which spares a second
+    // whole copy in memory (and its page faults) but gives the same bytes.
     const QString temp = QxBase::File::temporaryPathBeside(inDst);
     QFile fileDst(temp);
     if (MC_CHECK_TEXT(retVal, fileDst.open(QIODevice::WriteOnly | QIODevice::Truncate),
                       "fileDst.open( QIODevice::WriteOnly | QIODevice::Truncate )", inDst))
         return retVal;
-    retVal << QxBase::File::writeAll(fileDst, reinterpret_cast<const char*>(out.data()), out.size());
+    McResult written;
+    const LzmaSink sink = [&](const unsigned char* inData, size_t inSize) {
+        written << QxBase::File::writeAll(fileDst, reinterpret_cast<const char*>(inData), static_cast<qint64>(inSize));
+        return written.isOk();
+    };
+    const unsigned char* data = reinterpret_cast<const unsigned char*>(content.constData());
+    const McResult coded = inCompress ? lzmaCompressTo(sink, data, content.size()) : lzmaUncompressTo(sink, data, content.size());
+    // The codec's reason, else the write's.
+    retVal << (coded.isBad() && written.isOk() ? coded : written);
+    if (retVal.isOk())
+        retVal << QxBase::File::writeAll(fileDst, QByteArray()); // flushes
     fileDst.close();
     if (retVal.isOk())
     {
-        QFile::remove(inDst);
-        MC_CHECK_TEXT(retVal, QFile::rename(temp, inDst), "rename", inDst);
+        MC_CHECK_TEXT(retVal, ::rename(QFile::encodeName(temp).constData(), QFile::encodeName(inDst).constData()) == 0,
+                      "rename", inDst);
     }
     if (retVal.isBad())
         QFile::remove(temp);

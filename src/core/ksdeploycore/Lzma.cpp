@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 using namespace KsDeploy;
 
@@ -12,6 +13,16 @@ namespace
 // Bounds what a stream may make us allocate: decoder state, and the size a header claims.
 const uint64_t sDecoderMemLimit = 256ull << 20;
 const uint64_t sMaxClaimedSize = 16ull << 30;
+
+const char* whyOf(lzma_ret inRet)
+{
+    return inRet == LZMA_MEMLIMIT_ERROR  ? "needs more memory than allowed"
+           : inRet == LZMA_FORMAT_ERROR  ? "not in the lzma format"
+           : inRet == LZMA_DATA_ERROR    ? "corrupt data"
+           : inRet == LZMA_BUF_ERROR     ? "truncated data"
+           : inRet == LZMA_OPTIONS_ERROR ? "unsupported options"
+                                         : "codec failure";
+}
 
 McResult run(lzma_stream& inStream, McDArray<unsigned char>& outData, const unsigned char* inData, int64_t inSize,
              int64_t inFirstGuess, const char* inWhat)
@@ -35,50 +46,123 @@ McResult run(lzma_stream& inStream, McDArray<unsigned char>& outData, const unsi
         outData.resize(before + room - static_cast<int64_t>(inStream.avail_out));
     }
     const bool ok = ret == LZMA_STREAM_END;
-    const char* why = ret == LZMA_MEMLIMIT_ERROR  ? "needs more memory than allowed"
-                      : ret == LZMA_FORMAT_ERROR  ? "not in the lzma format"
-                      : ret == LZMA_DATA_ERROR    ? "corrupt data"
-                      : ret == LZMA_BUF_ERROR     ? "truncated data"
-                      : ret == LZMA_OPTIONS_ERROR ? "unsupported options"
-                                                  : "codec failure";
-    MC_CHECK_TEXT(retVal, ok, "ret == LZMA_STREAM_END", QStringLiteral("%1: %2").arg(inWhat, why));
+    MC_CHECK_TEXT(retVal, ok, "ret == LZMA_STREAM_END", QStringLiteral("%1: %2").arg(inWhat, whyOf(ret)));
     if (!ok)
         outData.resize(0);
     lzma_end(&inStream);
+    return retVal;
+}
+
+// Output goes through a fixed buffer to the sink: no growing copy of the whole result.
+McResult runTo(lzma_stream& inStream, const LzmaSink& inSink, const unsigned char* inData, int64_t inSize,
+               const char* inWhat)
+{
+    McResult retVal;
+    const size_t bufLen = 1 << 20;
+    std::unique_ptr<unsigned char[]> buf(new unsigned char[bufLen]);
+    inStream.next_in = inData;
+    inStream.avail_in = static_cast<size_t>(inSize);
+    lzma_ret ret = LZMA_OK;
+    bool sinkOk = true;
+    while (ret == LZMA_OK && sinkOk)
+    {
+        inStream.next_out = buf.get();
+        inStream.avail_out = bufLen;
+        ret = lzma_code(&inStream, LZMA_FINISH);
+        const size_t produced = bufLen - inStream.avail_out;
+        if (produced > 0 && (ret == LZMA_OK || ret == LZMA_STREAM_END))
+            sinkOk = inSink(buf.get(), produced);
+    }
+    lzma_end(&inStream);
+    if (!sinkOk)
+    {
+        retVal.makeBad(1); // the sink has reported why
+        return retVal;
+    }
+    MC_CHECK_TEXT(retVal, ret == LZMA_STREAM_END, "ret == LZMA_STREAM_END",
+                  QStringLiteral("%1: %2").arg(inWhat, whyOf(ret)));
+    return retVal;
+}
+
+// Reads the size a ".lzma" header claims (all ones: unknown) and refuses a stream too short for
+// a header or claiming an absurd size, before a single byte is allocated for it.
+McResult claimedSize(const unsigned char* inData, int64_t inSize, uint64_t& outClaimed)
+{
+    McResult retVal;
+    outClaimed = UINT64_MAX;
+    if (MC_CHECK_TEXT(retVal, inSize >= 13, "inSize >= 13", "lzma decompression: truncated data"))
+        return retVal;
+    uint64_t claimed = 0;
+    for (int i = 0; i < 8; ++i)
+        claimed |= static_cast<uint64_t>(inData[5 + i]) << (8 * i);
+    outClaimed = claimed;
+    const bool known = claimed != UINT64_MAX;
+    MC_CHECK_TEXT(retVal, !known || claimed <= sMaxClaimedSize, "claimedSize <= sMaxClaimedSize",
+                  QStringLiteral("lzma decompression: the stream claims %1 bytes").arg(claimed));
+    return retVal;
+}
+
+McResult encoderStart(lzma_stream& outStream)
+{
+    McResult retVal;
+    lzma_options_lzma options;
+    lzma_lzma_preset(&options, 6);
+    MC_CHECK_TEXT(retVal, lzma_alone_encoder(&outStream, &options) == LZMA_OK, "lzma_alone_encoder() == LZMA_OK",
+                  "lzma compression could not start");
+    return retVal;
+}
+
+McResult decoderStart(lzma_stream& outStream)
+{
+    McResult retVal;
+    MC_CHECK_TEXT(retVal, lzma_alone_decoder(&outStream, sDecoderMemLimit) == LZMA_OK,
+                  "lzma_alone_decoder() == LZMA_OK", "lzma decompression could not start");
     return retVal;
 }
 }
 
 McResult KsDeploy::lzmaCompress(McDArray<unsigned char>& outData, const unsigned char* inData, int64_t inSize)
 {
-    McResult retVal;
-    lzma_options_lzma options;
-    lzma_lzma_preset(&options, 6);
     lzma_stream stream = LZMA_STREAM_INIT;
-    if (MC_CHECK_TEXT(retVal, lzma_alone_encoder(&stream, &options) == LZMA_OK, "lzma_alone_encoder() == LZMA_OK",
-                      "lzma compression could not start"))
+    McResult retVal = encoderStart(stream);
+    if (retVal.isBad())
         return retVal;
     return run(stream, outData, inData, inSize, inSize / 3 + 1024, "lzma compression");
 }
 
 McResult KsDeploy::lzmaUncompress(McDArray<unsigned char>& outData, const unsigned char* inData, int64_t inSize)
 {
-    McResult retVal;
-    if (MC_CHECK_TEXT(retVal, inSize >= 13, "inSize >= 13", "lzma decompression: truncated data"))
-        return retVal;
-    // The header's size field: all ones means unknown; anything absurd is refused before
-    // a single byte is allocated for it.
     uint64_t claimed = 0;
-    for (int i = 0; i < 8; ++i)
-        claimed |= static_cast<uint64_t>(inData[5 + i]) << (8 * i);
-    const bool known = claimed != UINT64_MAX;
-    if (MC_CHECK_TEXT(retVal, !known || claimed <= sMaxClaimedSize, "claimedSize <= sMaxClaimedSize",
-                      QStringLiteral("lzma decompression: the stream claims %1 bytes").arg(claimed)))
+    McResult retVal = claimedSize(inData, inSize, claimed);
+    if (retVal.isBad())
         return retVal;
     lzma_stream stream = LZMA_STREAM_INIT;
-    if (MC_CHECK_TEXT(retVal, lzma_alone_decoder(&stream, sDecoderMemLimit) == LZMA_OK,
-                      "lzma_alone_decoder() == LZMA_OK", "lzma decompression could not start"))
+    retVal << decoderStart(stream);
+    if (retVal.isBad())
         return retVal;
+    const bool known = claimed != UINT64_MAX;
     const int64_t guess = known ? static_cast<int64_t>(std::min<uint64_t>(claimed, 256ull << 20)) + 1 : inSize * 4;
     return run(stream, outData, inData, inSize, guess, "lzma decompression");
+}
+
+McResult KsDeploy::lzmaCompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize)
+{
+    lzma_stream stream = LZMA_STREAM_INIT;
+    McResult retVal = encoderStart(stream);
+    if (retVal.isBad())
+        return retVal;
+    return runTo(stream, inSink, inData, inSize, "lzma compression");
+}
+
+McResult KsDeploy::lzmaUncompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize)
+{
+    uint64_t claimed = 0;
+    McResult retVal = claimedSize(inData, inSize, claimed);
+    if (retVal.isBad())
+        return retVal;
+    lzma_stream stream = LZMA_STREAM_INIT;
+    retVal << decoderStart(stream);
+    if (retVal.isBad())
+        return retVal;
+    return runTo(stream, inSink, inData, inSize, "lzma decompression");
 }

@@ -1,10 +1,20 @@
 #pragma once
 #include "KsGlobal.h"
 
+#include <functional>
+
 namespace KsDeploy
 {
 // Whole-buffer codec in the ".lzma" format (the format `xz --format=lzma` reads and writes):
 // a 13-byte header with the coder properties and the size, then the raw stream.
 McResult lzmaCompress(McDArray<unsigned char>& outData, const unsigned char* inData, int64_t inSize);
 McResult lzmaUncompress(McDArray<unsigned char>& outData, const unsigned char* inData, int64_t inSize);
+
+// The same codec over the whole input, handing the output to inSink piece by piece as it is
+// produced (the concatenation is exactly what the calls above return). A sink that returns
+// false stops the codec with a failure. Lets a file be written without a second whole copy
+// of it in memory.
+using LzmaSink = std::function<bool(const unsigned char* inData, size_t inSize)>;
+McResult lzmaCompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize);
+McResult lzmaUncompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize);
 }
