@@ -6,11 +6,13 @@
 #include <QFile>
 
 #include <cstdio>
+#include <vector>
 #include <curl/curl.h>
 
 struct QxDownload::Private
 {
     CURL* curl = nullptr;
+    std::vector<char> fileBuffer; // kept between downloads: many small items come one after another
 };
 
 QxDownload::QxDownload() : d(new Private)
@@ -37,7 +39,10 @@ namespace
 struct Sink
 {
     CURL* curl;
-    FILE* file;
+    QByteArray path;
+    std::vector<char>* buffer;
+    FILE* file = nullptr;
+    bool openFailed = false;
     bool checked = false;
     bool errorPage = false;
     size_t discarded = 0;
@@ -63,7 +68,15 @@ size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inSink)
         // A huge error page is not worth reading to the end: give up the connection instead.
         return sink.discarded > (1u << 20) ? 0 : n;
     }
-    return std::fwrite(inData, 1, n, sink.file);
+    // Opened on the first byte of a good answer: an error page costs no file.
+    if (!sink.file && !sink.openFailed)
+    {
+        sink.file = std::fopen(sink.path.constData(), "wb");
+        sink.openFailed = !sink.file;
+        if (sink.file)
+            std::setvbuf(sink.file, sink.buffer->data(), _IOFBF, sink.buffer->size());
+    }
+    return sink.file ? std::fwrite(inData, 1, n, sink.file) : 0;
 }
 }
 
@@ -79,19 +92,12 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
         return ResultFailed;
     }
     const QString temp = QxBase::File::temporaryPathBeside(inDestination);
-    FILE* out = std::fopen(QFile::encodeName(temp).constData(), "wb");
-    if (!out)
-    {
-        mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
-        if (inoutMs)
-            *inoutMs = static_cast<int>(timer.elapsed());
-        return ResultWriteError;
-    }
-    std::setvbuf(out, nullptr, _IOFBF, 1 << 20);
+    if (d->fileBuffer.empty())
+        d->fileBuffer.resize(1 << 20);
     const QByteArray url = inUrl.toUtf8();
     CURL* c = d->curl;
     curl_easy_reset(c);
-    Sink sink{c, out};
+    Sink sink{c, QFile::encodeName(temp), &d->fileBuffer};
     char errorText[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(c, CURLOPT_URL, url.constData());
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &writeToFile);
@@ -107,11 +113,19 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
     curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https,file");
     curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(c, CURLOPT_USERAGENT, "ksdeploy");
+    // Fewer, larger reads for big items.
+    curl_easy_setopt(c, CURLOPT_BUFFERSIZE, 256L * 1024L);
     const CURLcode rc = curl_easy_perform(c);
     long newConnections = 0;
     curl_easy_getinfo(c, CURLINFO_NUM_CONNECTS, &newConnections);
     mConnections += newConnections;
-    const bool written = std::fclose(out) == 0;
+    // An answer without a body still gives a (empty) file, a stalled one what arrived: nothing.
+    if (!sink.file && !sink.openFailed && !sink.errorPage && (rc == CURLE_OK || rc == CURLE_OPERATION_TIMEDOUT))
+    {
+        sink.file = std::fopen(sink.path.constData(), "wb");
+        sink.openFailed = !sink.file;
+    }
+    const bool written = !sink.openFailed && (!sink.file || std::fclose(sink.file) == 0);
 
     long status = 0;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
@@ -122,16 +136,18 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
         result = ResultHttpError;
     else if (rc == CURLE_OPERATION_TIMEDOUT)
         result = ResultTimeout;
-    else if (rc == CURLE_WRITE_ERROR || !written)
+    else if ((rc == CURLE_WRITE_ERROR || rc == CURLE_OK) && !written)
+        result = ResultWriteError;
+    else if (rc == CURLE_WRITE_ERROR)
         result = ResultWriteError;
     else if (rc != CURLE_OK)
         result = ResultFailed;
     if (result == ResultHttpError)
         mLastError = QStringLiteral("HTTP %1").arg(status);
-    else if (rc != CURLE_OK)
-        mLastError = QString::fromUtf8(errorText[0] ? errorText : curl_easy_strerror(rc));
     else if (!written)
         mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
+    else if (rc != CURLE_OK)
+        mLastError = QString::fromUtf8(errorText[0] ? errorText : curl_easy_strerror(rc));
     if (result == ResultOk || result == ResultTimeout)
     {
         // rename(2) replaces the destination in one step.
