@@ -22,6 +22,8 @@ namespace
 // Every failure reported through Ks::fail reaches the user on standard error.
 bool printFailure(const McResult& inResult)
 {
+    // Progress lines written before the failure come first when both streams share one file.
+    std::fflush(stdout);
     std::fprintf(stderr, "error: %s\n", inResult.text());
     if (*inResult.condition())
         std::fprintf(stderr, "  %s at %s:%d\n", inResult.condition(), inResult.location(), inResult.line());

@@ -80,6 +80,7 @@ void Cache::itemRemoveAll()
     if (Engine::instance().pathToCache(dir).isBad())
         return;
     QxBase::File::removeDir(dir, true, QStringList(), QStringList());
+    Engine::instance().pathToCacheForget();
 }
 
 McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite)

@@ -10,6 +10,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <new>
 #include <sys/stat.h>
 
 using namespace KsDeploy;
@@ -58,11 +60,14 @@ McLib::MD5 hashFile(const QString& inFilePath)
     McLib::MD5 result;
     McCoder coder;
     const int64_t bufLen = 1048576;
-    char* buf = nullptr;
+    // One buffer per thread for every file: a fresh megabyte per file costs a mapping and page
+    // faults that show on products of many small files.
+    static thread_local std::unique_ptr<char[]> sBuffer(new (std::nothrow) char[bufLen]);
+    char* buf = sBuffer.get();
     QFile qFile(inFilePath);
     do
     {
-        if (MC_CHECK(retVal, (buf = static_cast<char*>(::malloc(bufLen)))!=0, "Internal Error"))
+        if (MC_CHECK(retVal, buf!=0, "Internal Error"))
             break;
         if (MC_CHECK(retVal, qFile.exists(), "Internal Error"))
             break;
@@ -86,7 +91,6 @@ McLib::MD5 hashFile(const QString& inFilePath)
         coder.crcMD5Query(result.data());
     } while (false);
     qFile.close();
-    ::free(buf);
     if (retVal.isBad())
         result.clear();
     McResult report;

@@ -152,6 +152,45 @@ bool Configuration::isResolved(const QString& inExpression) const
     return !inExpression.contains(QLatin1String("${"), Qt::CaseSensitive);
 }
 
+// One pass over the text: each "${KEY}" whose key is defined is replaced by its value. Looking
+// the keys up where they occur, instead of trying every defined key on the text, keeps paths
+// cheap to resolve however many values the configuration holds.
+void Configuration::substituteDefined(QString& inoutExpression) const
+{
+    const QLatin1String open("${");
+    qsizetype start = inoutExpression.indexOf(open);
+    if (start < 0)
+        return;
+    QString out;
+    out.reserve(inoutExpression.size());
+    qsizetype pos = 0;
+    while (start >= 0)
+    {
+        const qsizetype end = inoutExpression.indexOf(QLatin1Char('}'), start + 2);
+        if (end < 0)
+            break;
+        const qsizetype inner = inoutExpression.indexOf(open, start + 2);
+        if (inner >= 0 && inner < end)
+        {
+            // "${A${B}}": the inner reference first; the outer one may form in the next pass.
+            start = inner;
+            continue;
+        }
+        const auto it = mListOfValue.constFind(inoutExpression.mid(start + 2, end - start - 2));
+        if (it != mListOfValue.constEnd())
+        {
+            out += QStringView(inoutExpression).mid(pos, start - pos);
+            out += it.value().second;
+            pos = end + 1;
+        }
+        start = inoutExpression.indexOf(open, end + 1);
+    }
+    if (pos == 0)
+        return;
+    out += QStringView(inoutExpression).mid(pos);
+    inoutExpression = out;
+}
+
 McResult Configuration::resolve(QString& inoutExpression)
 {
     const QString given = inoutExpression;
@@ -159,6 +198,16 @@ McResult Configuration::resolve(QString& inoutExpression)
     Engine& engine = Engine::instance();
     if (isResolved(inoutExpression))
         return retVal;
+    // The usual case, references to defined values that resolve completely, takes the quick
+    // route; whatever does not (undefined keys, cycles) goes the full way with its reports.
+    QString quick = inoutExpression;
+    for (int pass = 0; pass < 16 && !isResolved(quick); ++pass)
+        substituteDefined(quick);
+    if (isResolved(quick))
+    {
+        inoutExpression = quick;
+        return retVal;
+    }
 
     int maxLoop = 1000;
     for (;;)

@@ -98,6 +98,7 @@ public:
     McResult resolve(QString& inoutExpression, const QString& inTargetKey);
 
 private:
+    void substituteDefined(QString& inoutExpression) const;
     QHash<QString, QPair<bool, QString>> mListOfValue;
 };
 }

@@ -197,10 +197,10 @@ McResult Engine::pathOfMaintenanceDir(QString& outValue) const
 McResult Engine::pathToCache(QString& outValue) const
 {
     McResult retVal;
-    // Asked for once per item or more: the folder verified last time costs one stat, not a dozen.
+    // Asked for once per item or more: the folder verified before is taken as it is. Whoever
+    // removes it (Cache::itemRemoveAll) calls pathToCacheForget.
     if (!mPathToCacheVerified.isEmpty() &&
-        (mPathToCache.isEmpty() ? mPathToCacheVerifiedIsDefault : mPathToCacheVerified == mPathToCache) &&
-        QFileInfo(mPathToCacheVerified).isDir())
+        (mPathToCache.isEmpty() ? mPathToCacheVerifiedIsDefault : mPathToCacheVerified == mPathToCache))
     {
         outValue = mPathToCacheVerified;
         return retVal;

@@ -52,6 +52,8 @@ public:
     McResult pathOfMaintenanceDir(QString& outValue) const;
     McResult pathToCache(QString& outValue) const;
     void pathToCacheSet(const QString& inPath) { mPathToCache = inPath; }
+    // The cache folder may have gone: the next pathToCache checks (and creates) it again.
+    void pathToCacheForget() const { mPathToCacheVerified.clear(); }
 
     // ---- resource pool (EnginePool) ------------------------------------------------------
     void resourceRegister(const McHandle<Resource>& inResource);

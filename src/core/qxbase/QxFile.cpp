@@ -124,7 +124,11 @@ McResult File::copyReplace(const QString& inSource, const QString& inTarget)
     McResult retVal;
     const QString temp = temporaryPathBeside(inTarget);
     const QByteArray src = QFile::encodeName(inSource), tmp = QFile::encodeName(temp);
-    const int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
+    // Reading a source must not write its inode back (access time): that is a journal write
+    // per file. Only the owner may ask for that, so others read the ordinary way.
+    int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC | O_NOATIME);
+    if (in < 0 && errno == EPERM)
+        in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
     if (MC_CHECK_WIN(retVal, in >= 0, QStringLiteral("failed to read '%1'").arg(inSource)))
         return retVal;
     struct stat st;
