@@ -1,5 +1,8 @@
 #include "Resource.h"
 
+#include <memory>
+#include <vector>
+
 #include "Engine.h"
 
 #include <algorithm>
@@ -60,17 +63,25 @@ void Resource::notifyDelete()
 McResult Resource::scan() { return McResult(); }
 QString Resource::path() const { return QString(); }
 
+void KsDeploy::propertyTableInsert(Resource::PropertyTable& inoutTable, const char* inName,
+                                   PropertyBase<Resource>* inProperty)
+{
+    static std::vector<std::unique_ptr<PropertyBase<Resource>>> sOwned;
+    sOwned.emplace_back(inProperty);
+    inoutTable.insert(QString::fromLatin1(inName), inProperty);
+}
+
 const Resource::PropertyTable& Resource::properties() const
 {
     static const PropertyTable sTable = [] {
         PropertyTable t;
-        t.insert("UUID", new Property<Resource, Resource, QUuid>("UUID", -1000, &Resource::uuid, &Resource::uuidSet));
-        t.insert("Absence",
+        propertyTableInsert(t, "UUID", new Property<Resource, Resource, QUuid>("UUID", -1000, &Resource::uuid, &Resource::uuidSet));
+        propertyTableInsert(t, "Absence",
                  new Property<Resource, Resource, bool>("Absence", -700, &Resource::absence, &Resource::absenceSet));
-        t.insert("DeleteOnUninstall",
+        propertyTableInsert(t, "DeleteOnUninstall",
                  new Property<Resource, Resource, bool>("DeleteOnUninstall", -600, &Resource::deleteOnUninstall,
                                                         &Resource::deleteOnUninstallSet));
-        t.insert("Name", new Property<Resource, Resource, QString>("Name", -500, &Resource::name, &Resource::nameSet));
+        propertyTableInsert(t, "Name", new Property<Resource, Resource, QString>("Name", -500, &Resource::name, &Resource::nameSet));
         return t;
     }();
     return sTable;

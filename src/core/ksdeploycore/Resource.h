@@ -101,4 +101,8 @@ private:
     QHash<Resource*, int> mIncoming;
     int64_t mPoolPosition = -1;
 };
+
+// Enters a property into a class's table. The property objects live as long as the process;
+// they are owned here so that they are released at exit like everything else.
+void propertyTableInsert(Resource::PropertyTable& inoutTable, const char* inName, PropertyBase<Resource>* inProperty);
 }

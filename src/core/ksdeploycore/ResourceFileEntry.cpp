@@ -16,9 +16,9 @@ const Resource::PropertyTable& ResourceFileEntry::properties() const
 {
     static const PropertyTable sTable = [this] {
         PropertyTable t = Resource::properties();
-        t.insert("MD5", new Property<Resource, ResourceFileEntry, BufferID>("MD5", -720, &ResourceFileEntry::bufferId,
+        propertyTableInsert(t, "MD5", new Property<Resource, ResourceFileEntry, BufferID>("MD5", -720, &ResourceFileEntry::bufferId,
                                                                            &ResourceFileEntry::bufferIdSet));
-        t.insert("Executable",
+        propertyTableInsert(t, "Executable",
                  new Property<Resource, ResourceFileEntry, bool>("Executable", 0, &ResourceFileEntry::isExecutable,
                                                                  &ResourceFileEntry::isExecutableSet));
         return t;

@@ -14,9 +14,9 @@ const Resource::PropertyTable& ResourceFileShortcut::properties() const
 {
     static const PropertyTable sTable = [this] {
         PropertyTable t = Resource::properties();
-        t.insert("Args", new Property<Resource, ResourceFileShortcut, QString>(
+        propertyTableInsert(t, "Args", new Property<Resource, ResourceFileShortcut, QString>(
                              "Args", 0, &ResourceFileShortcut::arguments, &ResourceFileShortcut::argumentsSet));
-        t.insert("Desc", new Property<Resource, ResourceFileShortcut, QString>(
+        propertyTableInsert(t, "Desc", new Property<Resource, ResourceFileShortcut, QString>(
                              "Desc", 0, &ResourceFileShortcut::description, &ResourceFileShortcut::descriptionSet));
         return t;
     }();

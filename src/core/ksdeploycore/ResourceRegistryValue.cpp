@@ -56,9 +56,9 @@ const Resource::PropertyTable& ResourceRegistryValue::properties() const
 {
     static const PropertyTable sTable = [this] {
         PropertyTable t = Resource::properties();
-        t.insert("Type", new Property<Resource, ResourceRegistryValue, Type>("Type", -510, &ResourceRegistryValue::type,
+        propertyTableInsert(t, "Type", new Property<Resource, ResourceRegistryValue, Type>("Type", -510, &ResourceRegistryValue::type,
                                                                             &ResourceRegistryValue::typeSet));
-        t.insert("Value", new Property<Resource, ResourceRegistryValue, QString>(
+        propertyTableInsert(t, "Value", new Property<Resource, ResourceRegistryValue, QString>(
                               "Value", 10, &ResourceRegistryValue::value, &ResourceRegistryValue::valueSet));
         return t;
     }();
