@@ -117,6 +117,23 @@ TEST_F(EngineProductTest, InstallVerifyRepairUninstall)
     EXPECT_FALSE(QFileInfo::exists(p("target")));
 }
 
+TEST_F(EngineProductTest, AFileReplacedByALinkIsNeverWrittenThrough)
+{
+    publishSample();
+    ASSERT_TRUE(e().productInstall("App", false).isOk());
+    KsTest::writeFile(p("outside.txt"), "not ours");
+    for (const QString& linkTo : {p("outside.txt"), p("nowhere.txt")})
+    {
+        QFile::remove(p("target/readme.txt"));
+        ASSERT_TRUE(QFile::link(linkTo, p("target/readme.txt")));
+        KsTest::FailureRecorder failures;
+        EXPECT_TRUE(e().productInstall("App", false).isBad()) << linkTo.toStdString();
+        EXPECT_EQ(QByteArray("not ours"), KsTest::readFile(p("outside.txt")));
+        EXPECT_FALSE(QFileInfo::exists(p("nowhere.txt")));
+        EXPECT_TRUE(QFileInfo(p("target/readme.txt")).isSymLink());
+    }
+}
+
 TEST_F(EngineProductTest, FailedInstallPutsEveryFileBack)
 {
     publishSample();

@@ -171,6 +171,51 @@ TEST_F(QxFileTest, CopyReplaceSwapsTheTargetInOneStep)
     EXPECT_EQ(QStringList({"dst", "src"}), tree(mDir.path()));
 }
 
+TEST_F(QxFileTest, CopyCreateWritesOnlyWhereNothingIsAndLeavesNothingWhenItFails)
+{
+    QByteArray big(2 * 1048576 + 5, Qt::Uninitialized);
+    for (int i = 0; i < big.size(); ++i)
+        big[i] = static_cast<char>((i * 7) >> 2);
+    KsTest::writeFile(path("small"), "tiny");
+    KsTest::writeFile(path("big"), big);
+    for (const QString& name : {QStringLiteral("small"), QStringLiteral("big")})
+    {
+        bool existed = true;
+        QxBase::FileStamp stamp, onDisk;
+        ASSERT_TRUE(File::copyCreate(path(name), path(name + ".copy"), existed, &stamp).isOk());
+        EXPECT_FALSE(existed);
+        EXPECT_TRUE(KsTest::readFile(path(name + ".copy")) == KsTest::readFile(path(name)));
+        // The stamp handed back is the file as it stays on disk.
+        ASSERT_TRUE(File::stampOf(path(name + ".copy"), onDisk));
+        EXPECT_TRUE(stamp == onDisk);
+    }
+
+    // Whatever is already there stays as it was: a file, a folder, a link to nowhere.
+    KsTest::writeFile(path("there"), "keep me");
+    ASSERT_TRUE(QDir().mkdir(path("folder")));
+    ASSERT_EQ(0, ::symlink(QFile::encodeName(path("nowhere")).constData(), QFile::encodeName(path("link")).constData()));
+    for (const QString& name : {QStringLiteral("there"), QStringLiteral("folder"), QStringLiteral("link")})
+    {
+        bool existed = false;
+        EXPECT_TRUE(File::copyCreate(path("small"), path(name), existed).isOk());
+        EXPECT_TRUE(existed) << name.toStdString();
+    }
+    EXPECT_EQ(QByteArray("keep me"), KsTest::readFile(path("there")));
+    EXPECT_FALSE(QFileInfo::exists(path("nowhere")));
+
+    KsTest::FailureRecorder failures;
+    bool existed = true;
+    McResult r = File::copyCreate(path("missing"), path("new"), existed);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_FALSE(existed);
+    EXPECT_EQ(QStringLiteral("failed to read '%1'").arg(path("missing")).toStdString(), r.text());
+    EXPECT_FALSE(QFileInfo::exists(path("new")));
+    r = File::copyCreate(path("small"), path("no/folder/new"), existed);
+    ASSERT_TRUE(r.isBad());
+    EXPECT_EQ(QStringLiteral("failed to write '%1'").arg(path("no/folder/new")).toStdString(), r.text());
+    EXPECT_EQ(QStringList({"big", "big.copy", "folder", "link", "small", "small.copy", "there"}), tree(mDir.path()));
+}
+
 TEST_F(QxFileTest, TemporaryPathBesideIsHiddenInTheSameFolderAndFresh)
 {
     const QString a = File::temporaryPathBeside(path("name.txt"));

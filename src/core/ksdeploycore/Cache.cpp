@@ -83,9 +83,39 @@ void Cache::itemRemoveAll()
     Engine::instance().pathToCacheForget();
 }
 
+McResult Cache::itemCreateFile(const BufferID& inBufferId, const QString& inTarget, bool& outExisted)
+{
+    McResult retVal;
+    const QString item = itemFilePath(inBufferId);
+    QxBase::FileStamp stamp;
+    const McResult created = QxBase::File::copyCreate(item, inTarget, outExisted, &stamp);
+    if (outExisted)
+        return retVal;
+    if (created.isBad())
+    {
+        // The target could not be made (a missing folder, no rights) or the item could not be
+        // read: what is there may still be right, which the caller's other route judges.
+        const QFileInfo target(inTarget);
+        if (target.exists() || target.isSymLink())
+        {
+            outExisted = true;
+            return retVal;
+        }
+    }
+    if (MC_CHECK_TEXT(retVal, created.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
+        return retVal << created; // the copy's own reason follows
+    scanFileRemember(inTarget, inBufferId.md5(), stamp);
+    return retVal;
+}
+
 McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite)
 {
     McResult retVal;
+    // Nothing there yet, the usual case of a first install: one exclusive create, no rename.
+    bool existed = false;
+    retVal << itemCreateFile(inBufferId, inTarget, existed);
+    if (!existed)
+        return retVal;
     if (QFileInfo(inTarget).isFile())
     {
         const McLib::MD5 md5 = scanFile(inTarget);
@@ -95,10 +125,11 @@ McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTar
             return retVal;
     }
     const QString item = itemFilePath(inBufferId);
-    const McResult copied = QxBase::File::copyReplace(item, inTarget);
+    QxBase::FileStamp stamp;
+    const McResult copied = QxBase::File::copyReplace(item, inTarget, &stamp);
     if (MC_CHECK_TEXT(retVal, copied.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
         return retVal << copied; // the copy's own reason follows
-    scanFileRemember(inTarget, inBufferId.md5());
+    scanFileRemember(inTarget, inBufferId.md5(), stamp);
     return retVal;
 }
 
@@ -109,16 +140,17 @@ McResult Cache::retrieve(const BufferID& inBufferId)
     retVal << Engine::instance().pathToCache(dir);
     if (retVal.isBad())
         return retVal;
+    // A good answer of retrieveFromHTTP already means the item is in the cache.
     retVal << retrieveFromHTTP(inBufferId);
-    if (retVal.isBad())
-        return retVal;
-    MC_CHECK(retVal, itemIsCached(inBufferId), "Internal Error");
     return retVal;
 }
 
 McResult Cache::retrieveFromHTTP(const BufferID& inBufferId)
 {
     McResult retVal;
+    // An item already cached is the usual case: one look, and no base URL is asked.
+    if (itemIsCached(inBufferId))
+        return retVal;
     const QList<QString> urls = mListOfUrl;
     QStringList reasons;
     for (const QString& url : urls)

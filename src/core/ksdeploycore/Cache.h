@@ -29,6 +29,9 @@ public:
     // Copies a cached item to a target; an existing target with other content is replaced
     // only when inOverwrite is set.
     McResult itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite);
+    // Copies a cached item to a target only when nothing is there yet; outExisted tells that
+    // something was (a file, a directory or a link), which is then left untouched.
+    McResult itemCreateFile(const BufferID& inBufferId, const QString& inTarget, bool& outExisted);
 
     McResult retrieve(const BufferID& inBufferId);
     McResult retrieveFromFile(const QString& inFilePath, bool inCompress);

@@ -18,29 +18,9 @@ using namespace KsDeploy;
 
 namespace
 {
-struct FileStamp
-{
-    int64_t size = -1;
-    int64_t mtimeNs = 0;
-    uint64_t inode = 0;
-    uint64_t device = 0;
-    bool operator==(const FileStamp& o) const
-    {
-        return size == o.size && mtimeNs == o.mtimeNs && inode == o.inode && device == o.device;
-    }
-};
+using QxBase::FileStamp;
 
-bool stampOf(const QString& inPath, FileStamp& outStamp)
-{
-    struct stat st;
-    if (::stat(QFile::encodeName(inPath).constData(), &st) != 0 || !S_ISREG(st.st_mode))
-        return false;
-    outStamp.size = st.st_size;
-    outStamp.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    outStamp.inode = st.st_ino;
-    outStamp.device = st.st_dev;
-    return true;
-}
+bool stampOf(const QString& inPath, FileStamp& outStamp) { return QxBase::File::stampOf(inPath, outStamp); }
 
 struct MemoEntry
 {
@@ -123,6 +103,12 @@ void KsDeploy::scanFileRemember(const QString& inFilePath, const McLib::MD5& inM
     FileStamp stamp;
     if (!inMd5.isNull() && stampOf(inFilePath, stamp))
         memo().insert(inFilePath, MemoEntry{stamp, inMd5});
+}
+
+void KsDeploy::scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp)
+{
+    if (!inMd5.isNull() && inStamp.size >= 0)
+        memo().insert(inFilePath, MemoEntry{inStamp, inMd5});
 }
 
 namespace

@@ -1,5 +1,6 @@
 #pragma once
 #include "KsGlobal.h"
+#include "QxFile.h"
 
 #include <QString>
 
@@ -11,6 +12,8 @@ namespace KsDeploy
 McLib::MD5 scanFile(const QString& inFilePath);
 // Tells the digest memo the content of a file this run has just written.
 void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5);
+// The same with the stamp the writer already has, which spares looking the file up again.
+void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp);
 
 // Whole-file LZMA compression and decompression (destination first).
 McResult fileCompress(const QString& inDst, const QString& inSrc);

@@ -47,13 +47,24 @@ McResult ResourceFileEntry::install()
     const QString fullPath = path();
     if (MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error"))
         return retVal;
-    if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
-        return retVal;
     if (absence())
+    {
+        if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+            return retVal;
         return QxBase::File::removeFile(fullPath);
+    }
     if (MC_CHECK(retVal, bufferId().isValid(), "Internal Error"))
         return retVal;
-    retVal << Engine::instance().cache().itemWriteToFile(bufferId(), fullPath, true);
+    // Where nothing is yet, the file is written at once; whatever is there is looked at first.
+    Cache& cache = Engine::instance().cache();
+    bool existed = false;
+    retVal << cache.itemCreateFile(bufferId(), fullPath, existed);
+    if (existed)
+    {
+        if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+            return retVal;
+        retVal << cache.itemWriteToFile(bufferId(), fullPath, true);
+    }
     if (retVal.isOk() && isExecutable())
     {
         // Linux keeps executability in the file's mode; without it the program could not start.
@@ -76,10 +87,12 @@ McResult ResourceFileEntry::scan()
 {
     McResult retVal;
     const QString fullPath = path();
+    // One look at the path serves the link check, existence and the mode.
+    const QFileInfo info(fullPath);
     if (!MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error") &&
-        !MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+        !MC_CHECK(retVal, !info.isSymLink(), "Internal Error"))
     {
-        absenceSet(!QFile::exists(fullPath));
+        absenceSet(!info.exists());
         if (absence())
         {
             bufferIdSet(BufferID());
@@ -90,9 +103,9 @@ McResult ResourceFileEntry::scan()
             const BufferID scanned(scanFile(fullPath));
             if (!MC_CHECK_TEXT(retVal, scanned.isValid(), "md5.isValid()", "Internal Error"))
                 bufferIdSet(scanned);
-            const QFile::Permissions p = QFile::permissions(fullPath);
+            const QFile::Permissions p = info.permissions();
             isExecutableSet((p & (QFile::ExeOwner | QFile::ExeUser | QFile::ExeGroup | QFile::ExeOther)) ||
-                            QFileInfo(fullPath).isExecutable());
+                            info.isExecutable());
         }
     }
     if (retVal.isBad())

@@ -119,49 +119,71 @@ QString File::temporaryPathBeside(const QString& inPath)
         .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
 }
 
-McResult File::copyReplace(const QString& inSource, const QString& inTarget)
+namespace
 {
-    McResult retVal;
-    const QString temp = temporaryPathBeside(inTarget);
-    const QByteArray src = QFile::encodeName(inSource), tmp = QFile::encodeName(temp);
-    // Reading a source must not write its inode back (access time): that is a journal write
-    // per file. Only the owner may ask for that, so others read the ordinary way.
+void stampFrom(const struct stat& inSt, FileStamp& outStamp)
+{
+    outStamp.size = inSt.st_size;
+    outStamp.mtimeNs = static_cast<qint64>(inSt.st_mtim.tv_sec) * 1000000000 + inSt.st_mtim.tv_nsec;
+    outStamp.inode = inSt.st_ino;
+    outStamp.device = inSt.st_dev;
+}
+
+// Reading a source must not write its inode back (access time): that is a journal write per
+// file. Only the owner may ask for that, so others read the ordinary way.
+int openSource(const QString& inSource, struct stat& outSt)
+{
+    const QByteArray src = QFile::encodeName(inSource);
     int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC | O_NOATIME);
     if (in < 0 && errno == EPERM)
         in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
-    if (MC_CHECK_WIN(retVal, in >= 0, QStringLiteral("failed to read '%1'").arg(inSource)))
-        return retVal;
-    struct stat st;
-    ::fstat(in, &st);
-    const int out = ::open(tmp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, (st.st_mode & 0777) | 0600);
-    if (MC_CHECK_WIN(retVal, out >= 0, QStringLiteral("failed to write '%1'").arg(inTarget)))
+    if (in >= 0 && ::fstat(in, &outSt) != 0)
     {
         ::close(in);
-        return retVal;
+        in = -1;
     }
-    bool ok = true;
+    return in;
+}
+
+bool writeFully(int inOut, const char* inData, ssize_t inSize)
+{
+    ssize_t w = 0;
+    while (w < inSize)
+    {
+        const ssize_t k = ::write(inOut, inData + w, static_cast<size_t>(inSize - w));
+        if (k < 0 && errno == EINTR)
+            continue;
+        if (k <= 0)
+            return false;
+        w += k;
+    }
+    return true;
+}
+
+// Copies the whole source into the empty, freshly opened output; closes neither.
+bool copyContent(int inIn, const struct stat& inSt, int inOut)
+{
     // Small files (most of a product) go through one buffer: fewer calls than a kernel copy.
     off_t copied = 0;
-    if (st.st_size <= 65536)
+    if (inSt.st_size <= 65536)
     {
         static thread_local char small[65536];
-        const ssize_t r = ::read(in, small, sizeof(small));
-        if (r >= 0 && r == st.st_size && ::write(out, small, static_cast<size_t>(r)) == r)
-            copied = st.st_size;
+        const ssize_t r = ::read(inIn, small, sizeof(small));
+        if (r >= 0 && r == inSt.st_size && writeFully(inOut, small, r))
+            copied = inSt.st_size;
         else
         {
-            ::lseek(in, 0, SEEK_SET);
-            ::ftruncate(out, 0);
-            ::lseek(out, 0, SEEK_SET);
+            ::lseek(inIn, 0, SEEK_SET);
+            if (::ftruncate(inOut, 0) != 0)
+                return false;
+            ::lseek(inOut, 0, SEEK_SET);
         }
     }
     // The kernel copies without passing the bytes through us where it can; the size known from
     // fstat spares the final call that would only report the end.
-    for (;;)
+    while (copied < inSt.st_size)
     {
-        if (copied >= st.st_size)
-            break;
-        const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+        const ssize_t n = ::copy_file_range(inIn, nullptr, inOut, nullptr, 1 << 30, 0);
         if (n == 0)
             break;
         if (n > 0)
@@ -173,36 +195,100 @@ McResult File::copyReplace(const QString& inSource, const QString& inTarget)
             continue;
         // Not supported here: copy through a buffer.
         static thread_local char buf[1 << 20];
-        ::lseek(in, 0, SEEK_SET);
-        ::ftruncate(out, 0);
-        ::lseek(out, 0, SEEK_SET);
+        ::lseek(inIn, 0, SEEK_SET);
+        if (::ftruncate(inOut, 0) != 0)
+            return false;
+        ::lseek(inOut, 0, SEEK_SET);
         ssize_t r;
-        while ((r = ::read(in, buf, sizeof(buf))) > 0)
+        while ((r = ::read(inIn, buf, sizeof(buf))) != 0)
         {
-            ssize_t w = 0;
-            while (w < r)
-            {
-                const ssize_t k = ::write(out, buf + w, static_cast<size_t>(r - w));
-                if (k <= 0 && errno != EINTR)
-                {
-                    ok = false;
-                    break;
-                }
-                if (k > 0)
-                    w += k;
-            }
-            if (!ok)
-                break;
+            if (r < 0 && errno == EINTR)
+                continue;
+            if (r < 0 || !writeFully(inOut, buf, r))
+                return false;
         }
-        ok = ok && r == 0;
-        break;
+        return true;
     }
-    ::close(in);
-    ok = (::close(out) == 0) && ok;
+    return true;
+}
+
+// Copies into inOut, then closes both; the stamp is taken before the close, when it is final.
+bool copyAndClose(int inIn, const struct stat& inSt, int inOut, FileStamp* outStamp)
+{
+    bool ok = copyContent(inIn, inSt, inOut);
+    struct stat written;
+    if (ok && outStamp)
+    {
+        if (::fstat(inOut, &written) == 0)
+            stampFrom(written, *outStamp);
+        else
+            *outStamp = FileStamp();
+    }
+    ::close(inIn);
+    ok = (::close(inOut) == 0) && ok;
+    return ok;
+}
+}
+
+bool File::stampOf(const QString& inPath, FileStamp& outStamp)
+{
+    struct stat st;
+    if (::stat(QFile::encodeName(inPath).constData(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    stampFrom(st, outStamp);
+    return true;
+}
+
+McResult File::copyReplace(const QString& inSource, const QString& inTarget, FileStamp* outStamp)
+{
+    McResult retVal;
+    const QString temp = temporaryPathBeside(inTarget);
+    const QByteArray tmp = QFile::encodeName(temp);
+    struct stat st;
+    const int in = openSource(inSource, st);
+    if (MC_CHECK_WIN(retVal, in >= 0, QStringLiteral("failed to read '%1'").arg(inSource)))
+        return retVal;
+    const int out = ::open(tmp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, (st.st_mode & 0777) | 0600);
+    if (MC_CHECK_WIN(retVal, out >= 0, QStringLiteral("failed to write '%1'").arg(inTarget)))
+    {
+        ::close(in);
+        return retVal;
+    }
+    bool ok = copyAndClose(in, st, out, outStamp);
     if (ok)
         ok = ::rename(tmp.constData(), QFile::encodeName(inTarget).constData()) == 0;
     if (!ok)
         ::unlink(tmp.constData());
+    MC_CHECK_WIN(retVal, ok, QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inSource, inTarget));
+    return retVal;
+}
+
+McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted, FileStamp* outStamp)
+{
+    McResult retVal;
+    outExisted = false;
+    const QByteArray target = QFile::encodeName(inTarget);
+    // The target first: when something is there, that is one call and the source is not opened.
+    // O_EXCL also refuses a symbolic link, even a dangling one, so nothing is written through it.
+    const int out = ::open(target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (out < 0 && errno == EEXIST)
+    {
+        outExisted = true;
+        return retVal;
+    }
+    if (MC_CHECK_WIN(retVal, out >= 0, QStringLiteral("failed to write '%1'").arg(inTarget)))
+        return retVal;
+    struct stat st;
+    const int in = openSource(inSource, st);
+    if (MC_CHECK_WIN(retVal, in >= 0, QStringLiteral("failed to read '%1'").arg(inSource)))
+    {
+        ::close(out);
+        ::unlink(target.constData());
+        return retVal;
+    }
+    const bool ok = copyAndClose(in, st, out, outStamp);
+    if (!ok)
+        ::unlink(target.constData());
     MC_CHECK_WIN(retVal, ok, QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inSource, inTarget));
     return retVal;
 }

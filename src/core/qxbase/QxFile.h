@@ -8,6 +8,19 @@
 
 namespace QxBase
 {
+// What identifies one version of a file's content on disk: it changes whenever the file is rewritten.
+struct FileStamp
+{
+    qint64 size = -1;
+    qint64 mtimeNs = 0;
+    quint64 inode = 0;
+    quint64 device = 0;
+    bool operator==(const FileStamp& o) const
+    {
+        return size == o.size && mtimeNs == o.mtimeNs && inode == o.inode && device == o.device;
+    }
+};
+
 // File helpers shared by the engine and the host.
 class File
 {
@@ -27,8 +40,18 @@ public:
     // A directory junction: on Linux a symbolic link to the directory. Never overwrites.
     static McResult junctionCreate(const QString& inSource, const QString& inTarget);
     // Copies a file to inTarget through a temporary file in the target's folder that is
-    // renamed into place, so the target is never seen half-written.
-    static McResult copyReplace(const QString& inSource, const QString& inTarget);
+    // renamed into place, so the target is never seen half-written. outStamp, when given,
+    // receives the stamp of the written file.
+    static McResult copyReplace(const QString& inSource, const QString& inTarget, FileStamp* outStamp = nullptr);
+    // Copies a file to inTarget only when nothing is there (a symbolic link counts as
+    // something): the file is created exclusively under its own name, which spares the
+    // temporary name and the rename. The new file has the ordinary mode of a new file (the
+    // umask applies); other modes are the caller's to set. When something is there, outExisted
+    // is set and nothing is touched. A failed copy removes the file it created.
+    static McResult copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted,
+                               FileStamp* outStamp = nullptr);
+    // The stamp of an existing regular file (symbolic links followed); false for anything else.
+    static bool stampOf(const QString& inPath, FileStamp& outStamp);
     // A temporary file name in the same folder as inPath (not created).
     static QString temporaryPathBeside(const QString& inPath);
 };
