@@ -191,6 +191,25 @@ TEST_F(ResourceTest, PathsResolveThroughTheConfiguration)
     file->containerSet(sub);
     EXPECT_EQ("/opt/app/bin/tool", file->path());
 
+    // Asked again after anything it depends on changed, a path is found anew.
+    Engine::instance().configuration().valueSet("APP", "/srv/app", false);
+    EXPECT_EQ("/srv/app/bin/tool", file->path());
+    sub->nameSet("lib");
+    EXPECT_EQ("/srv/app/lib/tool", file->path());
+    McHandle<ResourceFileDirectory> other(new ResourceFileDirectory);
+    other->nameSet("/elsewhere");
+    sub->containerSet(other);
+    EXPECT_EQ("/elsewhere/lib/tool", file->path());
+    McHandle<ResourceFileDirectory> copy(new ResourceFileDirectory(*sub));
+    *root = *other;
+    sub->containerSet(root);
+    EXPECT_EQ("/elsewhere/lib/tool", file->path());
+    EXPECT_EQ("lib", copy->path()) << "a copy has no container and remembers nothing";
+    Engine::instance().configuration().valueSet("APP", "/opt/app", false);
+    root->nameSet("${APP}");
+    sub->nameSet("bin");
+    EXPECT_EQ("/opt/app/bin/tool", file->path());
+
     McHandle<ResourceRegistryKey> key(new ResourceRegistryKey);
     key->nameSet("HKEY_CURRENT_USER\\Software");
     McHandle<ResourceRegistryValue> value(new ResourceRegistryValue);

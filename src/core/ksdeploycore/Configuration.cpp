@@ -1,6 +1,7 @@
 #include "Configuration.h"
 
 #include "Engine.h"
+#include "Resource.h"
 #include "SpecialFolders.h"
 
 #include <cstring>
@@ -83,6 +84,7 @@ Configuration::Configuration(const Configuration& inOther) : McHandable(inOther)
 Configuration& Configuration::operator=(const Configuration& inOther)
 {
     mListOfValue = inOther.mListOfValue;
+    pathGenerationBump();
     return *this;
 }
 Configuration::~Configuration() = default;
@@ -134,6 +136,7 @@ bool Configuration::Index2AutoValue(int inIndex, AutoValue& outValue)
 void Configuration::valueSet(const QString& inKey, const QString& inValue, bool inFlag)
 {
     mListOfValue.insert(inKey, qMakePair(inFlag, inValue));
+    pathGenerationBump();
 }
 
 QString Configuration::value(const QString& inKey) const
@@ -143,8 +146,16 @@ QString Configuration::value(const QString& inKey) const
 }
 
 bool Configuration::valueIsDefined(const QString& inKey) const { return mListOfValue.contains(inKey); }
-void Configuration::valueClear(const QString& inKey) { mListOfValue.remove(inKey); }
-void Configuration::valueClearAll() { mListOfValue.clear(); }
+void Configuration::valueClear(const QString& inKey)
+{
+    mListOfValue.remove(inKey);
+    pathGenerationBump();
+}
+void Configuration::valueClearAll()
+{
+    mListOfValue.clear();
+    pathGenerationBump();
+}
 QList<QString> Configuration::keys() const { return mListOfValue.keys(); }
 
 bool Configuration::isResolved(const QString& inExpression) const

@@ -6,8 +6,17 @@
 #include "Engine.h"
 
 #include <algorithm>
+#include <atomic>
 
 using namespace KsDeploy;
+
+namespace
+{
+std::atomic<uint64_t> sPathGeneration{1};
+}
+
+uint64_t KsDeploy::pathGeneration() { return sPathGeneration.load(std::memory_order_relaxed); }
+void KsDeploy::pathGenerationBump() { sPathGeneration.fetch_add(1, std::memory_order_relaxed); }
 
 Resource::Resource() : mUuid(QUuid::createUuid())
 {
@@ -40,6 +49,7 @@ Resource& Resource::operator=(const Resource& inOther)
     if (this != &inOther)
     {
         mName = inOther.mName;
+        pathGenerationBump();
         mAbsence = inOther.mAbsence;
         mDeleteOnUninstall = inOther.mDeleteOnUninstall;
     }
@@ -113,6 +123,7 @@ void Resource::linkAdd(const Resource& inTarget, const QString& inName)
     if (linksTo(inTarget, inName))
         return;
     mLinks.append(McHandle<Link>(new Link(inTarget, inName)));
+    pathGenerationBump();
     ++const_cast<Resource&>(inTarget).mIncoming[this];
 }
 
@@ -137,6 +148,7 @@ void Resource::linkRemove(const QString& inName)
         if (t)
             dropIncoming(t, t->mIncoming, this);
         mLinks.remove(i, 1);
+        pathGenerationBump();
     }
 }
 
@@ -149,6 +161,7 @@ void Resource::linkRemoveTo(const Resource* inTarget)
             continue;
         dropIncoming(t, t->mIncoming, this);
         mLinks.remove(i, 1);
+        pathGenerationBump();
     }
 }
 

@@ -11,6 +11,11 @@
 
 namespace KsDeploy
 {
+// Counts the changes that can alter a resolved path: names, links and configuration values.
+// A path remembered under the current count is still right.
+uint64_t pathGeneration();
+void pathGenerationBump();
+
 // A node of the resource graph. Every resource enters the engine's pool when it is made.
 class Resource : public McHandable
 {
@@ -30,7 +35,11 @@ public:
     virtual const PropertyTable& properties() const;
 
     QString name() const { return mName; }
-    void nameSet(const QString& inName) { mName = inName; }
+    void nameSet(const QString& inName)
+    {
+        mName = inName;
+        pathGenerationBump();
+    }
     QUuid uuid() const { return mUuid; }
     void uuidSet(const QUuid& inUuid);
     bool absence() const { return mAbsence; }

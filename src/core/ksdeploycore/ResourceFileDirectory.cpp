@@ -13,6 +13,11 @@ ResourceFileDirectory::~ResourceFileDirectory() = default;
 
 QString ResourceFileDirectory::path() const
 {
+    // Every file asks its folder, so a product of many files would walk and resolve the same
+    // chain again and again.
+    const uint64_t generation = pathGeneration();
+    if (mPathMemo.generation == generation)
+        return mPathMemo.path;
     // Walked without recursion: a damaged file may chain containers in a circle.
     QStringList parts;
     QSet<const ResourceFileDirectory*> seen;
@@ -30,6 +35,12 @@ QString ResourceFileDirectory::path() const
     QString ret = parts.join(QLatin1Char('/'));
     const McResult res = Engine::instance().configuration().resolve(ret);
     MC_ASSERT(res.isOk());
+    // Only a clean result is kept: a failing one must report again when asked again.
+    if (res.isOk() && pathGeneration() == generation)
+    {
+        mPathMemo.generation = generation;
+        mPathMemo.path = ret;
+    }
     return ret;
 }
 

@@ -18,5 +18,21 @@ public:
     McResult uninstall() override;
     McResult verify() override;
     QString path() const override;
+
+private:
+    // The resolved path, kept while nothing it depends on has changed; a copy starts empty.
+    struct PathMemo
+    {
+        uint64_t generation = 0;
+        QString path;
+        PathMemo() = default;
+        PathMemo(const PathMemo&) {}
+        PathMemo& operator=(const PathMemo&)
+        {
+            generation = 0;
+            return *this;
+        }
+    };
+    mutable PathMemo mPathMemo;
 };
 }
