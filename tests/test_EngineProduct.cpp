@@ -1,6 +1,7 @@
 // Product operations end to end on real folders: install from a published cache, verify,
 // repair, roll back a failed install file by file, uninstall, plugins and ordering.
 #include "Cache.h"
+#include "Common.h"
 #include "Generator.h"
 #include "KsTestSupport.h"
 #include "Plugin.h"
@@ -160,6 +161,41 @@ TEST_F(EngineProductTest, FailedInstallPutsEveryFileBack)
     EXPECT_FALSE(failures.failures().empty());
     EXPECT_EQ(before, snapshot(p("target")));
     EXPECT_TRUE(e().productResource("_App").isNull());
+}
+
+TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
+{
+    // Enough files that the cache is listed once rather than asked per item.
+    for (int i = 0; i < 100; ++i)
+        KsTest::writeFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)), QByteArray::number(i * 7919));
+    McHandle<ResourceFileDirectory> root;
+    McDArray<McHandle<Resource>> generated;
+    ASSERT_TRUE(Generator::generateFromDirectory(root, generated, p("src"), true, {}, {}).isOk());
+    root->nameSet("${TARGET}");
+    McHandle<ResourceProduct> product(new ResourceProduct);
+    product->nameSet("Many");
+    product->applicationDirectorySet(root);
+    e().configuration().valueSet("TARGET", p("target/deeper"), false);
+    e().pathToCacheSet(p("publish"));
+    ASSERT_TRUE(e().cache().retrieveFromDirectory(p("src"), true, {}, true).isOk());
+    e().pathToCacheSet(p("cache"));
+    e().cache().httpUrlAdd("file://" + p("publish"));
+    for (int i = 0; i < 100; i += 2)
+        ASSERT_TRUE(e().cache().retrieveFromFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)), false).isOk());
+
+    // One published item that the cache lacks is gone: nothing may be left of the new folders.
+    const QString lost = BufferID(scanFile(p("src/d1/f1.txt"))).toString();
+    ASSERT_TRUE(QFile::rename(p("publish/" + lost + ".lzma"), p("lost.lzma")));
+    {
+        KsTest::FailureRecorder failures;
+        EXPECT_TRUE(e().productInstall("Many", false).isBad());
+    }
+    EXPECT_FALSE(QFileInfo::exists(p("target")));
+
+    ASSERT_TRUE(QFile::rename(p("lost.lzma"), p("publish/" + lost + ".lzma")));
+    ASSERT_TRUE(e().productInstall("Many", false).isOk());
+    EXPECT_EQ(snapshot(p("src")), snapshot(p("target/deeper")));
+    EXPECT_TRUE(e().productVerify("Many").isOk());
 }
 
 TEST_F(EngineProductTest, FailureDuringInstallationRollsBackFileByFile)

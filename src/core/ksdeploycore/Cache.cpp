@@ -9,6 +9,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
@@ -70,6 +71,23 @@ QString Cache::itemFilePath(const BufferID& inBufferId) const
 bool Cache::itemIsCached(const BufferID& inBufferId) const
 {
     return QFileInfo(itemFilePath(inBufferId)).isFile();
+}
+
+bool Cache::itemsCached(QSet<QString>& outNames) const
+{
+    outNames.clear();
+    QString dir;
+    if (Engine::instance().pathToCache(dir).isBad())
+        return false;
+    if (!QFileInfo(dir).isDir())
+        return false;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
+    while (it.hasNext())
+    {
+        it.next();
+        outNames.insert(it.fileName());
+    }
+    return true;
 }
 
 void Cache::itemRemove(const BufferID& inBufferId) { QFile::remove(itemFilePath(inBufferId)); }

@@ -136,12 +136,17 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
             if (ResourceFileEntry* e = dynamic_cast<ResourceFileEntry*>(all[i].ptr()))
                 entries.push_back(e);
         const size_t n = entries.size();
+        // For many files one listing of the cache says which items are there already; only the
+        // others are looked at one by one.
+        QSet<QString> cached;
+        const bool listed = n > 64 && cache().itemsCached(cached);
         for (size_t i = 0; i < n && retVal.isOk(); ++i)
         {
             const BufferID id = entries[i]->bufferId();
             if (!id.isValid())
                 continue;
-            retVal << cache().retrieve(id);
+            if (!listed || !cached.contains(id.toString()))
+                retVal << cache().retrieve(id);
             if (retVal.isOk())
                 progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
         }

@@ -9,12 +9,14 @@
 #include "Resource.h"
 #include "ResourceFactory.h"
 #include "ResourceFileDirectory.h"
+#include "ResourceFileEntry.h"
 #include "ResourceProduct.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QHash>
+#include <QSet>
 
 #include <algorithm>
 
@@ -100,6 +102,8 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     // The snapshot describes what is on the machine now, not what the description says.
     QStringList& newDirs = mListOfTransactionNewDirs[inKey];
     newDirs.clear();
+    QSet<const ResourceFileDirectory*> missingDirs;
+    QSet<QString> recorded;
     for (int64_t i = 0; i < clones.size(); ++i)
     {
         if (auto* dir = dynamic_cast<ResourceFileDirectory*>(clones[i].ptr()))
@@ -107,7 +111,34 @@ McResult Engine::productTransactionBegin(const QString& inKey)
             const QString dirPath = dir->path();
             const QFileInfo info(dirPath);
             if (!dirPath.isEmpty() && !info.exists() && !info.isSymLink())
-                newDirs.append(dirPath);
+            {
+                missingDirs.insert(dir);
+                // Making a folder makes its missing parents too; they go with it on rollback.
+                QString missing = QDir::cleanPath(dirPath);
+                while (!missing.isEmpty() && !recorded.contains(missing))
+                {
+                    recorded.insert(missing);
+                    newDirs.append(missing);
+                    const int cut = missing.lastIndexOf(QLatin1Char('/'));
+                    if (cut <= 0)
+                        break;
+                    missing.truncate(cut);
+                    const QFileInfo parent(missing);
+                    if (parent.exists() || parent.isSymLink())
+                        break;
+                }
+            }
+        }
+    }
+    for (int64_t i = 0; i < clones.size(); ++i)
+    {
+        // A file's path begins with its folder's, so in a folder that is not there no file is:
+        // a first install needs no look at each of its files.
+        auto* entry = dynamic_cast<ResourceFileEntry*>(clones[i].ptr());
+        if (entry && !missingDirs.isEmpty() && missingDirs.contains(entry->container().ptr()))
+        {
+            entry->absenceFound();
+            continue;
         }
         retVal << clones[i]->scan();
         if (retVal.isBad())

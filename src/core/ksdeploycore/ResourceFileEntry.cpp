@@ -83,6 +83,13 @@ McResult ResourceFileEntry::uninstall()
     return QxBase::File::removeFile(path());
 }
 
+void ResourceFileEntry::absenceFound()
+{
+    absenceSet(true);
+    bufferIdSet(BufferID());
+    isExecutableSet(false);
+}
+
 McResult ResourceFileEntry::scan()
 {
     McResult retVal;
@@ -92,14 +99,11 @@ McResult ResourceFileEntry::scan()
     if (!MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error") &&
         !MC_CHECK(retVal, !info.isSymLink(), "Internal Error"))
     {
-        absenceSet(!info.exists());
-        if (absence())
-        {
-            bufferIdSet(BufferID());
-            isExecutableSet(false);
-        }
+        if (!info.exists())
+            absenceFound();
         else
         {
+            absenceSet(false);
             const BufferID scanned(scanFile(fullPath));
             if (!MC_CHECK_TEXT(retVal, scanned.isValid(), "md5.isValid()", "Internal Error"))
                 bufferIdSet(scanned);
@@ -109,11 +113,7 @@ McResult ResourceFileEntry::scan()
         }
     }
     if (retVal.isBad())
-    {
-        bufferIdSet(BufferID());
-        isExecutableSet(false);
-        absenceSet(true);
-    }
+        absenceFound();
     return retVal;
 }
 

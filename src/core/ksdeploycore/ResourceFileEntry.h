@@ -24,6 +24,8 @@ public:
     McResult uninstall() override;
     McResult verify() override;
     McResult scan() override;
+    // What scan finds for a file that is not there, for a caller that already knows it is not.
+    void absenceFound();
     QString path() const override;
     const PropertyTable& properties() const override;
 
