@@ -123,15 +123,16 @@ McResult ResourceFileEntry::verify()
     const QString fullPath = path();
     if (MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error"))
         return retVal;
-    if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+    // One look at the path answers both questions.
+    const QFileInfo info(fullPath);
+    if (MC_CHECK(retVal, !info.isSymLink(), "Internal Error"))
         return retVal;
-    QFile qFile(fullPath);
     if (absence())
     {
-        MC_CHECK(retVal, !qFile.exists(), "Internal Error");
+        MC_CHECK_TEXT(retVal, !info.exists(), "!qFile.exists()", "Internal Error");
         return retVal;
     }
-    if (MC_CHECK(retVal, qFile.exists(), "Internal Error"))
+    if (MC_CHECK_TEXT(retVal, info.exists(), "qFile.exists()", "Internal Error"))
         return retVal;
     const McLib::MD5 md5Scanned = scanFile(fullPath);
     MC_CHECK(retVal, md5Scanned==bufferId().md5(), QStringLiteral("content differs: '%1'").arg(fullPath));
