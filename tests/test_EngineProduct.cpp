@@ -68,6 +68,18 @@ protected:
     QString p(const QString& inRel) { return mDir.path() + "/" + inRel; }
     Engine& e() { return Engine::instance(); }
 
+    // The tree in src/, described as product inName installed at ${TARGET}.
+    void describe(const QString& inName)
+    {
+        McHandle<ResourceFileDirectory> root;
+        McDArray<McHandle<Resource>> generated;
+        ASSERT_TRUE(Generator::generateFromDirectory(root, generated, p("src"), true, {}, {}).isOk());
+        root->nameSet("${TARGET}");
+        McHandle<ResourceProduct> product(new ResourceProduct);
+        product->nameSet(inName);
+        product->applicationDirectorySet(root);
+    }
+
     // A sample tree, described as product "App" installed at ${TARGET}, published as
     // ".lzma" copies in publish/, with a fresh empty cache for the install.
     void publishSample()
@@ -78,13 +90,7 @@ protected:
         KsTest::writeFile(p("src/data/deep/a.bin"), QByteArray("\0\1\2\3", 4));
         QFile::setPermissions(p("src/bin/tool"), QFile::permissions(p("src/bin/tool")) | QFile::ExeOwner);
 
-        McHandle<ResourceFileDirectory> root;
-        McDArray<McHandle<Resource>> generated;
-        ASSERT_TRUE(Generator::generateFromDirectory(root, generated, p("src"), true, {}, {}).isOk());
-        root->nameSet("${TARGET}");
-        McHandle<ResourceProduct> product(new ResourceProduct);
-        product->nameSet("App");
-        product->applicationDirectorySet(root);
+        describe("App");
 
         e().pathToCacheSet(p("publish"));
         ASSERT_TRUE(e().cache().retrieveFromDirectory(p("src"), true, {}, true).isOk());
@@ -168,13 +174,7 @@ TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
     // Enough files that the cache is listed once rather than asked per item.
     for (int i = 0; i < 100; ++i)
         KsTest::writeFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)), QByteArray::number(i * 7919));
-    McHandle<ResourceFileDirectory> root;
-    McDArray<McHandle<Resource>> generated;
-    ASSERT_TRUE(Generator::generateFromDirectory(root, generated, p("src"), true, {}, {}).isOk());
-    root->nameSet("${TARGET}");
-    McHandle<ResourceProduct> product(new ResourceProduct);
-    product->nameSet("Many");
-    product->applicationDirectorySet(root);
+    describe("Many");
     e().configuration().valueSet("TARGET", p("target/deeper"), false);
     e().pathToCacheSet(p("publish"));
     ASSERT_TRUE(e().cache().retrieveFromDirectory(p("src"), true, {}, true).isOk());
