@@ -91,13 +91,7 @@ TEST_F(QxFileTest, RemoveDirHonoursPatternsAndNeverFollowsLinks)
 
 TEST_F(QxFileTest, WriteAllReportsAFullDevice)
 {
-    QFile ok(path("f"));
-    ASSERT_TRUE(ok.open(QIODevice::WriteOnly));
     const QByteArray data(3 << 20, 'z');
-    EXPECT_TRUE(File::writeAll(ok, data).isOk());
-    ok.close();
-    EXPECT_TRUE(KsTest::readFile(path("f")) == data);
-
     QFile full(QStringLiteral("/dev/full"));
     if (!full.open(QIODevice::WriteOnly))
         GTEST_SKIP() << "/dev/full is not available";
@@ -113,13 +107,11 @@ TEST_F(QxFileTest, PathsPointToTheSameFile)
     KsTest::writeFile(path("d/b"), "same");
     ASSERT_EQ(0, ::link(QFile::encodeName(path("d/a")).constData(), QFile::encodeName(path("hard")).constData()));
     ASSERT_TRUE(QFile::link(path("d/a"), path("soft")));
-    EXPECT_TRUE(File::pathsPointToTheSameFile(path("d/a"), path("d/./a")));
     EXPECT_TRUE(File::pathsPointToTheSameFile(path("d/a"), path("hard")));
     EXPECT_TRUE(File::pathsPointToTheSameFile(path("soft"), path("d/a")));
     EXPECT_FALSE(File::pathsPointToTheSameFile(path("d/a"), path("d/b")));  // equal content is not enough
     // Paths that do not exist compare by their cleaned absolute form.
     EXPECT_TRUE(File::pathsPointToTheSameFile(path("x/../y"), path("y")));
-    EXPECT_FALSE(File::pathsPointToTheSameFile(path("y"), path("z")));
     EXPECT_FALSE(File::pathsPointToTheSameFile(path("d/a"), path("d/a-missing")));
 }
 
@@ -214,18 +206,4 @@ TEST_F(QxFileTest, CopyCreateWritesOnlyWhereNothingIsAndLeavesNothingWhenItFails
     ASSERT_TRUE(r.isBad());
     EXPECT_EQ(QStringLiteral("failed to write '%1'").arg(path("no/folder/new")).toStdString(), r.text());
     EXPECT_EQ(QStringList({"big", "big.copy", "folder", "link", "small", "small.copy", "there"}), tree(mDir.path()));
-}
-
-TEST_F(QxFileTest, TemporaryPathBesideIsHiddenInTheSameFolderAndFresh)
-{
-    const QString a = File::temporaryPathBeside(path("name.txt"));
-    const QString b = File::temporaryPathBeside(path("name.txt"));
-    EXPECT_NE(a, b);
-    for (const QString& t : {a, b})
-    {
-        EXPECT_EQ(mDir.path(), QFileInfo(t).absolutePath());
-        EXPECT_TRUE(QFileInfo(t).fileName().startsWith(".name.txt.")) << t.toStdString();
-        EXPECT_TRUE(t.endsWith(".part"));
-        EXPECT_FALSE(QFileInfo::exists(t));
-    }
 }
