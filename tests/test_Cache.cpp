@@ -77,51 +77,6 @@ protected:
 
 // ---------------------------------------------------------------- items and URLs
 
-TEST_F(CacheTest, NullIdentityNamesTheCacheFolderButIsNeverAnItem)
-{
-    EXPECT_EQ(QString(), BufferID().toString());
-    EXPECT_FALSE(BufferID().isValid());
-    KsTest::writeFile(work("a"), "a");
-    ASSERT_TRUE(cache().retrieveFromFile(work("a"), false).isOk());
-    // Its path is the cache folder followed by "/": a folder, not a cached item, and removing it
-    // must not touch the folder.
-    EXPECT_FALSE(cache().itemIsCached(BufferID()));
-    cache().itemRemove(BufferID());
-    EXPECT_TRUE(QFileInfo(cacheDir()).isDir());
-    EXPECT_TRUE(cache().itemIsCached(idOf("a")));
-}
-
-TEST_F(CacheTest, IdentityText)
-{
-    const BufferID id = idOf("hello");
-    EXPECT_EQ(QStringLiteral("5d41402abc4b2a76b9719d911017c592"), id.toString());
-    bool ok = false;
-    EXPECT_EQ(id, BufferID::fromString(QStringLiteral("5D41402ABC4B2A76B9719D911017C592"), &ok));
-    EXPECT_TRUE(ok);
-    for (const char* bad : {"5d41402abc4b2a76b9719d911017c59", "5d41402abc4b2a76b9719d911017c5921",
-                            "5d41402abc4b2a76b9719d911017c59g", " 5d41402abc4b2a76b9719d911017c59"})
-    {
-        EXPECT_FALSE(BufferID::fromString(QString::fromLatin1(bad), &ok).isValid()) << bad;
-        EXPECT_FALSE(ok) << bad;
-    }
-    EXPECT_FALSE(BufferID::fromString(QString(), &ok).isValid());
-    EXPECT_TRUE(ok);
-}
-
-TEST_F(CacheTest, UrlListKeepsOrderAndDropsExactDuplicates)
-{
-    cache().httpUrlAdd(QStringLiteral("http://b.example/items"));
-    cache().httpUrlAdd(QStringLiteral("http://a.example/items"));
-    cache().httpUrlAdd(QStringLiteral("http://b.example/items"));
-    cache().httpUrlAdd(QStringLiteral("http://B.example/items"));
-    const QList<QString> expected{"http://b.example/items", "http://a.example/items", "http://B.example/items"};
-    EXPECT_EQ(expected, cache().httpUrlList());
-    const Cache copy(cache());
-    cache().httpUrlClearAll();
-    EXPECT_TRUE(cache().httpUrlList().isEmpty());
-    EXPECT_EQ(expected, copy.httpUrlList());
-}
-
 TEST_F(CacheTest, WriteToFileRules)
 {
     const QByteArray a = content(5000, 1), b = content(5000, 2);
@@ -164,48 +119,7 @@ TEST_F(CacheTest, WriteToFileRules)
     EXPECT_EQ(QStringList({"target"}), listing(work("out")));
 }
 
-TEST_F(CacheTest, RemoveOneAndRemoveAll)
-{
-    KsTest::writeFile(work("a"), "a");
-    KsTest::writeFile(work("b"), "b");
-    ASSERT_TRUE(cache().retrieveFromFile(work("a"), false).isOk());
-    ASSERT_TRUE(cache().retrieveFromFile(work("b"), false).isOk());
-    ASSERT_TRUE(cache().retrieveFromFile(work("b"), true).isOk());
-    cache().itemRemove(idOf("a"));
-    EXPECT_FALSE(cache().itemIsCached(idOf("a")));
-    EXPECT_TRUE(cache().itemIsCached(idOf("b")));
-    cache().itemRemoveAll();
-    EXPECT_FALSE(cache().itemIsCached(idOf("b")));
-    EXPECT_FALSE(QFileInfo::exists(itemPath("b") + ".lzma"));
-    // The cache works on afterwards.
-    ASSERT_TRUE(cache().retrieveFromFile(work("a"), false).isOk());
-    EXPECT_EQ(QStringList({hexOf("a")}), listing(cacheDir()));
-}
-
 // ---------------------------------------------------------------- pre-caching
-
-TEST_F(CacheTest, RetrieveFromFilePlainAndCompressed)
-{
-    const QByteArray text = QByteArray("resource cache item\n").repeated(5000);
-    KsTest::writeFile(work("f"), text);
-    ASSERT_TRUE(cache().retrieveFromFile(work("f"), true).isOk());
-    // Compressed only: the item is not cached, its ".lzma" copy is there for publishing.
-    EXPECT_FALSE(cache().itemIsCached(idOf(text)));
-    EXPECT_EQ(QStringList({hexOf(text) + ".lzma"}), listing(cacheDir()));
-    QProcess xz;
-    xz.start(QStringLiteral("xz"), {"--format=lzma", "-d", "-c", itemPath(text) + ".lzma"});
-    ASSERT_TRUE(xz.waitForFinished(60000));
-    EXPECT_TRUE(xz.readAllStandardOutput() == text);
-
-    ASSERT_TRUE(cache().retrieveFromFile(work("f"), false).isOk());
-    EXPECT_TRUE(cache().itemIsCached(idOf(text)));
-    EXPECT_TRUE(KsTest::readFile(itemPath(text)) == text);
-    // A second time, nothing is rewritten.
-    const ino_t before = inodeOf(itemPath(text));
-    ASSERT_TRUE(cache().retrieveFromFile(work("f"), false).isOk());
-    EXPECT_EQ(before, inodeOf(itemPath(text)));
-    EXPECT_EQ(QStringList({hexOf(text), hexOf(text) + ".lzma"}), listing(cacheDir()));
-}
 
 TEST_F(CacheTest, RetrieveFromDirectoryFiltersFilesOnlyAndSkipsLinks)
 {
@@ -238,26 +152,6 @@ TEST_F(CacheTest, RetrieveFromDirectoryFiltersFilesOnlyAndSkipsLinks)
     ASSERT_TRUE(r.isBad());
     EXPECT_EQ(QStringLiteral("directory '%1' does not exist").arg(work("none")).toStdString(), r.text());
     EXPECT_STREQ("cond[dir.exists()]", r.condition());
-}
-
-TEST_F(CacheTest, RetrieveFromResourcesTakesPresentFileEntriesOnly)
-{
-    KsTest::writeFile(work("src/present"), "present");
-    KsTest::writeFile(work("src/absent"), "marked absent");
-    McHandle<ResourceFileDirectory> dir(new ResourceFileDirectory);
-    dir->nameSet(work("src"));
-    McDArray<McHandle<Resource>> list;
-    for (const char* name : {"present", "absent", "missing"})
-    {
-        McHandle<ResourceFileEntry> entry(new ResourceFileEntry);
-        entry->nameSet(QString::fromLatin1(name));
-        entry->containerSet(dir);
-        entry->absenceSet(QByteArray(name) == "absent");
-        list.append(McHandle<Resource>(entry.ptr()));
-    }
-    list.append(McHandle<Resource>(dir.ptr()));
-    ASSERT_TRUE(cache().retrieveFromResources(list, false).isOk());
-    EXPECT_EQ(QStringList({hexOf("present")}), listing(cacheDir()));
 }
 
 // ---------------------------------------------------------------- HTTP from nginx
@@ -328,45 +222,6 @@ std::unique_ptr<QTemporaryDir> CacheHttpTest::sWww;
 std::unique_ptr<KsTest::NginxServer> CacheHttpTest::sNginx;
 }
 
-TEST_F(CacheHttpTest, PlainItemsComeAfterTheMissingLzmaCopyOverOneConnection)
-{
-    KsTest::LogRecorder log;
-    QList<QByteArray> items;
-    for (int i = 0; i < 5; ++i)
-    {
-        items << content(16384 + i, 100 + i);
-        publish("plain", items.last(), true, false);
-    }
-    items << QByteArray();  // the empty content is an item like any other
-    publish("plain", items.last(), true, false);
-    cache().httpUrlAdd(base("plain"));
-    QStringList expected;
-    for (const QByteArray& c : items)
-    {
-        ASSERT_TRUE(cache().retrieve(idOf(c)).isOk());
-        EXPECT_TRUE(KsTest::readFile(itemPath(c)) == c);
-        expected << QStringLiteral("/plain/%1.lzma 404").arg(hexOf(c)) << QStringLiteral("/plain/%1 200").arg(hexOf(c));
-    }
-    EXPECT_EQ(expected, requestsSinceStart(expected.size()));
-    EXPECT_EQ(1, connectionsSinceStart());
-    // Nothing but the items: no temporary files left.
-    QStringList names;
-    for (const QByteArray& c : items)
-        names << hexOf(c);
-    names.sort();
-    EXPECT_EQ(names, listing(cacheDir()));
-
-    // The traces of one retrieval: the ".lzma" attempt fails, the plain one succeeds.
-    QStringList traced;
-    for (const auto& l : log.lines())
-        traced << QString::fromStdString(l.text).replace(QRegularExpression("\\(\\d+ ms\\)"), "(T ms)")
-                      .replace(QRegularExpression(" -> .*"), " -> D");
-    const QString u = base("plain") + "/" + hexOf(items.first());
-    const QStringList first{"download: " + u + ".lzma -> D", "...failed [HTTP 404] (T ms)", "download: " + u + " -> D",
-                            "...ok (T ms)"};
-    EXPECT_EQ(first, traced.mid(0, 4));
-}
-
 TEST_F(CacheHttpTest, TheLzmaCopyIsPreferredAndThePlainFileThenNeverAsked)
 {
     const QByteArray text = QByteArray("compressible item\n").repeated(3000);
@@ -383,26 +238,6 @@ TEST_F(CacheHttpTest, TheLzmaCopyIsPreferredAndThePlainFileThenNeverAsked)
     QStringList names{hexOf(text), hexOf(other)};
     names.sort();
     EXPECT_EQ(names, listing(cacheDir()));
-}
-
-TEST_F(CacheHttpTest, CachedItemsAreNotFetchedAndUncachedOnesNeedAUrl)
-{
-    const QByteArray c = content(1000, 3);
-    KsTest::writeFile(work("c"), c);
-    ASSERT_TRUE(cache().retrieveFromFile(work("c"), false).isOk());
-    EXPECT_TRUE(cache().retrieve(idOf(c)).isOk());  // no URL needed
-    cache().httpUrlAdd(base("plain"));
-    EXPECT_TRUE(cache().retrieve(idOf(c)).isOk());
-    EXPECT_TRUE(requestsSinceStart().isEmpty());
-
-    cache().httpUrlClearAll();
-    KsTest::FailureRecorder failures;
-    const BufferID missing = idOf("never published");
-    const McResult r = cache().retrieve(missing);
-    ASSERT_TRUE(r.isBad());
-    EXPECT_EQ(QStringLiteral("item %1 is not cached and no download URL is given").arg(missing.toString()).toStdString(),
-              r.text());
-    EXPECT_STREQ("cond[itemIsCached(inBufferId)]", r.condition());
 }
 
 TEST_F(CacheHttpTest, BaseUrlsAreTriedInOrderUntilOneHasTheItem)
@@ -562,23 +397,4 @@ TEST_F(CacheFaultTest, ABadLzmaCopyFallsBackToThePlainFile)
     QStringList names{hCorrupt, h500, hCut};
     names.sort();
     EXPECT_EQ(names, listing(cacheDir()));
-}
-
-TEST_F(CacheFaultTest, ATimeoutThatDeliveredTheWholeFileIsAccepted)
-{
-    const QByteArray plain = content(30000, 31);
-    const QByteArray packed = QByteArray("stalled but complete\n").repeated(2000);
-    const QString hPlain = put(plain), hPacked = put(packed, false, true);
-    KsTest::FaultServer server(mWww.path(), {"/" + hPlain + "=stall-complete", "/" + hPacked + ".lzma=stall-complete"});
-    ASSERT_TRUE(server.start()) << server.error().toStdString();
-    cache().httpUrlAdd(server.url());
-    KsTest::LogRecorder log;
-    ASSERT_TRUE(cache().retrieve(idOf(plain)).isOk());
-    ASSERT_TRUE(cache().retrieve(idOf(packed)).isOk());
-    EXPECT_TRUE(KsTest::readFile(itemPath(plain)) == plain);
-    EXPECT_TRUE(KsTest::readFile(itemPath(packed)) == packed);
-    int timeouts = 0;
-    for (const auto& l : log.lines())
-        timeouts += QString::fromStdString(l.text).startsWith("...timeout [Operation timed out after ");
-    EXPECT_EQ(2, timeouts);
 }

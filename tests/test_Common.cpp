@@ -61,14 +61,6 @@ QByteArray lzmaOf(const QByteArray& inPlain)
     return QByteArray(reinterpret_cast<const char*>(out.data()), out.size());
 }
 
-McResult unlzma(const QByteArray& inStream, QByteArray* outPlain = nullptr)
-{
-    McDArray<unsigned char> out;
-    const McResult r = lzmaUncompress(out, reinterpret_cast<const unsigned char*>(inStream.constData()), inStream.size());
-    if (outPlain)
-        *outPlain = QByteArray(reinterpret_cast<const char*>(out.data()), out.size());
-    return r;
-}
 }
 
 class CommonTest : public KsTest::EngineTest
@@ -250,59 +242,7 @@ TEST_F(CommonTest, DamagedStreamsFailClearlyAndLeaveTheDestinationAlone)
     }
 }
 
-TEST_F(CommonTest, CompressReportsMissingSourceAndUnwritableDestination)
-{
-    KsTest::FailureRecorder failures;
-    McResult r = fileCompress(path(QStringLiteral("out")), path(QStringLiteral("nothing")));
-    ASSERT_TRUE(r.isBad());
-    EXPECT_STREQ("Internal Error", r.text());
-    EXPECT_STREQ("cond[fileSrc.exists()]", r.condition());
-
-    KsTest::writeFile(path(QStringLiteral("in")), "content");
-    const QString dst = path(QStringLiteral("no/such/folder/out"));
-    r = fileCompress(dst, path(QStringLiteral("in")));
-    ASSERT_TRUE(r.isBad());
-    EXPECT_EQ(dst.toStdString(), r.text());
-    EXPECT_STREQ("cond[fileDst.open( QIODevice::WriteOnly | QIODevice::Truncate )]", r.condition());
-
-    // A source that cannot be read: a folder.
-    r = fileUncompress(path(QStringLiteral("out")), mDir.path());
-    ASSERT_TRUE(r.isBad());
-    EXPECT_EQ(mDir.path().toStdString(), r.text());
-    EXPECT_STREQ("cond[fileSrc.open( QIODevice::ReadOnly )]", r.condition());
-    EXPECT_EQ(QStringList({"in"}), listing());
-}
-
-TEST_F(CommonTest, CompressOverwritesAnExistingDestination)
-{
-    KsTest::writeFile(path(QStringLiteral("in")), textBytes(5000, 1));
-    KsTest::writeFile(path(QStringLiteral("out")), randomBytes(100000, 1));
-    ASSERT_TRUE(fileCompress(path(QStringLiteral("out")), path(QStringLiteral("in"))).isOk());
-    QByteArray back;
-    ASSERT_TRUE(unlzma(KsTest::readFile(path(QStringLiteral("out"))), &back).isOk());
-    EXPECT_TRUE(back == textBytes(5000, 1));
-    EXPECT_EQ(QStringList({"in", "out"}), listing());
-}
-
 // ---------------------------------------------------------------- probeFileUpdate
-
-TEST_F(CommonTest, ProbeOfAWritableFolderLeavesNothing)
-{
-    EXPECT_TRUE(probeFileUpdate(mDir.path()).isOk());
-    EXPECT_TRUE(listing().isEmpty());
-}
-
-TEST_F(CommonTest, ProbeOfAMissingFolderFails)
-{
-    KsTest::ContractRecorder contracts;
-    KsTest::FailureRecorder failures;
-    const QString missing = path(QStringLiteral("missing"));
-    const McResult r = probeFileUpdate(missing);
-    ASSERT_TRUE(r.isBad());
-    EXPECT_EQ(missing.toStdString(), r.text());
-    EXPECT_STREQ("cond[dir.exists()]", r.condition());
-    EXPECT_TRUE(contracts.has("QDir().exists(inDirPath)"));
-}
 
 namespace
 {

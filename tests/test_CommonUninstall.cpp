@@ -142,43 +142,4 @@ TEST_F(UninstallTest, RunsTheUninstallerWithShellQuotingAndWaitsForTheEntryToGo)
     EXPECT_EQ(QByteArray("--all\ntwo words\nback slash\n"), KsTest::readFile(p("arguments.txt")));
 }
 
-TEST_F(UninstallTest, AnUninstallerThatReturnsEarlyIsWaitedForThroughItsEntry)
-{
-    using KsPlatform::RegistryRoot;
-    const QString quiet = uninstaller("quiet.sh", "App", true);
-    entry(RegistryRoot::LocalMachine, "App",
-          {{"InstallLocation", p("app")}, {"UninstallString", "/bin/false"}, {"QuietUninstallString", quiet + " -q"}});
-    ASSERT_TRUE(uninstallWhatsOnThisAppDir(p("app")).isOk());
-    // Its entry was deleted by the process it left behind, and only then did we return.
-    EXPECT_FALSE(entryExists(RegistryRoot::LocalMachine, "App"));
-    EXPECT_EQ(QByteArray("-q\n"), KsTest::readFile(p("arguments.txt")));
-}
-
-TEST_F(UninstallTest, BadUninstallCommandsFailWithoutWaiting)
-{
-    using KsPlatform::RegistryRoot;
-    {
-        entry(RegistryRoot::CurrentUser, "App", {{"InstallLocation", p("app")}, {"UninstallString", "  "}});
-        KsTest::FailureRecorder failures;
-        EXPECT_TRUE(uninstallWhatsOnThisAppDir(p("app")).isBad());
-        EXPECT_TRUE(failures.hasCondition("cond[uninstallCmd.isEmpty()]"));
-        EXPECT_TRUE(failures.hasMessage("the uninstall entry 'HKEY_CURRENT_USER\\" + sUninstall +
-                                        "\\App' names no uninstall command"));
-    }
-    {
-        entry(RegistryRoot::CurrentUser, "App", {{"UninstallString", "\"\" --x"}});
-        KsTest::ContractRecorder contracts;
-        KsTest::FailureRecorder failures;
-        EXPECT_TRUE(uninstallWhatsOnThisAppDir(p("app")).isBad());
-        EXPECT_TRUE(contracts.has("!exePath.isEmpty()"));
-    }
-    {
-        entry(RegistryRoot::CurrentUser, "App", {{"UninstallString", p("missing/uninstall") + " --all"}});
-        KsTest::FailureRecorder failures;
-        EXPECT_TRUE(uninstallWhatsOnThisAppDir(p("app")).isBad());
-        EXPECT_TRUE(failures.hasMessage("cannot start '" + p("missing/uninstall").toStdString() +
-                                        "': not an executable file (No such file or directory)"));
-    }
-    EXPECT_TRUE(entryExists(RegistryRoot::CurrentUser, "App"));
-}
 }

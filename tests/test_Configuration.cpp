@@ -15,36 +15,6 @@ protected:
 };
 }
 
-TEST(ConfigurationTable, ConversionsAndInvalidInput)
-{
-    KsTest::ContractRecorder contracts;
-    EXPECT_STREQ("WIN_PROGRAM_FILES", Configuration::AutoValue2String(Configuration::WIN_PROGRAM_FILES));
-    EXPECT_EQ(38, Configuration::String2AutoValue("WIN_PROGRAM_FILES"));
-    EXPECT_TRUE(contracts.events().empty());
-
-    EXPECT_STREQ("AUTO_INVALID", Configuration::AutoValue2String(static_cast<Configuration::AutoValue>(15)));
-    EXPECT_EQ(0, Configuration::String2AutoValue("win_windows"));
-    EXPECT_EQ(2u, contracts.count("0"));
-
-    Configuration::AutoValue v = Configuration::WIN_FONTS;
-    EXPECT_TRUE(Configuration::Index2AutoValue(0, v));
-    EXPECT_EQ(Configuration::WIN_ADMINTOOLS, v);
-    EXPECT_TRUE(Configuration::Index2AutoValue(56, v));
-    EXPECT_EQ(Configuration::WIN_WINDOWS, v);
-    EXPECT_FALSE(Configuration::Index2AutoValue(57, v));
-    EXPECT_EQ(0, v);
-    v = Configuration::WIN_FONTS;
-    EXPECT_FALSE(Configuration::Index2AutoValue(-1, v));
-    EXPECT_EQ(0, v);
-
-    // Every table entry round-trips through its name.
-    for (int i = 0; i < Configuration::sAutoValueCount; ++i)
-    {
-        ASSERT_TRUE(Configuration::Index2AutoValue(i, v));
-        EXPECT_EQ(v, Configuration::String2AutoValue(Configuration::AutoValue2String(v))) << i;
-    }
-}
-
 TEST_F(ConfigurationTest, AutomaticValuesFollowTheUserFolders)
 {
     const QString home = QDir::homePath();
@@ -71,25 +41,6 @@ TEST_F(ConfigurationTest, AutomaticValuesFollowTheUserFolders)
     EXPECT_TRUE(config().keys().isEmpty());
     config().autodetect();
     EXPECT_EQ(home, config().value("WIN_PROFILE"));
-}
-
-TEST_F(ConfigurationTest, ValueOperations)
-{
-    config().valueSet("A", "1", false);
-    config().valueSet("A", "2", false);
-    EXPECT_EQ("2", config().value("A"));
-    EXPECT_TRUE(config().valueIsDefined("A"));
-    EXPECT_EQ(QString(), config().value("missing"));
-    config().valueClear("missing");
-    config().valueClear("A");
-    EXPECT_FALSE(config().valueIsDefined("A"));
-    EXPECT_TRUE(config().isResolved("$HOME {x} $ {"));
-    EXPECT_FALSE(config().isResolved("a${b"));
-
-    // Copies are independent once either changes.
-    Configuration copy(config());
-    copy.valueSet("ONLY_COPY", "x", false);
-    EXPECT_FALSE(config().valueIsDefined("ONLY_COPY"));
 }
 
 TEST_F(ConfigurationTest, ResolvesChains)
@@ -156,37 +107,4 @@ TEST_F(ConfigurationTest, CyclesAndUndefinedKeysFailWithBothTraces)
     EXPECT_EQ("a/${NOPE}/b", undefined);
     ASSERT_EQ(1u, failures.failures().size());
     EXPECT_EQ("cond[isResolved(inoutExpression)]", failures.failures()[0].condition);
-}
-
-TEST_F(ConfigurationTest, ResolveOneKey)
-{
-    KsTest::FailureRecorder failures;
-    config().valueSet("K", "v", false);
-    QString e = "${K}/${OTHER}";
-    EXPECT_TRUE(config().resolve(e, "K").isOk());
-    EXPECT_EQ("v/${OTHER}", e);
-
-    QString untouched = "${OTHER}";
-    EXPECT_TRUE(config().resolve(untouched, "UNDEFINED").isBad());
-    EXPECT_EQ("${OTHER}", untouched);
-    ASSERT_EQ(1u, failures.failures().size());
-    EXPECT_EQ("key not registered", failures.failures()[0].message);
-    EXPECT_EQ("cond[valueIsDefined(inTargetKey)]", failures.failures()[0].condition);
-
-    failures.clear();
-    QString resolved = "plain";
-    EXPECT_TRUE(config().resolve(resolved, "UNDEFINED").isOk());
-
-    // A value that is its own reference never goes away.
-    config().valueSet("S", "${S}", false);
-    QString self = "${S}";
-    EXPECT_TRUE(config().resolve(self, "S").isBad());
-    EXPECT_FALSE(failures.hasCondition("cond[maxLoop--]"));
-    EXPECT_TRUE(failures.hasCondition("cond[!inoutExpression.contains(pattern)]"));
-    failures.clear();
-    config().valueSet("S", "x${S}", false);
-    QString grow = "${S}";
-    EXPECT_TRUE(config().resolve(grow, "S").isBad());
-    EXPECT_TRUE(failures.hasCondition("cond[maxLoop--]"));
-    EXPECT_TRUE(failures.hasCondition("cond[!inoutExpression.contains(pattern)]"));
 }

@@ -72,31 +72,6 @@ TEST(EngineLifeCycle, EnvironmentParsing)
     Engine::instanceTestReset();
 }
 
-TEST(EngineLifeCycle, NullListsAndShutdown)
-{
-    KsTest::ContractRecorder contracts;
-    Engine::instanceInit(nullptr);
-    EXPECT_TRUE(Engine::instance().environment().isEmpty());
-    Engine::instanceShutdown();
-    EXPECT_FALSE(Engine::instanceAvailable());
-    Engine::instanceShutdown(); // a second call does nothing
-    EXPECT_TRUE(contracts.events().empty());
-
-    Engine::instanceInit(nullptr); // after a shutdown: still created, but reported
-    EXPECT_TRUE(contracts.has("!sIsShutdown"));
-    EXPECT_TRUE(Engine::instanceAvailable());
-    Engine::instanceTestReset();
-
-    contracts.clear();
-    const char* empty[] = {nullptr};
-    Engine::instanceInit(const_cast<char**>(empty));
-    EXPECT_TRUE(Engine::instance().environment().isEmpty());
-    Engine::instanceInit(nullptr);
-    EXPECT_TRUE(contracts.has("sInstance==0"));
-    Engine::instanceTestReset();
-    Engine::instanceTestReset();
-}
-
 TEST_F(EngineCore, TraceWritesProgressAndLog)
 {
     KsTest::LogRecorder log;
@@ -123,22 +98,6 @@ TEST_F(EngineCore, TraceWritesProgressAndLog)
     EXPECT_EQ(2, log.lines()[2].level);
     EXPECT_EQ("Download ...", log.lines()[3].text);
     EXPECT_EQ(1, log.lines()[3].level);
-}
-
-TEST_F(EngineCore, ConsoleProgressRefusesToReportAFraction)
-{
-    KsTest::ContractRecorder contracts;
-    KsDeploy::Progress& p = Engine::instance().progress();
-    EXPECT_NE(nullptr, dynamic_cast<KsDeploy::ConsoleProgress*>(&p));
-    p.progressSet(0.5f);
-    EXPECT_EQ(0.0f, p.progress());
-    ASSERT_EQ(1u, contracts.events().size());
-    EXPECT_EQ("0", contracts.events()[0].condition);
-    EXPECT_EQ(2, contracts.events()[0].type);
-    EXPECT_EQ("KsDeploy::ConsoleProgress::progress", contracts.events()[0].function);
-    // The sink is fixed at first use.
-    Engine::instance().quietSet(false);
-    EXPECT_EQ(&p, &Engine::instance().progress());
 }
 
 TEST_F(EngineCore, MaintenanceAndCacheDirectories)

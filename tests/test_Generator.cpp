@@ -141,67 +141,6 @@ TEST_F(GeneratorTest, RegistryTreeGeneratesResourcesThatInstallItAgain)
     EXPECT_TRUE(registry().keyOpen(RegistryRoot::CurrentUser, "Software").isOk());
 }
 
-TEST_F(GeneratorTest, NonRecursiveRegistryGivesOnlyTheValues)
-{
-    liveTree();
-    McDArray<McHandle<Resource>> chain;
-    McHandle<ResourceRegistryKey> s1;
-    ASSERT_TRUE(Generator::registryKeyChain("HKEY_CURRENT_USER\\Software\\Gen\\S1", chain, s1).isOk());
-    McDArray<McHandle<Resource>> out;
-    ASSERT_TRUE(Generator::generateFromRegistry(s1, out, false).isOk());
-    ASSERT_EQ(1, out.size());
-    EXPECT_EQ("HKEY_CURRENT_USER\\Software\\Gen\\S1\\Path", out[0]->path());
-}
-
-TEST_F(GeneratorTest, RegistryFailureLeavesTheArrayAndThePoolAsTheyWere)
-{
-    liveTree();
-    // A key name with a backslash, put in by hand: its path cannot be walked. It sorts last, so
-    // the failure comes after other resources were appended.
-    QProcess sqlite;
-    sqlite.start("sqlite3", {store(), "INSERT INTO registry_key (parent, name) SELECT id, 'z\\bad' FROM registry_key "
-                                      "WHERE name='Gen'"});
-    ASSERT_TRUE(sqlite.waitForFinished(30000));
-    ASSERT_EQ(0, sqlite.exitCode()) << sqlite.readAllStandardError().toStdString();
-
-    McDArray<McHandle<Resource>> chain;
-    McHandle<ResourceRegistryKey> gen;
-    ASSERT_TRUE(Generator::registryKeyChain("HKEY_CURRENT_USER\\Software\\Gen", chain, gen).isOk());
-    McDArray<McHandle<Resource>> out = chain;
-    const int64_t poolBefore = e().resourceCount();
-    KsTest::FailureRecorder failures;
-    EXPECT_TRUE(Generator::generateFromRegistry(gen, out, true).isBad());
-    EXPECT_EQ(chain.size(), out.size());
-    for (int64_t i = 0; i < chain.size(); ++i)
-        EXPECT_EQ(chain[i].ptr(), out[i].ptr());
-    EXPECT_EQ(poolBefore, e().resourceCount());
-
-    // A key that does not exist at all.
-    McHandle<ResourceRegistryKey> missing;
-    ASSERT_TRUE(Generator::registryKeyChain("HKEY_CURRENT_USER\\Nowhere", out, missing).isOk());
-    const int64_t n = out.size();
-    EXPECT_TRUE(Generator::generateFromRegistry(missing, out, true).isBad());
-    EXPECT_EQ(n, out.size());
-}
-
-TEST_F(GeneratorTest, KeyChainRefusesBadPaths)
-{
-    for (const char* bad : {"HKEY_NOWHERE\\x", "HKEY_CURRENT_USER\\\\x", "HKEY_CURRENT_USER\\x\\", ""})
-    {
-        KsTest::FailureRecorder failures;
-        McDArray<McHandle<Resource>> out;
-        McHandle<ResourceRegistryKey> k;
-        EXPECT_TRUE(Generator::registryKeyChain(bad, out, k).isBad()) << bad;
-        EXPECT_EQ(0, out.size()) << bad;
-        EXPECT_FALSE(failures.failures().empty()) << bad;
-    }
-    McDArray<McHandle<Resource>> out;
-    McHandle<ResourceRegistryKey> root;
-    ASSERT_TRUE(Generator::registryKeyChain("HKEY_USERS", out, root).isOk());
-    EXPECT_EQ(1, out.size());
-    EXPECT_EQ("HKEY_USERS", root->path());
-}
-
 // ---- directory half ----------------------------------------------------------------------
 
 QStringList names(const McDArray<McHandle<Resource>>& inResources)

@@ -54,64 +54,6 @@ std::vector<std::string> valueNames(Registry& inReg, RegistryRoot inRoot, const 
 }
 }
 
-TEST(PlatformRegistry, RootNamesAndPathSplitting)
-{
-    RegistryRoot root = RegistryRoot::Users;
-    std::string path;
-    EXPECT_TRUE(registrySplitPath("HKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor", root, path));
-    EXPECT_EQ(RegistryRoot::LocalMachine, root);
-    EXPECT_EQ("SOFTWARE\\Vendor", path);
-    EXPECT_TRUE(registrySplitPath("HKEY_CURRENT_USER", root, path));
-    EXPECT_EQ(RegistryRoot::CurrentUser, root);
-    EXPECT_EQ("", path);
-    EXPECT_FALSE(registrySplitPath("hkey_current_user\\x", root, path));
-    EXPECT_FALSE(registrySplitPath("HKEY_NOWHERE\\x", root, path));
-    for (RegistryRoot r : {RegistryRoot::ClassesRoot, RegistryRoot::CurrentConfig, RegistryRoot::CurrentUser,
-                           RegistryRoot::LocalMachine, RegistryRoot::Users})
-    {
-        RegistryRoot back = RegistryRoot::Users;
-        EXPECT_TRUE(registryRootFromName(registryRootName(r), back));
-        EXPECT_EQ(r, back);
-    }
-}
-
-TEST(PlatformRegistry, KeysCompareWithoutCaseKeepTheirCaseAndListByName)
-{
-    const std::string file = tempStore("reg.sqlite");
-    auto reg = openStore(file);
-    ASSERT_TRUE(reg);
-    EXPECT_EQ(file, reg->location());
-    const auto hkcu = RegistryRoot::CurrentUser;
-
-    EXPECT_EQ(RegistryNotFound, reg->keyOpen(hkcu, "Software\\Vendor").code);
-    ASSERT_TRUE(reg->keyCreate(hkcu, "Software\\Vendor\\Product").isOk());
-    EXPECT_TRUE(reg->keyOpen(hkcu, "SOFTWARE\\vendor\\PRODUCT").isOk());
-    // Creating with other letter case reuses the key and keeps the first spelling.
-    ASSERT_TRUE(reg->keyCreate(hkcu, "software\\VENDOR\\beta").isOk());
-    ASSERT_TRUE(reg->keyCreate(hkcu, "Software\\Vendor\\alpha").isOk());
-    ASSERT_TRUE(reg->keyCreate(hkcu, "Software\\Vendor\\Caf\xE9").isOk());
-    std::vector<std::string> names;
-    ASSERT_TRUE(reg->subKeys(hkcu, "Software", names).isOk());
-    EXPECT_EQ(std::vector<std::string>({"Vendor"}), names);
-    ASSERT_TRUE(reg->subKeys(hkcu, "software\\vendor", names).isOk());
-    EXPECT_EQ(std::vector<std::string>({"alpha", "beta", "Caf\xE9", "Product"}), names);
-
-    // The roots are separate trees.
-    EXPECT_EQ(RegistryNotFound, reg->keyOpen(RegistryRoot::LocalMachine, "Software").code);
-    ASSERT_TRUE(reg->subKeys(RegistryRoot::Users, "", names).isOk());
-    EXPECT_TRUE(names.empty());
-
-    // The missing part of the path is named.
-    const Status missing = reg->keyOpen(hkcu, "Software\\Other\\Deeper");
-    EXPECT_EQ(RegistryNotFound, missing.code);
-    EXPECT_NE(std::string::npos, missing.text.find("'HKEY_CURRENT_USER\\Software\\Other'")) << missing.text;
-
-    for (const char* bad : {"Software\\\\Vendor", "\\Software", "Software\\"})
-        EXPECT_EQ(RegistryInvalidParameter, reg->keyCreate(hkcu, bad).code) << bad;
-    EXPECT_EQ(RegistryInvalidParameter, reg->keyCreate(hkcu, std::string(256, 'k')).code);
-    EXPECT_TRUE(reg->keyCreate(hkcu, std::string(255, 'k')).isOk());
-}
-
 TEST(PlatformRegistry, DeletingKeysFollowsWindowsRules)
 {
     auto reg = openStore(tempStore("reg.sqlite"));
@@ -367,14 +309,4 @@ TEST(PlatformRegistry, ADamagedOrForeignFileIsReportedAndNeverReplaced)
     EXPECT_NE(std::string::npos, s.text.find(file)) << s.text;
     reg.reset();
     EXPECT_EQ(damaged, fileBytes(file));
-}
-
-TEST(PlatformRegistry, AStoreInAFolderThatCannotBeCreatedIsReported)
-{
-    Status s;
-    EXPECT_FALSE(Registry::open("/proc/no-such-folder/reg.sqlite", s));
-    EXPECT_EQ(RegistryIoFailed, s.code);
-    EXPECT_NE(std::string::npos, s.text.find("/proc/no-such-folder/reg.sqlite")) << s.text;
-    EXPECT_FALSE(Registry::open("", s));
-    EXPECT_EQ(RegistryInvalidParameter, s.code);
 }

@@ -181,20 +181,3 @@ TEST_F(QxDownloadTest, UnreachableServerAndBadUrlsFail)
     EXPECT_EQ("Protocol \"gopher\" not supported or disabled in libcurl", lastError().toStdString());
     EXPECT_TRUE(outListing().isEmpty());
 }
-
-TEST_F(QxDownloadTest, FileUrlsWork)
-{
-    const QString src = sWww->filePath(QStringLiteral("f5"));
-    ASSERT_EQ(QxDownload::ResultOk, fetch(QStringLiteral("file://") + src, out("f5")));
-    EXPECT_TRUE(KsTest::readFile(out("f5")) == KsTest::readFile(src));
-    EXPECT_EQ(QxDownload::ResultFailed, fetch(QStringLiteral("file://") + src + "-missing", out("m")));
-    EXPECT_EQ(("Couldn't open file " + src + "-missing").toStdString(), lastError().toStdString());
-    EXPECT_EQ(QStringList({"f5"}), outListing());
-}
-
-TEST_F(QxDownloadTest, UnwritableDestinationIsAWriteError)
-{
-    const QString dst = out(QStringLiteral("no/such/folder/f1"));
-    EXPECT_EQ(QxDownload::ResultWriteError, fetch(sNginx->url() + "/f1", dst));
-    EXPECT_EQ(QStringLiteral("cannot write '%1'").arg(dst).toStdString(), lastError().toStdString());
-}

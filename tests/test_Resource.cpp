@@ -17,25 +17,6 @@ class ResourceTest : public KsTest::EngineTest
 {
 };
 
-QStringList propertyNames(const Resource& inResource)
-{
-    McDArray<PropertyBase<Resource>*> props;
-    inResource.properties(props);
-    QStringList out;
-    for (int64_t i = 0; i < props.size(); ++i)
-        out << props[i]->name();
-    return out;
-}
-}
-
-TEST_F(ResourceTest, NewResourceIsRegisteredWithDefaults)
-{
-    McHandle<ResourceFileDirectory> d(new ResourceFileDirectory);
-    EXPECT_FALSE(d->uuid().isNull());
-    EXPECT_TRUE(d->deleteOnUninstall());
-    EXPECT_FALSE(d->absence());
-    EXPECT_EQ(d.ptr(), Engine::instance().resource(d->uuid()));
-    EXPECT_EQ(2, d->refCount()); // ours and the pool's
 }
 
 TEST_F(ResourceTest, LinksAreUniquePerTargetAndName)
@@ -86,18 +67,6 @@ TEST_F(ResourceTest, TypedLinkLookupReportsAmbiguity)
     EXPECT_TRUE(contracts.has("retVal.isNull()"));
 }
 
-TEST_F(ResourceTest, PropertyOrderPerClass)
-{
-    McHandle<ResourceFileEntry> e(new ResourceFileEntry);
-    McHandle<ResourceRegistryValue> v(new ResourceRegistryValue);
-    McHandle<ResourceFileShortcut> s(new ResourceFileShortcut);
-    McHandle<ResourceProduct> p(new ResourceProduct);
-    EXPECT_EQ(QStringList({"UUID", "MD5", "Absence", "DeleteOnUninstall", "Name", "Executable"}), propertyNames(*e));
-    EXPECT_EQ(QStringList({"UUID", "Absence", "DeleteOnUninstall", "Type", "Name", "Value"}), propertyNames(*v));
-    EXPECT_EQ(QStringList({"UUID", "Absence", "DeleteOnUninstall", "Name", "Args", "Desc"}), propertyNames(*s));
-    EXPECT_EQ(QStringList({"UUID", "Absence", "DeleteOnUninstall", "Name"}), propertyNames(*p));
-}
-
 TEST_F(ResourceTest, PropertyTextFormsRoundTripAndRejectOthers)
 {
     KsTest::ContractRecorder contracts;
@@ -142,21 +111,6 @@ TEST_F(ResourceTest, PropertyTextFormsRoundTripAndRejectOthers)
             p->copyValue(copy.ptr(), e.ptr());
     EXPECT_EQ(e->isExecutable(), copy->isExecutable());
     EXPECT_NE(e->uuid(), copy->uuid());
-}
-
-TEST_F(ResourceTest, FactoryKnowsExactlyTheSixClasses)
-{
-    for (const char* name : {"ResourceFileDirectory", "ResourceFileEntry", "ResourceFileShortcut", "ResourceProduct",
-                             "ResourceRegistryKey", "ResourceRegistryValue"})
-    {
-        McHandle<Resource> r = ResourceFactory::create(name);
-        ASSERT_TRUE(r.isNotNull()) << name;
-        EXPECT_EQ(QString(name), ResourceFactory::className(r.ptr()));
-    }
-    EXPECT_FALSE(ResourceFactory::isRegistered("ResourceCOMObject"));
-    EXPECT_TRUE(ResourceFactory::create("ResourceCommand").isNull());
-    McHandle<ResourceCOMObject> com(new ResourceCOMObject);
-    EXPECT_EQ(QString(), ResourceFactory::className(com.ptr()));
 }
 
 TEST_F(ResourceTest, PlaceholderKindsFailWithoutMessage)

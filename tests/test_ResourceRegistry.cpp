@@ -166,56 +166,6 @@ TEST_F(RegistryTest, EveryTypeInstallsItsBytesVerifiesAndUninstalls)
     EXPECT_TRUE(e().productUninstall("App").isOk());
 }
 
-TEST_F(RegistryTest, SqliteCommandReadsTheStore)
-{
-    McHandle<ResourceRegistryKey> app = productKey();
-    value(app, "Version", ResourceRegistryValue::TYPE_SZ, "1.2");
-    value(app, "Count", ResourceRegistryValue::TYPE_DWORD, "258");
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-
-    QProcess sqlite;
-    sqlite.start("sqlite3", {"-readonly", store(),
-                             "SELECT k.name, v.name, v.type, hex(v.data) FROM registry_value v JOIN registry_key k ON "
-                             "k.id = v.key ORDER BY v.name"});
-    ASSERT_TRUE(sqlite.waitForFinished(30000));
-    EXPECT_EQ(0, sqlite.exitCode()) << sqlite.readAllStandardError().toStdString();
-    EXPECT_EQ(QByteArray("Kestra Test|Count|4|02010000\nKestra Test|Version|1|312E32\n"), sqlite.readAllStandardOutput());
-}
-
-TEST_F(RegistryTest, TextFormRoundTripsAndIsCanonical)
-{
-    struct Case
-    {
-        Type type;
-        const char* text;
-        const char* canonical;
-    };
-    const Case cases[] = {
-        {ResourceRegistryValue::TYPE_SZ, "plain", "plain"},
-        {ResourceRegistryValue::TYPE_SZ, "", ""},
-        {ResourceRegistryValue::TYPE_EXPAND_SZ, "%TEMP%\\x", "%TEMP%\\x"},
-        {ResourceRegistryValue::TYPE_BINARY, "DEADbeef00", "deadbeef00"},
-        {ResourceRegistryValue::TYPE_BINARY, "", ""},
-        {ResourceRegistryValue::TYPE_DWORD, "007", "7"},
-        {ResourceRegistryValue::TYPE_DWORD, "-2147483648", "-2147483648"},
-        {ResourceRegistryValue::TYPE_DWORD, "2147483647", "2147483647"},
-        {ResourceRegistryValue::TYPE_QWORD, "-9223372036854775808", "-9223372036854775808"},
-        {ResourceRegistryValue::TYPE_QWORD, "+42", "42"},
-    };
-    for (const Case& c : cases)
-    {
-        const QByteArray bytes = ResourceRegistryValue::binaryFromString(c.text, c.type);
-        EXPECT_EQ(QString(c.canonical), ResourceRegistryValue::binaryToString(bytes, c.type)) << c.text;
-        EXPECT_EQ(bytes, ResourceRegistryValue::binaryFromString(c.canonical, c.type)) << c.text;
-    }
-    // Bytes read from a live registry: one terminating zero dropped, inner zeros written "\0".
-    EXPECT_EQ("a\\0b", ResourceRegistryValue::binaryToString(QByteArray("a\0b\0", 4), ResourceRegistryValue::TYPE_MULTI_SZ));
-    EXPECT_EQ(QString::fromLatin1("\xe9t\xe9"),
-              ResourceRegistryValue::binaryToString(QByteArray("\xe9t\xe9"), ResourceRegistryValue::TYPE_SZ));
-    // Data of the wrong size for a number never reads as a number.
-    EXPECT_EQ("0102", ResourceRegistryValue::binaryToString(QByteArray("\1\2", 2), ResourceRegistryValue::TYPE_DWORD));
-}
-
 TEST_F(RegistryTest, VerifyComparesCanonicallyAndNamesWhatDiffers)
 {
     McHandle<ResourceRegistryKey> app = productKey();
@@ -241,32 +191,6 @@ TEST_F(RegistryTest, VerifyComparesCanonicallyAndNamesWhatDiffers)
         EXPECT_TRUE(asBinary->verify().isBad());
         EXPECT_TRUE(failures.hasCondition("cond[currType==type()]"));
         EXPECT_FALSE(failures.hasCondition("cond[currValue==value()]"));
-    }
-}
-
-TEST_F(RegistryTest, RootKeys)
-{
-    {
-        // A predefined root needs nothing created and is never deleted.
-        McHandle<ResourceRegistryKey> hklm = key("HKEY_LOCAL_MACHINE", McHandle<ResourceRegistryKey>());
-        EXPECT_TRUE(hklm->install().isOk());
-        EXPECT_TRUE(hklm->verify().isOk());
-        EXPECT_TRUE(hklm->uninstall().isOk());
-        EXPECT_TRUE(hklm->verify().isOk());
-        std::vector<std::string> names;
-        ASSERT_TRUE(openStore()->subKeys(KsPlatform::RegistryRoot::LocalMachine, "", names).isOk());
-        EXPECT_TRUE(names.empty());
-    }
-    for (const char* bad : {"HKEY_NOWHERE", "hkey_current_user", ""})
-    {
-        KsTest::FailureRecorder failures;
-        McHandle<ResourceRegistryKey> root = key(bad, McHandle<ResourceRegistryKey>());
-        McHandle<ResourceRegistryKey> sub = key("Software", root);
-        McHandle<ResourceRegistryValue> v = value(sub, "x", ResourceRegistryValue::TYPE_SZ, "y");
-        EXPECT_TRUE(sub->install().isBad()) << bad;
-        EXPECT_TRUE(v->install().isBad()) << bad;
-        EXPECT_TRUE(sub->verify().isBad()) << bad;
-        EXPECT_TRUE(failures.hasCondition("cond[hkeyCurr!=((HKEY)(LONG_PTR)-1)]")) << bad;
     }
 }
 
@@ -330,81 +254,6 @@ TEST_F(RegistryTest, BadValuesAreRefusedAndTheOldValueStays)
     }
 }
 
-TEST_F(RegistryTest, ContractsOfTheTextConversionAndTheType)
-{
-    KsTest::ContractRecorder contracts;
-    EXPECT_TRUE(ResourceRegistryValue::binaryFromString("abc", ResourceRegistryValue::TYPE_BINARY).isEmpty());
-    EXPECT_TRUE(contracts.has("inValue.size()%2==0"));
-    EXPECT_TRUE(ResourceRegistryValue::binaryFromString("x", ResourceRegistryValue::TYPE_DWORD).isEmpty());
-    EXPECT_TRUE(contracts.has("ok"));
-    EXPECT_TRUE(ResourceRegistryValue::binaryFromString("1", ResourceRegistryValue::TYPE_RESOURCE_LIST).isEmpty());
-    EXPECT_TRUE(contracts.has("inType!=TYPE_RESOURCE_LIST"));
-    EXPECT_TRUE(ResourceRegistryValue::binaryFromString("1", static_cast<Type>(42)).isEmpty());
-
-    contracts.clear();
-    McHandle<ResourceRegistryValue> v(new ResourceRegistryValue);
-    v->typeSet(ResourceRegistryValue::TYPE_SZ);
-    v->typeSet(ResourceRegistryValue::TYPE_SZ);
-    EXPECT_TRUE(contracts.events().empty());
-    v->typeSet(ResourceRegistryValue::TYPE_DWORD);
-    EXPECT_TRUE(contracts.has("type()==TYPE_NONE || type()==inType"));
-}
-
-TEST_F(RegistryTest, KeyWithSubkeysIsNotDeleted)
-{
-    McHandle<ResourceRegistryKey> app = productKey();
-    ASSERT_TRUE(key("Child", app)->install().isOk());
-    KsTest::FailureRecorder failures;
-    EXPECT_TRUE(app->uninstall().isBad());
-    EXPECT_TRUE(failures.hasCondition("val[5]  exp[0]"));
-    EXPECT_TRUE(keyExists(sAppKey + "\\Child"));
-}
-
-TEST_F(RegistryTest, QueryReadsLiveKeysAndValues)
-{
-    McHandle<ResourceRegistryKey> app = productKey();
-    value(app, "b", ResourceRegistryValue::TYPE_DWORD, "2");
-    value(app, "A", ResourceRegistryValue::TYPE_BINARY, "0a0b");
-    key("Zeta", app);
-    key("alpha", app);
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-
-    McHandle<ResourceRegistryKey> live = key(QString::fromStdString(sAppKey), McHandle<ResourceRegistryKey>());
-    McDArray<McHandle<ResourceRegistryValue>> values;
-    ASSERT_TRUE(live->queryValues(values).isOk());
-    ASSERT_EQ(2, values.size());
-    EXPECT_EQ("A", values[0]->name());
-    EXPECT_EQ(ResourceRegistryValue::TYPE_BINARY, values[0]->type());
-    EXPECT_EQ("0a0b", values[0]->value());
-    EXPECT_EQ("b", values[1]->name());
-    EXPECT_EQ("2", values[1]->value());
-    EXPECT_EQ(live.ptr(), values[1]->container().ptr());
-
-    QHash<QString, McHandle<ResourceRegistryValue>> byName;
-    ResourceRegistryKey::valuesArrayToHash(byName, values);
-    EXPECT_EQ(values[1].ptr(), byName.value("b").ptr());
-    {
-        KsTest::ContractRecorder contracts;
-        ResourceRegistryKey::valuesArrayToHash(byName, values);
-        EXPECT_TRUE(contracts.has("!outValuesHash.contains(inValuesArray[i]->name())"));
-        McDArray<McHandle<ResourceRegistryValue>> notEmpty = values;
-        live->queryValues(notEmpty);
-        EXPECT_TRUE(contracts.has("outValues.isEmptyArray()"));
-    }
-
-    McDArray<McHandle<ResourceRegistryKey>> keys;
-    ASSERT_TRUE(live->querySubKeys(keys).isOk());
-    ASSERT_EQ(2, keys.size());
-    EXPECT_EQ("alpha", keys[0]->name());
-    EXPECT_EQ("Zeta", keys[1]->name());
-    EXPECT_EQ(QString::fromStdString(sAppKey + "\\Zeta"), keys[1]->path());
-
-    KsTest::FailureRecorder failures;
-    McDArray<McHandle<ResourceRegistryValue>> none;
-    EXPECT_TRUE(key("Gone", live)->queryValues(none).isBad());
-    EXPECT_TRUE(failures.hasCondition("cond[res==0L]"));
-}
-
 TEST_F(RegistryTest, FailedInstallLeavesTheRegistryAsItWas)
 {
     preinstall("Setting", "user's");
@@ -428,84 +277,6 @@ TEST_F(RegistryTest, FailedInstallLeavesTheRegistryAsItWas)
     ASSERT_TRUE(e().productInstall("App", false).isOk());
     EXPECT_EQ("product's", rawData(sAppKey, "Setting"));
     EXPECT_EQ(std::string("\3\0\0\0", 4), rawData(sAppKey + "\\New", "Broken"));
-}
-
-TEST_F(RegistryTest, DamagedStoreIsNamedAndLeftAlone)
-{
-    const QByteArray garbage = QByteArray("SQLite format 3") + QByteArray(4096, '\x5a');
-    KsTest::writeFile(store(), garbage);
-    McHandle<ResourceRegistryKey> app = productKey();
-    value(app, "V", ResourceRegistryValue::TYPE_SZ, "x");
-
-    KsTest::FailureRecorder failures;
-    EXPECT_TRUE(e().productInstall("App", false).isBad());
-    bool named = false;
-    for (const auto& f : failures.failures())
-        named = named || (f.message.find(store().toStdString()) != std::string::npos &&
-                          f.message.find("is damaged") != std::string::npos);
-    EXPECT_TRUE(named);
-    EXPECT_EQ(garbage, KsTest::readFile(store()));
-
-    // A product without registry resources does not need the store at all.
-    McHandle<ResourceFileDirectory> dir(new ResourceFileDirectory);
-    dir->nameSet(mDir.path() + "/files");
-    McHandle<ResourceProduct> files(new ResourceProduct);
-    files->nameSet("Files");
-    files->applicationDirectorySet(dir);
-    EXPECT_TRUE(e().productInstall("Files", false).isOk());
-    EXPECT_TRUE(QFileInfo(mDir.path() + "/files").isDir());
-}
-
-TEST_F(RegistryTest, AnotherProcessHoldingTheStoreMakesUsWaitOrFailClearly)
-{
-    McHandle<ResourceRegistryKey> app = productKey();
-    ASSERT_TRUE(app->install().isOk());
-    RegistryStore::close();
-
-    int toParent[2];
-    int toChild[2];
-    ASSERT_EQ(0, pipe(toParent));
-    ASSERT_EQ(0, pipe(toChild));
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0)
-    {
-        // The other process: writes in a transaction it keeps open until told to commit.
-        KsPlatform::Status s;
-        std::unique_ptr<KsPlatform::Registry> r = KsPlatform::Registry::open(store().toStdString(), s);
-        if (!r || r->transactionBegin().isBad() ||
-            r->valueSet(KsPlatform::RegistryRoot::CurrentUser, "Software\\Kestra Test", "Other", 1, "theirs").isBad())
-            _exit(2);
-        char c = 'h';
-        (void)!write(toParent[1], &c, 1);
-        (void)!read(toChild[0], &c, 1);
-        _exit(r->transactionCommit().isOk() ? 0 : 3);
-    }
-    char c = 0;
-    ASSERT_EQ(1, read(toParent[0], &c, 1));
-
-    KsPlatform::Registry* ours = nullptr;
-    ASSERT_TRUE(RegistryStore::instance(ours).isOk());
-    ours->waitLimitSet(200);
-    McHandle<ResourceRegistryValue> mine = value(app, "Mine", ResourceRegistryValue::TYPE_SZ, "ours");
-    {
-        KsTest::FailureRecorder failures;
-        EXPECT_TRUE(e().productInstall("App", false).isBad());
-        EXPECT_TRUE(failures.hasCondition("val[170]  exp[0]"));
-        EXPECT_TRUE(failures.hasMessage("registry store '" + store().toStdString() +
-                                        "' is in use by another process (starting a change; gave up after 200 ms)"));
-    }
-    c = 'c';
-    ASSERT_EQ(1, write(toChild[1], &c, 1));
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    for (int fd : {toParent[0], toParent[1], toChild[0], toChild[1]})
-        close(fd);
-
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-    EXPECT_EQ("theirs", rawData(sAppKey, "Other"));
-    EXPECT_EQ("ours", rawData(sAppKey, "Mine"));
 }
 
 // Tells the parent how many values the open transaction holds, then waits to be killed.
