@@ -30,12 +30,6 @@ class CacheTest(ksharness.KsTestCase):
         with open(os.path.join(self.cache, md5(b"gamma")), "rb") as f:
             self.assertEqual(b"gamma", f.read())
 
-    def test_not_recursive_skips_sub_folders(self):
-        r = self.run_ks("--cache", "action=precache", "targetdir=" + self.cache, "dir=" + self.path("src"),
-                        "recursive=false")
-        self.assertOk(r)
-        self.assertEqual(sorted([md5(b"alpha"), md5(b"beta")]), self.items())
-
     def test_compressed_copies_are_what_xz_reads(self):
         r = self.run_ks("--cache", "action=precache", "targetdir=" + self.cache, "dir=" + self.path("src"),
                         "compress=true")

@@ -113,13 +113,6 @@ class ProductTest(ksharness.KsTestCase):
         self.assertOk(self.product("install", "url=file://" + self.path("mirror")))
         self.assertInstalled()
 
-    def test_urls_are_tried_in_order(self):
-        self.publish_with_standard_tools(False)
-        r = self.install_from("file://" + self.path("nowhere"), "file://" + self.items)
-        self.assertOk(r)
-        self.assertInstalled()
-        self.assertLess(r.out.index(self.path("nowhere")), r.out.index(self.items + "/"))
-
     def install_from(self, *urls):
         return self.product("install", *["url=" + u for u in urls])
 
@@ -145,14 +138,6 @@ class ProductTest(ksharness.KsTestCase):
                 self.assertIn("...failed", r.out)
                 self.assertEqual(before, self.snapshot(self.target))
 
-    def test_a_corrupt_lzma_copy_falls_back_to_the_plain_item(self):
-        self.publish_with_standard_tools(False)
-        digest = md5(FILES["lib/data.bin"])
-        with open(os.path.join(self.items, digest + ".lzma"), "wb") as f:
-            f.write(b"]\0\0\x80\0garbage")
-        self.assertOk(self.install())
-        self.assertInstalled()
-
     def test_a_directory_or_link_where_a_file_must_go(self):
         self.publish_with_standard_tools(False)
         os.makedirs(self.path("target/README.txt"))
@@ -167,22 +152,6 @@ class ProductTest(ksharness.KsTestCase):
         self.assertFails(r)
         self.assertEqual(b"not to be touched", self.read("elsewhere.txt"))
         self.assertTrue(os.path.islink(self.path("target/README.txt")))
-
-    def test_a_cycle_in_the_graph_ends(self):
-        self.publish_with_standard_tools(False)
-        xml = self.read("product.xml").decode()
-        # Make the root directory a child of one of its own sub-directories.
-        lines = xml.splitlines()
-        root_uuid = lines[2].split('UUID="')[1].split('"')[0]
-        sub = next(l for l in lines if 'Name="lib"' in l)
-        sub_uuid = sub.split('UUID="')[1].split('"')[0]
-        lines.insert(len(lines) - 1, '    <Link Source="%s" Target="%s" Name="Container"/>' % (root_uuid, sub_uuid))
-        self.write("cycle.xml", "\n".join(lines) + "\n")
-        r = self.run_ks("--load", "file=cycle.xml", "--config", "TARGET=" + self.target,
-                        "--product", "action=install", "url=file://" + self.items, timeout=60)
-        self.assertIn(r.code, (0, 1), repr(r))
-        if r.code == 1:
-            self.assertIn("error:", r.err)
 
     def test_product_identification(self):
         r = self.run_ks("--load", "file=product.xml", "--product", "action=verify", "name=Other")
@@ -210,18 +179,6 @@ class ProductTest(ksharness.KsTestCase):
         r = self.product("invoke", "exename=absent")
         self.assertFails(r)
         self.assertIn("absent", r.err)
-
-    def test_resolve_replaces_target_keys(self):
-        r = self.run_ks("--load", "file=product.xml", "--config", "TARGET=/opt/app",
-                        "--product", "action=resolve", "confkey=TARGET", "--save", "target=resolved.xml")
-        self.assertOk(r)
-        text = self.read("resolved.xml").decode()
-        self.assertIn('Name="/opt/app"', text)
-        self.assertNotIn("${TARGET}", text)
-        r = self.run_ks("--load", "file=product.xml", "--product", "action=resolve", "confkey=UNDEFINED")
-        self.assertFails(r)
-        self.assertIn("UNDEFINED", r.err)
-
 
 class ToolTest(ksharness.KsTestCase):
     def test_sandboxremove_of_an_unknown_name_and_bad_action(self):

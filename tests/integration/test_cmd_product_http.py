@@ -103,14 +103,6 @@ class HttpProductTest(ksharness.KsTestCase):
                 self.assertEqual(before, self.tree(self.path("target")))
                 self.assertNotIn(victim, os.listdir(cache) if os.path.isdir(cache) else [])
 
-    def test_a_stalled_lzma_copy_falls_back_to_the_plain_item(self):
-        src = self.make_version(1, 0)
-        victim = md5_of(os.path.join(src, "d3", "f3.txt"))
-        shutil.copy(os.path.join(src, "d3", "f3.txt"), self.path("www", "items", victim))
-        with FaultServer(self.path("www"), {"*/%s.lzma" % victim: "stall"}) as server:
-            self.assertOk(self.install(server.url, 1, env={"KSDEPLOY_DOWNLOAD_TIMEOUT_MS": "1500"}))
-        self.assertEqual(self.tree(src), self.tree(self.path("target")))
-
     def test_a_corrupt_lzma_copy_falls_back_to_the_plain_item(self):
         src = self.make_version(1, 0)
         victim = md5_of(os.path.join(src, "d2", "f2.txt"))
