@@ -121,39 +121,6 @@ TEST_F(CacheTest, WriteToFileRules)
 
 // ---------------------------------------------------------------- pre-caching
 
-TEST_F(CacheTest, RetrieveFromDirectoryFiltersFilesOnlyAndSkipsLinks)
-{
-    const QString tree = work("tree");
-    KsTest::writeFile(tree + "/a.bin", "a");
-    KsTest::writeFile(tree + "/b.txt", "b");
-    KsTest::writeFile(tree + "/sub/c.bin", "c");
-    KsTest::writeFile(tree + "/sub/deeper/d.bin", "d");
-    KsTest::writeFile(tree + "/sub/same.bin", "a");  // same content: one item
-    KsTest::writeFile(work("outside/e.bin"), "e");
-    KsTest::writeFile(work("outside.bin"), "f");
-    ASSERT_TRUE(QFile::link(work("outside"), tree + "/linked"));
-    ASSERT_TRUE(QFile::link(work("outside.bin"), tree + "/linked.bin"));
-
-    ASSERT_TRUE(cache().retrieveFromDirectory(tree, false, {"*.bin"}, false).isOk());
-    EXPECT_EQ(QStringList({hexOf("a")}), listing(cacheDir()));
-
-    ASSERT_TRUE(cache().retrieveFromDirectory(tree, true, {"*.bin"}, false).isOk());
-    QStringList expected{hexOf("a"), hexOf("c"), hexOf("d")};
-    expected.sort();
-    EXPECT_EQ(expected, listing(cacheDir()));
-
-    ASSERT_TRUE(cache().retrieveFromDirectory(tree, true, {}, false).isOk());
-    expected << hexOf("b");
-    expected.sort();
-    EXPECT_EQ(expected, listing(cacheDir()));
-
-    KsTest::FailureRecorder failures;
-    const McResult r = cache().retrieveFromDirectory(work("none"), true, {}, false);
-    ASSERT_TRUE(r.isBad());
-    EXPECT_EQ(QStringLiteral("directory '%1' does not exist").arg(work("none")).toStdString(), r.text());
-    EXPECT_STREQ("cond[dir.exists()]", r.condition());
-}
-
 // ---------------------------------------------------------------- HTTP from nginx
 
 namespace

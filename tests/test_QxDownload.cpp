@@ -157,27 +157,3 @@ TEST_F(QxDownloadTest, StallReportsTimeoutAndKeepsWhatArrived)
     EXPECT_TRUE(KsTest::readFile(out("f4")) == KsTest::readFile(sWww->filePath("f4")));
     EXPECT_EQ(QStringList({"f4", "half"}), outListing());
 }
-
-TEST_F(QxDownloadTest, UnreachableServerAndBadUrlsFail)
-{
-    // A port nobody listens on: take a free one and let it go again.
-    int port = 0;
-    {
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        ASSERT_GE(fd, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(a);
-        ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)));
-        ASSERT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len));
-        port = ntohs(a.sin_port);
-        ::close(fd);
-    }
-    EXPECT_EQ(QxDownload::ResultFailed, fetch(QStringLiteral("http://127.0.0.1:%1/f1").arg(port), out("x")));
-    const std::string refused = QStringLiteral("Failed to connect to 127.0.0.1 port %1 ").arg(port).toStdString();
-    EXPECT_EQ(0u, lastError().toStdString().rfind(refused, 0)) << lastError().toStdString();
-    EXPECT_EQ(QxDownload::ResultFailed, fetch(QStringLiteral("gopher://127.0.0.1/f1"), out("x")));
-    EXPECT_EQ("Protocol \"gopher\" not supported or disabled in libcurl", lastError().toStdString());
-    EXPECT_TRUE(outListing().isEmpty());
-}

@@ -94,22 +94,6 @@ TEST_F(ShortcutTest, ShellLinkIsReadByLnkinfoAndVerifies)
         EXPECT_TRUE(info.out.contains(expected)) << expected.toStdString() << "\n" << info.out.toStdString();
 }
 
-TEST_F(ShortcutTest, DesktopEntryIsValidAndVerifies)
-{
-    // Characters that the Exec key must quote or escape.
-    McHandle<ResourceFileShortcut> s = shortcut("start-app.desktop", "--name \"x y\" 100% $HOME back\\slash",
-                                                QString::fromLatin1("Caf\xe9 starter"));
-    ASSERT_TRUE(s->install().isOk());
-    EXPECT_TRUE(s->verify().isOk());
-    const ToolRun check = run("desktop-file-validate", {s->path()});
-    EXPECT_EQ(0, check.code) << check.out.toStdString();
-    EXPECT_TRUE(check.out.trimmed().isEmpty()) << check.out.toStdString();
-    const QByteArray text = KsTest::readFile(s->path());
-    EXPECT_TRUE(text.contains("Type=Application\n")) << text.toStdString();
-    EXPECT_TRUE(text.contains("Path=" + p("app").toUtf8() + "\n")) << text.toStdString();
-    EXPECT_TRUE(text.contains("Comment=Caf\xc3\xa9 starter\n")) << text.toStdString();
-}
-
 TEST_F(ShortcutTest, VerifyNamesWhatDiffersAndComparesTheTargetByIdentity)
 {
     for (const char* name : {"a.lnk", "a.desktop"})

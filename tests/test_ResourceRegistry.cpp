@@ -166,55 +166,6 @@ TEST_F(RegistryTest, EveryTypeInstallsItsBytesVerifiesAndUninstalls)
     EXPECT_TRUE(e().productUninstall("App").isOk());
 }
 
-TEST_F(RegistryTest, VerifyComparesCanonicallyAndNamesWhatDiffers)
-{
-    McHandle<ResourceRegistryKey> app = productKey();
-    McHandle<ResourceRegistryValue> blob = value(app, "Blob", ResourceRegistryValue::TYPE_BINARY, "FF");
-    McHandle<ResourceRegistryValue> num = value(app, "Num", ResourceRegistryValue::TYPE_DWORD, "5");
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-
-    blob->valueSet("ff");
-    num->valueSet("005");
-    EXPECT_TRUE(e().productVerify("App").isOk());
-
-    {
-        KsTest::FailureRecorder failures;
-        blob->valueSet("fe");
-        EXPECT_TRUE(blob->verify().isBad());
-        EXPECT_TRUE(failures.hasCondition("cond[currValue==value()]"));
-        EXPECT_FALSE(failures.hasCondition("cond[currType==type()]"));
-    }
-    {
-        // Same bytes, other type.
-        KsTest::FailureRecorder failures;
-        McHandle<ResourceRegistryValue> asBinary = value(app, "Num", ResourceRegistryValue::TYPE_BINARY, "05000000");
-        EXPECT_TRUE(asBinary->verify().isBad());
-        EXPECT_TRUE(failures.hasCondition("cond[currType==type()]"));
-        EXPECT_FALSE(failures.hasCondition("cond[currValue==value()]"));
-    }
-}
-
-TEST_F(RegistryTest, VerifyOfAMissingParentFailsInstallCreatesTheChain)
-{
-    McHandle<ResourceRegistryKey> app = productKey();
-    McHandle<ResourceRegistryKey> deep = key("Deep", app);
-    {
-        KsTest::FailureRecorder failures;
-        EXPECT_TRUE(deep->verify().isBad());
-        EXPECT_TRUE(failures.hasCondition("val[2]  exp[0]"));
-        EXPECT_TRUE(failures.hasMessage("registry key 'HKEY_CURRENT_USER\\Software' does not exist"));
-    }
-    ASSERT_TRUE(deep->install().isOk());
-    EXPECT_TRUE(keyExists(sAppKey + "\\Deep"));
-    EXPECT_TRUE(deep->verify().isOk());
-
-    // A value needs its key installed first.
-    McHandle<ResourceRegistryValue> orphan = value(key("Missing", app), "v", ResourceRegistryValue::TYPE_SZ, "x");
-    KsTest::FailureRecorder failures;
-    EXPECT_TRUE(orphan->install().isBad());
-    EXPECT_FALSE(keyExists(sAppKey + "\\Missing"));
-}
-
 TEST_F(RegistryTest, BadValuesAreRefusedAndTheOldValueStays)
 {
     McHandle<ResourceRegistryKey> app = productKey();
