@@ -113,6 +113,13 @@ class ProductTest(ksharness.KsTestCase):
         self.assertOk(self.product("install", "url=file://" + self.path("mirror")))
         self.assertInstalled()
 
+    def test_urls_are_tried_in_order(self):
+        self.publish_with_standard_tools(False)
+        r = self.install_from("file://" + self.path("nowhere"), "file://" + self.items)
+        self.assertOk(r)
+        self.assertInstalled()
+        self.assertLess(r.out.index(self.path("nowhere")), r.out.index(self.items + "/"))
+
     def install_from(self, *urls):
         return self.product("install", *["url=" + u for u in urls])
 
