@@ -17,8 +17,7 @@ URL path ("/0123...", "*.lzma"), FAULT one of:
     stall-complete   send the whole file without a length ("read until close"), then hold the
                      connection open: the client has every byte but never sees the end
 
-The first matching rule wins. Each handled request is printed on standard output as
-"REQUEST <method> <path> <status> <fault>" so that callers can see what was asked.
+The first matching rule wins. Each handled request is recorded (see requests).
 
 Use from python:
 
@@ -26,21 +25,12 @@ Use from python:
     with FaultServer(root, {"*.lzma": "status:404", "/abc": "stall"}) as server:
         fetch(server.url + "/abc")
         server.requests   # list of (method, path, status, fault)
-
-or from any other program:
-
-    python3 fault_server.py --root DIR [--rule PATTERN=FAULT ...]
-
-which prints "PORT <n>" once listening and stops at end of standard input or on SIGTERM.
 """
-import argparse
 import fnmatch
 import http.server
 import lzma
 import os
-import signal
 import socketserver
-import sys
 import threading
 
 FAULTS = ("status", "truncate", "wrong", "corrupt-lzma", "lzma-of-wrong", "stall", "stall-complete")
@@ -187,10 +177,9 @@ class _Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
 class FaultServer:
     """The scripted server; rules is a dict or a list of (pattern, fault text) pairs."""
 
-    def __init__(self, root, rules=None, port=0, echo=False):
+    def __init__(self, root, rules=None, port=0):
         self.root = os.path.abspath(root)
         self.port = port
-        self.echo = echo
         self.requests = []
         self._rules = []
         self._lock = threading.Lock()
@@ -222,9 +211,6 @@ class FaultServer:
     def _record(self, method, path, status, fault):
         with self._lock:
             self.requests.append((method, path, status, fault))
-        if self.echo:
-            sys.stdout.write("REQUEST %s %s %d %s\n" % (method, path, status, fault))
-            sys.stdout.flush()
 
     def start(self):
         self._stop_event.clear()
@@ -251,42 +237,3 @@ class FaultServer:
 
     def __exit__(self, *exc):
         self.stop()
-
-
-def main():
-    ap = argparse.ArgumentParser(description="Serve a folder on 127.0.0.1 with scripted faults.")
-    ap.add_argument("--root", required=True, help="folder to serve")
-    ap.add_argument("--port", type=int, default=0, help="port (default: a free one)")
-    ap.add_argument("--rule", action="append", default=[], metavar="PATTERN=FAULT",
-                    help="fault for matching paths; see the module's description")
-    args = ap.parse_args()
-    server = FaultServer(args.root, port=args.port, echo=True)
-    try:
-        for r in args.rule:
-            pattern, sep, fault = r.partition("=")
-            if not sep:
-                raise ValueError("a rule is PATTERN=FAULT: '%s'" % r)
-            server.rule(pattern, fault)
-    except ValueError as e:
-        sys.stderr.write("%s\n" % e)
-        return 2
-
-    def on_signal(*_):
-        server.stop()
-        os._exit(0)
-
-    signal.signal(signal.SIGTERM, on_signal)
-    signal.signal(signal.SIGINT, on_signal)
-    server.start()
-    sys.stdout.write("PORT %d\n" % server.port)
-    sys.stdout.flush()
-    try:
-        while sys.stdin.buffer.read(65536):
-            pass
-    finally:
-        server.stop()
-    return 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())
