@@ -14,34 +14,13 @@ namespace
 {
 const std::string sUninstall = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
 
-class UninstallTest : public KsTest::EngineTest
+class UninstallTest : public KsTest::RegistryEngineTest
 {
 protected:
-    QTemporaryDir mDir;
-    QByteArray mEnvEntry;
-
     void SetUp() override
     {
-        mEnvEntry = "KSDEPLOY_REGISTRY=" + store().toLocal8Bit();
-        char* env[] = {mEnvEntry.data(), nullptr};
-        Engine::instanceInit(env);
-        Engine::instance().quietSet(true);
+        KsTest::RegistryEngineTest::SetUp();
         QDir().mkpath(p("app"));
-    }
-    void TearDown() override
-    {
-        RegistryStore::close();
-        KsTest::EngineTest::TearDown();
-    }
-
-    QString store() const { return mDir.path() + "/registry.sqlite"; }
-    QString p(const QString& inRel) const { return mDir.path() + "/" + inRel; }
-
-    KsPlatform::Registry& registry()
-    {
-        KsPlatform::Registry* r = nullptr;
-        EXPECT_TRUE(RegistryStore::instance(r).isOk());
-        return *r;
     }
     // An uninstall entry with string values (name, text pairs).
     void entry(KsPlatform::RegistryRoot inRoot, const std::string& inName,

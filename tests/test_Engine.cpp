@@ -122,32 +122,3 @@ TEST_F(EngineCore, MaintenanceAndCacheDirectories)
     EXPECT_TRUE(QDir(cache).exists());
     EXPECT_TRUE(contracts.events().empty());
 }
-
-TEST_F(EngineCore, DirectoryFailuresClearThePath)
-{
-    KsTest::FailureRecorder failures;
-    QTemporaryDir dir;
-    KsTest::writeFile(dir.path() + "/file", "x");
-    Engine& e = Engine::instance();
-    e.pathToCacheSet(dir.path() + "/file/cache");
-    QString cache = "stale";
-    EXPECT_TRUE(e.pathToCache(cache).isBad());
-    EXPECT_TRUE(cache.isEmpty());
-    ASSERT_EQ(1u, failures.failures().size());
-    EXPECT_EQ(("Failed to access cache directory [" + dir.path() + "/file/cache]").toStdString(),
-              failures.failures()[0].message);
-    EXPECT_EQ("cond[QDir(outValue).exists()]", failures.failures()[0].condition);
-
-    // A temporary folder that is a file makes the maintenance directory fail too.
-    const QByteArray saved = qgetenv("TMPDIR");
-    qputenv("TMPDIR", (dir.path() + "/file").toLocal8Bit());
-    failures.clear();
-    QString maintenance = "stale";
-    EXPECT_TRUE(e.pathOfMaintenanceDir(maintenance).isBad());
-    EXPECT_TRUE(maintenance.isEmpty());
-    ASSERT_FALSE(failures.failures().empty());
-    EXPECT_EQ("cond[QDir(outValue).exists()]", failures.failures()[0].condition);
-    e.pathToCacheSet(QString());
-    EXPECT_TRUE(e.pathToCache(cache).isBad());
-    qputenv("TMPDIR", saved);
-}

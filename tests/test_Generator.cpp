@@ -19,35 +19,9 @@ using KsPlatform::RegistryRoot;
 
 namespace
 {
-class GeneratorTest : public KsTest::EngineTest
+class GeneratorTest : public KsTest::RegistryEngineTest
 {
 protected:
-    QTemporaryDir mDir;
-    QByteArray mEnvEntry;
-
-    void SetUp() override
-    {
-        mEnvEntry = "KSDEPLOY_REGISTRY=" + store().toLocal8Bit();
-        char* env[] = {mEnvEntry.data(), nullptr};
-        Engine::instanceInit(env);
-        Engine::instance().quietSet(true);
-    }
-    void TearDown() override
-    {
-        RegistryStore::close();
-        KsTest::EngineTest::TearDown();
-    }
-
-    QString store() const { return mDir.path() + "/registry.sqlite"; }
-    QString p(const QString& inRel) const { return mDir.path() + "/" + inRel; }
-    Engine& e() { return Engine::instance(); }
-
-    KsPlatform::Registry& registry()
-    {
-        KsPlatform::Registry* r = nullptr;
-        EXPECT_TRUE(RegistryStore::instance(r).isOk());
-        return *r;
-    }
     void put(const std::string& inKey, const std::string& inName, unsigned long inType, const std::string& inData)
     {
         ASSERT_TRUE(registry().keyCreate(RegistryRoot::CurrentUser, inKey).isOk());

@@ -20,24 +20,6 @@ using namespace KsDeploy;
 
 namespace
 {
-struct ToolRun
-{
-    int code = -1;
-    QString out;
-};
-
-ToolRun run(const QString& inProgram, const QStringList& inArgs)
-{
-    QProcess p;
-    p.setProcessChannelMode(QProcess::MergedChannels);
-    p.start(inProgram, inArgs);
-    ToolRun r;
-    if (p.waitForFinished(30000) && p.exitStatus() == QProcess::NormalExit)
-        r.code = p.exitCode();
-    r.out = QString::fromLocal8Bit(p.readAll());
-    return r;
-}
-
 class ShortcutTest : public KsTest::EngineTest
 {
 protected:
@@ -78,21 +60,6 @@ protected:
         return s;
     }
 };
-
-TEST_F(ShortcutTest, ShellLinkIsReadByLnkinfoAndVerifies)
-{
-    McHandle<ResourceFileShortcut> s = shortcut("Start App.lnk", "--open \"My File.txt\"", "Starts the app");
-    ASSERT_TRUE(s->install().isOk());
-    EXPECT_EQ(p("links/Start App.lnk"), s->path());
-    EXPECT_TRUE(s->verify().isOk());
-
-    const ToolRun info = run("lnkinfo", {s->path()});
-    ASSERT_EQ(0, info.code) << info.out.toStdString();
-    for (const QString& expected : {QString("Description\t\t\t: Starts the app"), QString("Local path\t\t\t: " + p("app/bin/run")),
-                                    QString("Working directory\t\t: " + p("app")),
-                                    QString("Command line arguments\t\t: --open \"My File.txt\"")})
-        EXPECT_TRUE(info.out.contains(expected)) << expected.toStdString() << "\n" << info.out.toStdString();
-}
 
 TEST_F(ShortcutTest, VerifyNamesWhatDiffersAndComparesTheTargetByIdentity)
 {

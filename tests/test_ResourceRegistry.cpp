@@ -20,27 +20,9 @@ using Type = ResourceRegistryValue::Type;
 
 namespace
 {
-class RegistryTest : public KsTest::EngineTest
+class RegistryTest : public KsTest::RegistryEngineTest
 {
 protected:
-    QTemporaryDir mDir;
-    QByteArray mEnvEntry;
-
-    void SetUp() override
-    {
-        mEnvEntry = "KSDEPLOY_REGISTRY=" + store().toLocal8Bit();
-        char* env[] = {mEnvEntry.data(), nullptr};
-        Engine::instanceInit(env);
-        Engine::instance().quietSet(true);
-    }
-    void TearDown() override
-    {
-        RegistryStore::close();
-        KsTest::EngineTest::TearDown();
-    }
-
-    QString store() const { return mDir.path() + "/registry.sqlite"; }
-    Engine& e() { return Engine::instance(); }
 
     // A connection of its own, so that what is seen is what reached the file.
     std::unique_ptr<KsPlatform::Registry> openStore()
@@ -205,31 +187,6 @@ TEST_F(RegistryTest, BadValuesAreRefusedAndTheOldValueStays)
     }
 }
 
-TEST_F(RegistryTest, FailedInstallLeavesTheRegistryAsItWas)
-{
-    preinstall("Setting", "user's");
-    McHandle<ResourceRegistryKey> app = productKey();
-    McHandle<ResourceRegistryKey> sub = key("New", app);
-    McHandle<ResourceRegistryValue> setting = value(app, "Setting", ResourceRegistryValue::TYPE_SZ, "product's");
-    McHandle<ResourceRegistryValue> added = value(sub, "Added", ResourceRegistryValue::TYPE_DWORD, "1");
-    // Installed after the others, as it links to them: fails once they were written.
-    McHandle<ResourceRegistryValue> bad = value(sub, "Broken", ResourceRegistryValue::TYPE_DWORD, "not a number");
-    bad->linkAdd(*setting, "After");
-    bad->linkAdd(*added, "After");
-
-    KsTest::FailureRecorder failures;
-    EXPECT_TRUE(e().productInstall("App", false).isBad());
-    EXPECT_EQ("user's", rawData(sAppKey, "Setting"));
-    EXPECT_FALSE(keyExists(sAppKey + "\\New"));
-    EXPECT_TRUE(e().productResource("_App").isNull());
-
-    // A good install afterwards lands whole.
-    bad->valueSet("3");
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-    EXPECT_EQ("product's", rawData(sAppKey, "Setting"));
-    EXPECT_EQ(std::string("\3\0\0\0", 4), rawData(sAppKey + "\\New", "Broken"));
-}
-
 // Tells the parent how many values the open transaction holds, then waits to be killed.
 int sKillPipe = -1;
 class StopBeforeCommit : public Plugin
@@ -250,45 +207,4 @@ public:
     }
 };
 
-TEST_F(RegistryTest, KilledInstallLeavesTheStoreAsBefore)
-{
-    Engine::pluginFactoryAdd("StopBeforeCommit", [] { return McHandle<Plugin>(new StopBeforeCommit); });
-    preinstall("Kept", "before");
-    McHandle<ResourceRegistryKey> app = productKey();
-    RegistryStore::close();
-    const int n = 500;
-    for (int i = 0; i < n; ++i)
-        value(app, QStringLiteral("v%1").arg(i), ResourceRegistryValue::TYPE_DWORD, QString::number(i));
-    value(app, "Kept", ResourceRegistryValue::TYPE_SZ, "after");
-
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0)
-    {
-        sKillPipe = fds[1];
-        e().pluginRegister("StopBeforeCommit");
-        e().productInstall("App", false);
-        _exit(1);
-    }
-    int seen = 0;
-    ASSERT_EQ(static_cast<ssize_t>(sizeof(seen)), read(fds[0], &seen, sizeof(seen)));
-    EXPECT_EQ(n + 1, seen) << "every value was written when the process died";
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    close(fds[0]);
-    close(fds[1]);
-
-    std::vector<KsPlatform::RegistryValue> values;
-    ASSERT_TRUE(openStore()->values(KsPlatform::RegistryRoot::CurrentUser, "Software\\Kestra Test", values).isOk());
-    ASSERT_EQ(1u, values.size());
-    EXPECT_EQ("before", values[0].data);
-
-    // The store is whole: the same install in this process lands completely.
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-    EXPECT_EQ("after", rawData(sAppKey, "Kept"));
-    EXPECT_EQ(std::string("\x2b\x00\x00\x00", 4), rawData(sAppKey, "v43"));
-}
 }

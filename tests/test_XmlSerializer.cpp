@@ -138,22 +138,6 @@ TEST_F(XmlSerializerTest, LinksResolveForwardAcrossFilesAndOnce)
     EXPECT_EQ(("load: " + file("links.xml") + " [res: 2, lnk: 1]").toStdString(), log.lines().back().text);
 }
 
-TEST_F(XmlSerializerTest, UnknownElementsAndAttributesAreReportedAndSkipped)
-{
-    KsTest::FailureRecorder failures;
-    KsTest::writeFile(file("u.xml"), "<Deploy><ResourceCommand Name=\"x\"/>"
-                                     "<ResourceFileDirectory Name=\"/d\" Colour=\"red\"/></Deploy>");
-    McDArray<McHandle<Resource>> loaded;
-    ASSERT_TRUE(load(file("u.xml"), loaded).isOk());
-    ASSERT_EQ(1, loaded.size());
-    EXPECT_EQ("/d", loaded[0]->name());
-    ASSERT_EQ(2u, failures.failures().size());
-    EXPECT_EQ("unknown element [ResourceCommand]", failures.failures()[0].message);
-    EXPECT_EQ("cond[ResourceFactory::isRegistered( name )]", failures.failures()[0].condition);
-    EXPECT_EQ("unknown attribute [Colour]", failures.failures()[1].message);
-    EXPECT_EQ("cond[prop!=0]", failures.failures()[1].condition);
-}
-
 TEST_F(XmlSerializerTest, DamagedFilesKeepWhatWasReadAndNeverHang)
 {
     KsTest::FailureRecorder failures;

@@ -1,4 +1,5 @@
 #include "KsTestSupport.h"
+#include "RegistryStore.h"
 
 #include <QDir>
 #include <QFile>
@@ -84,6 +85,27 @@ void EngineTest::SetUp()
 }
 
 void EngineTest::TearDown() { KsDeploy::Engine::instanceTestReset(); }
+
+void RegistryEngineTest::SetUp()
+{
+    mEnvEntry = "KSDEPLOY_REGISTRY=" + store().toLocal8Bit();
+    char* env[] = {mEnvEntry.data(), nullptr};
+    KsDeploy::Engine::instanceInit(env);
+    KsDeploy::Engine::instance().quietSet(true);
+}
+
+void RegistryEngineTest::TearDown()
+{
+    KsDeploy::RegistryStore::close();
+    EngineTest::TearDown();
+}
+
+KsPlatform::Registry& RegistryEngineTest::registry()
+{
+    KsPlatform::Registry* r = nullptr;
+    EXPECT_TRUE(KsDeploy::RegistryStore::instance(r).isOk());
+    return *r;
+}
 
 void writeFile(const QString& inPath, const QByteArray& inBytes)
 {

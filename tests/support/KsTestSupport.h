@@ -1,6 +1,9 @@
 #pragma once
 // Recorders for contract events, failure notifications and log lines, and an engine fixture.
 #include "Engine.h"
+#include "Registry.h"
+
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -69,6 +72,21 @@ class EngineTest : public ::testing::Test
 protected:
     void SetUp() override;
     void TearDown() override;
+};
+
+// The same with a registry store of the test's own in a temporary folder.
+class RegistryEngineTest : public EngineTest
+{
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    QString store() const { return mDir.path() + "/registry.sqlite"; }
+    QString p(const QString& inRel) const { return mDir.path() + "/" + inRel; }
+    KsDeploy::Engine& e() { return KsDeploy::Engine::instance(); }
+    KsPlatform::Registry& registry();
+
+    QTemporaryDir mDir;
+    QByteArray mEnvEntry;
 };
 
 // Writes bytes to a file; creates missing parent folders.
