@@ -109,31 +109,15 @@ McResult Cache::itemCreateFile(const BufferID& inBufferId, const QString& inTarg
     const McResult created = QxBase::File::copyCreate(item, inTarget, outExisted, &stamp);
     if (outExisted)
         return retVal;
-    if (created.isBad())
-    {
-        // The target could not be made (a missing folder, no rights) or the item could not be
-        // read: what is there may still be right, which the caller's other route judges.
-        const QFileInfo target(inTarget);
-        if (target.exists() || target.isSymLink())
-        {
-            outExisted = true;
-            return retVal;
-        }
-    }
     if (MC_CHECK_TEXT(retVal, created.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
         return retVal << created; // the copy's own reason follows
     scanFileRemember(inTarget, inBufferId.md5(), stamp);
     return retVal;
 }
 
-McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite)
+McResult Cache::itemWriteOverFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite)
 {
     McResult retVal;
-    // Nothing there yet, the usual case of a first install: one exclusive create, no rename.
-    bool existed = false;
-    retVal << itemCreateFile(inBufferId, inTarget, existed);
-    if (!existed)
-        return retVal;
     if (QFileInfo(inTarget).isFile())
     {
         const McLib::MD5 md5 = scanFile(inTarget);
@@ -148,6 +132,16 @@ McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTar
     if (MC_CHECK_TEXT(retVal, copied.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
         return retVal << copied; // the copy's own reason follows
     scanFileRemember(inTarget, inBufferId.md5(), stamp);
+    return retVal;
+}
+
+McResult Cache::itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite)
+{
+    // Nothing there yet is the usual case of a first install: written in one go, no comparison.
+    bool existed = false;
+    McResult retVal = itemCreateFile(inBufferId, inTarget, existed);
+    if (existed)
+        retVal << itemWriteOverFile(inBufferId, inTarget, inOverwrite);
     return retVal;
 }
 

@@ -33,9 +33,12 @@ public:
     // Copies a cached item to a target; an existing target with other content is replaced
     // only when inOverwrite is set.
     McResult itemWriteToFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite);
-    // Copies a cached item to a target only when nothing is there yet; outExisted tells that
-    // something was (a file, a directory or a link), which is then left untouched.
+    // The two halves of itemWriteToFile. itemCreateFile copies only when nothing is at the
+    // target yet; outExisted tells that something was (a file, a folder or a link), which is
+    // then left untouched. itemWriteOverFile handles a target that exists: content already
+    // right stays, other content is replaced when inOverwrite is set.
     McResult itemCreateFile(const BufferID& inBufferId, const QString& inTarget, bool& outExisted);
+    McResult itemWriteOverFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite);
 
     McResult retrieve(const BufferID& inBufferId);
     McResult retrieveFromFile(const QString& inFilePath, bool inCompress);

@@ -23,8 +23,6 @@ namespace
 {
 using QxBase::FileStamp;
 
-bool stampOf(const QString& inPath, FileStamp& outStamp) { return QxBase::File::stampOf(inPath, outStamp); }
-
 struct MemoEntry
 {
     FileStamp stamp;
@@ -35,14 +33,6 @@ QHash<QString, MemoEntry>& memo()
 {
     static QHash<QString, MemoEntry> sMemo;
     return sMemo;
-}
-
-void stampFromStat(const struct stat& inSt, FileStamp& outStamp)
-{
-    outStamp.size = inSt.st_size;
-    outStamp.mtimeNs = static_cast<qint64>(inSt.st_mtim.tv_sec) * 1000000000 + inSt.st_mtim.tv_nsec;
-    outStamp.inode = inSt.st_ino;
-    outStamp.device = inSt.st_dev;
 }
 
 // Hashes what the open descriptor reads, in 1 MiB blocks. The checks keep the texts callers
@@ -79,25 +69,20 @@ McLib::MD5 KsDeploy::scanFile(const QString& inFilePath)
 {
     // One descriptor serves the existence check, the stamp before and after, and the reading:
     // verifying a product of many files then costs no extra look-ups by name.
-    const QByteArray name = QFile::encodeName(inFilePath);
-    int fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC | O_NOATIME);
-    if (fd < 0 && errno == EPERM) // only the owner may skip the access time
-        fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC);
+    const int fd = QxBase::File::openForReading(inFilePath);
     const bool missing = fd < 0 && (errno == ENOENT || errno == ENOTDIR);
     MC_DBC_TEXT(DbCPrecondition, !missing, "QFile::exists(inFilePath)");
     McResult retVal;
     McLib::MD5 md5;
-    struct stat st;
     do
     {
         if (MC_CHECK_TEXT(retVal, !missing, "qFile.exists()", "Internal Error"))
             break;
         // A folder opens here, but it is no file to hash.
-        const bool isFile = fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+        FileStamp before;
+        const bool isFile = fd >= 0 && QxBase::File::stampOf(fd, before);
         if (MC_CHECK_TEXT(retVal, isFile, "qFile.open(QIODevice::ReadOnly)", "Internal Error"))
             break;
-        FileStamp before;
-        stampFromStat(st, before);
         auto it = memo().constFind(inFilePath);
         if (it != memo().constEnd() && it.value().stamp == before)
         {
@@ -108,25 +93,14 @@ McLib::MD5 KsDeploy::scanFile(const QString& inFilePath)
         md5 = hashDescriptor(fd, retVal);
         // Remember it only when the file did not change while it was read.
         FileStamp after;
-        if (!md5.isNull() && ::fstat(fd, &st) == 0)
-        {
-            stampFromStat(st, after);
-            if (after == before)
-                memo().insert(inFilePath, MemoEntry{after, md5});
-        }
+        if (!md5.isNull() && QxBase::File::stampOf(fd, after) && after == before)
+            memo().insert(inFilePath, MemoEntry{after, md5});
     } while (false);
     if (fd >= 0)
         ::close(fd);
     McResult report;
     MC_CHECK_TEXT(report, !md5.isNull(), "retVal.isValid()", inFilePath);
     return md5;
-}
-
-void KsDeploy::scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5)
-{
-    FileStamp stamp;
-    if (!inMd5.isNull() && stampOf(inFilePath, stamp))
-        memo().insert(inFilePath, MemoEntry{stamp, inMd5});
 }
 
 void KsDeploy::scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp)

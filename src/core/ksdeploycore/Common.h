@@ -10,9 +10,8 @@ namespace KsDeploy
 // Within one run an unchanged file (same path, size, modification time and inode) is hashed
 // only once.
 McLib::MD5 scanFile(const QString& inFilePath);
-// Tells the digest memo the content of a file this run has just written.
-void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5);
-// The same with the stamp the writer already has, which spares looking the file up again.
+// Tells the digest memo the content of a file this run has just written, with the stamp the
+// writer took.
 void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp);
 
 // Whole-file LZMA compression and decompression (destination first).

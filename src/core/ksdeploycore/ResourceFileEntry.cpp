@@ -63,7 +63,7 @@ McResult ResourceFileEntry::install()
     {
         if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
             return retVal;
-        retVal << cache.itemWriteToFile(bufferId(), fullPath, true);
+        retVal << cache.itemWriteOverFile(bufferId(), fullPath, true);
     }
     if (retVal.isOk() && isExecutable())
     {

@@ -129,14 +129,9 @@ void stampFrom(const struct stat& inSt, FileStamp& outStamp)
     outStamp.device = inSt.st_dev;
 }
 
-// Reading a source must not write its inode back (access time): that is a journal write per
-// file. Only the owner may ask for that, so others read the ordinary way.
 int openSource(const QString& inSource, struct stat& outSt)
 {
-    const QByteArray src = QFile::encodeName(inSource);
-    int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC | O_NOATIME);
-    if (in < 0 && errno == EPERM)
-        in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
+    int in = File::openForReading(inSource);
     if (in >= 0 && ::fstat(in, &outSt) != 0)
     {
         ::close(in);
@@ -212,22 +207,34 @@ bool copyContent(int inIn, const struct stat& inSt, int inOut)
     return true;
 }
 
-// Copies into inOut, then closes both; the stamp is taken before the close, when it is final.
-bool copyAndClose(int inIn, const struct stat& inSt, int inOut, FileStamp* outStamp)
+// Copies into inOut and closes inIn; inOut stays open for the caller to put in place. The stamp
+// is taken now, when the content is final.
+bool copyInto(int inIn, const struct stat& inSt, int inOut, FileStamp* outStamp)
 {
-    bool ok = copyContent(inIn, inSt, inOut);
-    struct stat written;
-    if (ok && outStamp)
-    {
-        if (::fstat(inOut, &written) == 0)
-            stampFrom(written, *outStamp);
-        else
-            *outStamp = FileStamp();
-    }
+    const bool ok = copyContent(inIn, inSt, inOut);
     ::close(inIn);
-    ok = (::close(inOut) == 0) && ok;
+    if (ok && outStamp && !File::stampOf(inOut, *outStamp))
+        *outStamp = FileStamp();
     return ok;
 }
+}
+
+int File::openForReading(const QString& inPath)
+{
+    const QByteArray name = QFile::encodeName(inPath);
+    int fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC);
+    return fd;
+}
+
+bool File::stampOf(int inFd, FileStamp& outStamp)
+{
+    struct stat st;
+    if (::fstat(inFd, &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    stampFrom(st, outStamp);
+    return true;
 }
 
 bool File::stampOf(const QString& inPath, FileStamp& outStamp)
@@ -254,7 +261,8 @@ McResult File::copyReplace(const QString& inSource, const QString& inTarget, Fil
         ::close(in);
         return retVal;
     }
-    bool ok = copyAndClose(in, st, out, outStamp);
+    bool ok = copyInto(in, st, out, outStamp);
+    ok = (::close(out) == 0) && ok;
     if (ok)
         ok = ::rename(tmp.constData(), QFile::encodeName(inTarget).constData()) == 0;
     if (!ok)
@@ -266,29 +274,45 @@ McResult File::copyReplace(const QString& inSource, const QString& inTarget, Fil
 McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted, FileStamp* outStamp)
 {
     McResult retVal;
-    outExisted = false;
     const QByteArray target = QFile::encodeName(inTarget);
-    // The target first: when something is there, that is one call and the source is not opened.
-    // O_EXCL also refuses a symbolic link, even a dangling one, so nothing is written through it.
-    const int out = ::open(target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (out < 0 && errno == EEXIST)
-    {
-        outExisted = true;
-        return retVal;
-    }
-    if (MC_CHECK_WIN(retVal, out >= 0, QStringLiteral("failed to write '%1'").arg(inTarget)))
+    // lstat, not stat: a symbolic link, even a dangling one, is something there.
+    struct stat there;
+    outExisted = ::lstat(target.constData(), &there) == 0;
+    if (outExisted)
         return retVal;
     struct stat st;
     const int in = openSource(inSource, st);
     if (MC_CHECK_WIN(retVal, in >= 0, QStringLiteral("failed to read '%1'").arg(inSource)))
+        return retVal;
+    // The content goes into a file without a name, which is linked in only once it is complete:
+    // no moment shows a half-written target, and a failure leaves nothing behind.
+    const QString folder = QFileInfo(inTarget).absolutePath();
+    const int out = ::open(QFile::encodeName(folder).constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+    if (out < 0 && (errno == EOPNOTSUPP || errno == EISDIR))
     {
-        ::close(out);
-        ::unlink(target.constData());
+        // A file system without nameless files: through a temporary name instead.
+        ::close(in);
+        return copyReplace(inSource, inTarget, outStamp);
+    }
+    if (MC_CHECK_WIN(retVal, out >= 0, QStringLiteral("failed to write '%1'").arg(inTarget)))
+    {
+        ::close(in);
         return retVal;
     }
-    const bool ok = copyAndClose(in, st, out, outStamp);
-    if (!ok)
-        ::unlink(target.constData());
+    bool ok = copyInto(in, st, out, outStamp);
+    if (ok)
+    {
+        const QByteArray self = "/proc/self/fd/" + QByteArray::number(out);
+        ok = ::linkat(AT_FDCWD, self.constData(), AT_FDCWD, target.constData(), AT_SYMLINK_FOLLOW) == 0;
+        // Something appeared there meanwhile: it is left as it is, and the caller told.
+        if (!ok && errno == EEXIST)
+        {
+            ::close(out);
+            outExisted = true;
+            return retVal;
+        }
+    }
+    ::close(out);
     MC_CHECK_WIN(retVal, ok, QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inSource, inTarget));
     return retVal;
 }

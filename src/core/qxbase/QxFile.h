@@ -44,14 +44,20 @@ public:
     // receives the stamp of the written file.
     static McResult copyReplace(const QString& inSource, const QString& inTarget, FileStamp* outStamp = nullptr);
     // Copies a file to inTarget only when nothing is there (a symbolic link counts as
-    // something): the file is created exclusively under its own name, which spares the
-    // temporary name and the rename. The new file has the ordinary mode of a new file (the
-    // umask applies); other modes are the caller's to set. When something is there, outExisted
-    // is set and nothing is touched. A failed copy removes the file it created.
+    // something). The content is written into a nameless file in the target's folder that gets
+    // its name once complete, so the target is never seen half-written and a failure leaves
+    // nothing. The new file has the ordinary mode of a new file (the umask applies); other
+    // modes are the caller's to set. When something is there, outExisted is set and nothing is
+    // touched.
     static McResult copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted,
                                FileStamp* outStamp = nullptr);
-    // The stamp of an existing regular file (symbolic links followed); false for anything else.
+    // Opens a file for reading without updating its access time where the owner may ask for
+    // that (it would cost a journal write per file read); -1 on failure, errno set.
+    static int openForReading(const QString& inPath);
+    // The stamp of an existing regular file (symbolic links followed), by path or by an open
+    // descriptor; false for anything else.
     static bool stampOf(const QString& inPath, FileStamp& outStamp);
+    static bool stampOf(int inFd, FileStamp& outStamp);
     // A temporary file name in the same folder as inPath (not created).
     static QString temporaryPathBeside(const QString& inPath);
 };
