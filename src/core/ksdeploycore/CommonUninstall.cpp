@@ -52,13 +52,11 @@ private:
 McResult keyIsPresent(const ResourceRegistryKey& inKey, bool& outPresent)
 {
     outPresent = false;
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string subPath;
-    McResult retVal = inKey.locate(registry, root, subPath);
+    ResourceRegistryKey::Place at;
+    McResult retVal = inKey.locate(at);
     if (retVal.isBad())
         return retVal;
-    const KsPlatform::Status status = registry->keyOpen(root, subPath);
+    const KsPlatform::Status status = at.registry->keyOpen(at.root, at.path);
     outPresent = status.isOk();
     if (status.code != KsPlatform::RegistryNotFound)
         KS_CHECK_REGISTRY(retVal, status);
@@ -124,12 +122,16 @@ McResult uninstallEntries(const QString& inAppDir, QList<UninstallEntry>& outEnt
     return retVal;
 }
 
-// Exactly one entry must name the folder; the trace says what was found otherwise.
-McResult theOneEntry(const QString& inAppDir, const QList<UninstallEntry>& inEntries)
+// The uninstall entry of inAppDir: exactly one entry must name the folder; the trace says what
+// was found otherwise.
+McResult theOneEntry(const QString& inAppDir, UninstallEntry& outEntry, TemporaryResources& inoutTemp)
 {
-    McResult retVal;
+    QList<UninstallEntry> entries;
+    McResult retVal = uninstallEntries(inAppDir, entries, inoutTemp);
+    if (retVal.isBad())
+        return retVal;
     QStringList listOfProductKeyPath;
-    for (const UninstallEntry& e : inEntries)
+    for (const UninstallEntry& e : entries)
         listOfProductKeyPath.append(e.key->path());
     if (MC_CHECK(retVal, listOfProductKeyPath.size()==1, inAppDir))
     {
@@ -139,7 +141,9 @@ McResult theOneEntry(const QString& inAppDir, const QList<UninstallEntry>& inEnt
                                  : QStringLiteral("%1 uninstall entries have the InstallLocation '%2': %3")
                                        .arg(listOfProductKeyPath.size())
                                        .arg(inAppDir, listOfProductKeyPath.join(QStringLiteral(", "))));
+        return retVal;
     }
+    outEntry = entries.first();
     return retVal;
 }
 
@@ -151,29 +155,22 @@ McResult KsDeploy::productInfoByAppDir(const QString& inAppDir, bool& outIsPerMa
     outIsPerMachine = false;
     outHasUninstaller = false;
     TemporaryResources temp;
-    QList<UninstallEntry> entries;
-    McResult retVal = uninstallEntries(inAppDir, entries, temp);
+    UninstallEntry entry;
+    McResult retVal = theOneEntry(inAppDir, entry, temp);
     if (retVal.isBad())
         return retVal;
-    retVal << theOneEntry(inAppDir, entries);
-    if (retVal.isBad())
-        return retVal;
-    outIsPerMachine = entries.first().isPerMachine;
-    outHasUninstaller = !entries.first().uninstallCmd.trimmed().isEmpty();
+    outIsPerMachine = entry.isPerMachine;
+    outHasUninstaller = !entry.uninstallCmd.trimmed().isEmpty();
     return retVal;
 }
 
 McResult KsDeploy::uninstallWhatsOnThisAppDir(const QString& inAppDir)
 {
     TemporaryResources temp;
-    QList<UninstallEntry> entries;
-    McResult retVal = uninstallEntries(inAppDir, entries, temp);
+    UninstallEntry entry;
+    McResult retVal = theOneEntry(inAppDir, entry, temp);
     if (retVal.isBad())
         return retVal;
-    retVal << theOneEntry(inAppDir, entries);
-    if (retVal.isBad())
-        return retVal;
-    const UninstallEntry& entry = entries.first();
     const QString entryPath = entry.key->path();
     const QString uninstallCmd = entry.uninstallCmd.trimmed();
     if (MC_CHECK_TEXT(retVal, !uninstallCmd.isEmpty(), "uninstallCmd.isEmpty()",

@@ -112,9 +112,12 @@ McResult encoderStart(lzma_stream& outStream)
     return retVal;
 }
 
-McResult decoderStart(lzma_stream& outStream)
+// Checks the header of inData first (see claimedSize), then starts the decoder.
+McResult decoderStart(lzma_stream& outStream, const unsigned char* inData, int64_t inSize, uint64_t& outClaimed)
 {
-    McResult retVal;
+    McResult retVal = claimedSize(inData, inSize, outClaimed);
+    if (retVal.isBad())
+        return retVal;
     MC_CHECK_TEXT(retVal, lzma_alone_decoder(&outStream, sDecoderMemLimit) == LZMA_OK,
                   "lzma_alone_decoder() == LZMA_OK", "lzma decompression could not start");
     return retVal;
@@ -133,11 +136,8 @@ McResult KsDeploy::lzmaCompress(McDArray<unsigned char>& outData, const unsigned
 McResult KsDeploy::lzmaUncompress(McDArray<unsigned char>& outData, const unsigned char* inData, int64_t inSize)
 {
     uint64_t claimed = 0;
-    McResult retVal = claimedSize(inData, inSize, claimed);
-    if (retVal.isBad())
-        return retVal;
     lzma_stream stream = LZMA_STREAM_INIT;
-    retVal << decoderStart(stream);
+    McResult retVal = decoderStart(stream, inData, inSize, claimed);
     if (retVal.isBad())
         return retVal;
     const bool known = claimed != UINT64_MAX;
@@ -157,11 +157,8 @@ McResult KsDeploy::lzmaCompressTo(const LzmaSink& inSink, const unsigned char* i
 McResult KsDeploy::lzmaUncompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize)
 {
     uint64_t claimed = 0;
-    McResult retVal = claimedSize(inData, inSize, claimed);
-    if (retVal.isBad())
-        return retVal;
     lzma_stream stream = LZMA_STREAM_INIT;
-    retVal << decoderStart(stream);
+    McResult retVal = decoderStart(stream, inData, inSize, claimed);
     if (retVal.isBad())
         return retVal;
     return runTo(stream, inSink, inData, inSize, "lzma decompression");

@@ -120,7 +120,11 @@ RegistryTransaction::~RegistryTransaction()
 
 bool RegistryTransaction::isBegun() const { return mOpen && sBegun >= mLevel; }
 
-McResult RegistryTransaction::commit()
+McResult RegistryTransaction::commit() { return end(true); }
+
+McResult RegistryTransaction::rollback() { return end(false); }
+
+McResult RegistryTransaction::end(bool inCommit)
 {
     McResult retVal;
     if (MC_CHECK(retVal, mOpen, "registry transaction is not open"))
@@ -134,23 +138,6 @@ McResult RegistryTransaction::commit()
     if (!begun)
         return retVal;
     --sBegun;
-    KS_CHECK_REGISTRY(retVal, sRegistry->transactionCommit());
-    return retVal;
-}
-
-McResult RegistryTransaction::rollback()
-{
-    McResult retVal;
-    if (MC_CHECK(retVal, mOpen, "registry transaction is not open"))
-        return retVal;
-    MC_DBC_TEXT(DbCCheck, mLevel == sScopes, "mLevel == sScopes");
-    const bool begun = isBegun();
-    mOpen = false;
-    --sScopes;
-    scopeEnded(mLevel);
-    if (!begun)
-        return retVal;
-    --sBegun;
-    KS_CHECK_REGISTRY(retVal, sRegistry->transactionRollback());
+    KS_CHECK_REGISTRY(retVal, inCommit ? sRegistry->transactionCommit() : sRegistry->transactionRollback());
     return retVal;
 }

@@ -45,6 +45,8 @@ public:
     bool isBegun() const;
 
 private:
+    McResult end(bool inCommit);
+
     int mLevel = 0;  // nesting level of this scope, 1 for the outermost
     bool mOpen = true;
 };

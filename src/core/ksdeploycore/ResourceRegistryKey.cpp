@@ -33,13 +33,12 @@ QString ResourceRegistryKey::path() const
     return ret;
 }
 
-McResult ResourceRegistryKey::locate(KsPlatform::Registry*& outRegistry, KsPlatform::RegistryRoot& outRoot,
-                                     std::string& outSubPath) const
+McResult ResourceRegistryKey::locate(Place& outPlace) const
 {
     McResult retVal;
     const QString keyPath = path();
     // The root is the first name of the path: one of the five predefined root keys.
-    const bool isRoot = RegistryStore::splitPath(keyPath, outRoot, outSubPath);
+    const bool isRoot = RegistryStore::splitPath(keyPath, outPlace.root, outPlace.path);
     if (MC_CHECK_TEXT(retVal, isRoot, "hkeyCurr!=((HKEY)(LONG_PTR)-1)", "Internal Error"))
     {
         Engine::instance().trace(McLogLevelError, QStringLiteral("registry key '%1' does not start with one of "
@@ -48,44 +47,38 @@ McResult ResourceRegistryKey::locate(KsPlatform::Registry*& outRegistry, KsPlatf
                                                       .arg(keyPath));
         return retVal;
     }
-    retVal << RegistryStore::instance(outRegistry);
+    retVal << RegistryStore::instance(outPlace.registry);
     return retVal;
 }
 
 McResult ResourceRegistryKey::install()
 {
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string subPath;
-    McResult retVal = locate(registry, root, subPath);
+    Place at;
+    McResult retVal = locate(at);
     if (retVal.isBad())
         return retVal;
-    KS_CHECK_REGISTRY(retVal, registry->keyCreate(root, subPath));
+    KS_CHECK_REGISTRY(retVal, at.registry->keyCreate(at.root, at.path));
     return retVal;
 }
 
 McResult ResourceRegistryKey::verify()
 {
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string subPath;
-    McResult retVal = locate(registry, root, subPath);
+    Place at;
+    McResult retVal = locate(at);
     if (retVal.isBad())
         return retVal;
-    KS_CHECK_REGISTRY(retVal, registry->keyOpen(root, subPath));
+    KS_CHECK_REGISTRY(retVal, at.registry->keyOpen(at.root, at.path));
     return retVal;
 }
 
 McResult ResourceRegistryKey::uninstall()
 {
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string subPath;
-    McResult retVal = locate(registry, root, subPath);
+    Place at;
+    McResult retVal = locate(at);
     // A root key stays: it belongs to the system, not to a product.
-    if (retVal.isBad() || subPath.empty())
+    if (retVal.isBad() || at.path.empty())
         return retVal;
-    const KsPlatform::Status status = registry->keyDelete(root, subPath);
+    const KsPlatform::Status status = at.registry->keyDelete(at.root, at.path);
     // Already gone is what uninstall wants; a key with subkeys stays and is reported.
     if (status.code != KsPlatform::RegistryNotFound)
         KS_CHECK_REGISTRY(retVal, status);
@@ -94,14 +87,12 @@ McResult ResourceRegistryKey::uninstall()
 
 McResult ResourceRegistryKey::querySubKeys(McDArray<McHandle<ResourceRegistryKey>>& outKeys) const
 {
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string subPath;
-    McResult retVal = locate(registry, root, subPath);
+    Place at;
+    McResult retVal = locate(at);
     if (retVal.isBad())
         return retVal;
     std::vector<std::string> names;
-    if (KS_CHECK_REGISTRY(retVal, registry->subKeys(root, subPath, names)))
+    if (KS_CHECK_REGISTRY(retVal, at.registry->subKeys(at.root, at.path, names)))
         return retVal;
     const McHandle<ResourceRegistryKey> self(const_cast<ResourceRegistryKey*>(this));
     for (const std::string& name : names)
@@ -117,14 +108,12 @@ McResult ResourceRegistryKey::querySubKeys(McDArray<McHandle<ResourceRegistryKey
 McResult ResourceRegistryKey::queryValues(McDArray<McHandle<ResourceRegistryValue>>& outValues) const
 {
     MC_DBC_TEXT(DbCPrecondition, outValues.isEmpty(), "outValues.isEmptyArray()");
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string subPath;
-    McResult retVal = locate(registry, root, subPath);
+    Place at;
+    McResult retVal = locate(at);
     if (retVal.isBad())
         return retVal;
     std::vector<KsPlatform::RegistryValue> values;
-    const KsPlatform::Status status = registry->values(root, subPath, values);
+    const KsPlatform::Status status = at.registry->values(at.root, at.path, values);
     if (MC_CHECK_TEXT(retVal, status.isOk(), "res==0L", status.text))
         return retVal;
     const McHandle<ResourceRegistryKey> self(const_cast<ResourceRegistryKey*>(this));

@@ -32,8 +32,14 @@ public:
     static void valuesArrayToHash(QHash<QString, McHandle<ResourceRegistryValue>>& outValuesHash,
                                   const McDArray<McHandle<ResourceRegistryValue>>& inValuesArray);
 
-    // The store, the root and the path below it, from path(); fails for an unknown root.
-    McResult locate(KsPlatform::Registry*& outRegistry, KsPlatform::RegistryRoot& outRoot,
-                    std::string& outSubPath) const;
+    // Where a key is: the store, the root and the path below it.
+    struct Place
+    {
+        KsPlatform::Registry* registry = nullptr;
+        KsPlatform::RegistryRoot root{};
+        std::string path;
+    };
+    // The place of this key, from path(); fails for an unknown root.
+    McResult locate(Place& outPlace) const;
 };
 }

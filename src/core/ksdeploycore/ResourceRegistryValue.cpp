@@ -215,21 +215,28 @@ QString ResourceRegistryValue::binaryToString(const QByteArray& inData, Type inT
     }
 }
 
-McResult ResourceRegistryValue::readRaw(const ResourceRegistryKey& inKey, Type& outType, QByteArray& outData) const
+McResult ResourceRegistryValue::locate(const ResourceRegistryKey& inKey, ResourceRegistryKey::Place& outKey,
+                                       std::string& outValueName) const
 {
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string keyPath;
-    McResult retVal = inKey.locate(registry, root, keyPath);
+    McResult retVal = inKey.locate(outKey);
     if (retVal.isBad())
         return retVal;
     QString valueName = name();
     retVal << Engine::instance().configuration().resolve(valueName);
+    outValueName = valueName.toLatin1().toStdString();
+    return retVal;
+}
+
+McResult ResourceRegistryValue::readRaw(const ResourceRegistryKey& inKey, Type& outType, QByteArray& outData) const
+{
+    ResourceRegistryKey::Place at;
+    std::string valueName;
+    McResult retVal = locate(inKey, at, valueName);
     if (retVal.isBad())
         return retVal;
     unsigned long type = 0;
     std::string data;
-    if (KS_CHECK_REGISTRY(retVal, registry->valueQuery(root, keyPath, valueName.toLatin1().toStdString(), type, data)))
+    if (KS_CHECK_REGISTRY(retVal, at.registry->valueQuery(at.root, at.path, valueName, type, data)))
         return retVal;
     outType = static_cast<Type>(type);
     outData = QByteArray(data.data(), static_cast<int>(data.size()));
@@ -251,14 +258,9 @@ McResult ResourceRegistryValue::install()
     const McHandle<ResourceRegistryKey> key = container();
     if (MC_CHECK(retVal, key.isNotNull(), "Internal Error"))
         return retVal;
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string keyPath;
-    retVal << key->locate(registry, root, keyPath);
-    if (retVal.isBad())
-        return retVal;
-    QString valueName = name();
-    retVal << Engine::instance().configuration().resolve(valueName);
+    ResourceRegistryKey::Place at;
+    std::string valueName;
+    retVal << locate(*key, at, valueName);
     if (retVal.isBad())
         return retVal;
     // Bad text is refused before anything is written, so the store keeps the old value.
@@ -267,7 +269,7 @@ McResult ResourceRegistryValue::install()
                       QStringLiteral("registry value '%1': %2").arg(path(), problem)))
         return retVal;
     const QByteArray data = binaryFromString(value(), type());
-    KS_CHECK_REGISTRY(retVal, registry->valueSet(root, keyPath, valueName.toLatin1().toStdString(),
+    KS_CHECK_REGISTRY(retVal, at.registry->valueSet(at.root, at.path, valueName,
                                                  static_cast<unsigned long>(type()),
                                                  std::string(data.constData(), static_cast<size_t>(data.size()))));
     return retVal;
@@ -279,17 +281,12 @@ McResult ResourceRegistryValue::uninstall()
     const McHandle<ResourceRegistryKey> key = container();
     if (MC_CHECK(retVal, key.isNotNull(), "Internal Error"))
         return retVal;
-    KsPlatform::Registry* registry = nullptr;
-    KsPlatform::RegistryRoot root;
-    std::string keyPath;
-    retVal << key->locate(registry, root, keyPath);
+    ResourceRegistryKey::Place at;
+    std::string valueName;
+    retVal << locate(*key, at, valueName);
     if (retVal.isBad())
         return retVal;
-    QString valueName = name();
-    retVal << Engine::instance().configuration().resolve(valueName);
-    if (retVal.isBad())
-        return retVal;
-    const KsPlatform::Status status = registry->valueDelete(root, keyPath, valueName.toLatin1().toStdString());
+    const KsPlatform::Status status = at.registry->valueDelete(at.root, at.path, valueName);
     // A value (or key) that is already gone is what uninstall wants.
     if (status.code != KsPlatform::RegistryNotFound)
         KS_CHECK_REGISTRY(retVal, status);
