@@ -76,6 +76,24 @@ class HttpProductTest(ksharness.KsTestCase):
             self.assertOk(self.install(server.url, 1))
         self.assertEqual(self.tree(src), self.tree(self.path("target")))
 
+    def test_a_big_item_is_checked_while_it_arrives(self):
+        # Past its first megabyte a download is hashed on a second thread: both verdicts must hold.
+        big = os.urandom(3 * 1048576 + 7)
+        self.write("app/big.bin", big)
+        os.makedirs(self.path("www", "items"))
+        shutil.copy(self.path("app", "big.bin"), self.path("www", "items", md5(big)))
+        self.assertOk(self.run_ks("--generate", "type=directory", "path=" + self.path("app"), "name=${TARGET}",
+                                  "product=App", "--save", "target=" + self.path("www", "1.xml")))
+        cache = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Cache")
+        with FaultServer(self.path("www"), {"*/%s" % md5(big): "wrong"}) as server:
+            r = self.install(server.url, 1)
+        self.assertFails(r)
+        self.assertIn("does not match", r.err)
+        self.assertNotIn(md5(big), os.listdir(cache) if os.path.isdir(cache) else [])
+        with NginxServer(self.path("www")) as server:
+            self.assertOk(self.install(server.url, 1))
+        self.assertEqual(big, self.tree(self.path("target"))["big.bin"])
+
     def test_faults_fail_clearly_and_leave_the_machine_as_it_was(self):
         src = self.make_version(1, 0)
         victim = md5_of(os.path.join(src, "d3", "f3.txt"))

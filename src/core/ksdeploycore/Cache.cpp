@@ -13,6 +13,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cstdio>
+
 using namespace KsDeploy;
 
 namespace
@@ -33,21 +35,25 @@ struct Outcome
     bool done = false;      // ok, or timed out with whatever arrived
     bool timedOut = false;
     QString why;            // the failure in words
+    McLib::MD5 md5;         // of what arrived, when asked for
 };
 
 // One download with its two trace lines; a timeout counts as done, the digest decides.
-Outcome downloadOnce(const QString& inUrl, const QString& inDestination)
+// The destination is a temporary file of the caller, written in place; inDigest asks for the
+// MD5 of what arrived, computed on the way in.
+Outcome downloadOnce(const QString& inUrl, const QString& inDestination, bool inDigest)
 {
     Engine& engine = Engine::instance();
     engine.trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(inUrl, inDestination));
     int ms = downloadTimeLimit();
     QxDownload* download = QxDownload::createInstance();
-    const int res = download->download(inUrl, inDestination, &ms);
+    const int res = download->download(inUrl, inDestination, &ms,
+                                       inDigest ? QxDownload::FlagInPlace | QxDownload::FlagDigest : QxDownload::FlagInPlace);
     QString outcome = res == 0 ? QStringLiteral("...ok") : res == 3 ? QStringLiteral("...timeout") : QStringLiteral("...failed");
     if (res != 0 && !download->lastError().isEmpty())
         outcome += QStringLiteral(" [%1]").arg(download->lastError());
     engine.trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(ms));
-    return Outcome{res == 0 || res == 3, res == 3, download->lastError()};
+    return Outcome{res == 0 || res == 3, res == 3, download->lastError(), download->lastMd5()};
 }
 }
 
@@ -165,16 +171,19 @@ McResult Cache::retrieveFromHTTP(const BufferID& inBufferId)
         return retVal;
     const QList<QString> urls = mListOfUrl;
     QStringList reasons;
+    bool fetched = false;
     for (const QString& url : urls)
     {
         const McResult one = retrieveFromHTTP(inBufferId, url);
-        if (one.isOk())
+        // A good answer has just put the item in place.
+        fetched = one.isOk();
+        if (fetched)
             break;
         // Not passed on as a failure of its own, but the final message says why each URL failed.
         if (*one.text())
             reasons << QString::fromLatin1(one.text());
     }
-    if (!itemIsCached(inBufferId))
+    if (!fetched && !itemIsCached(inBufferId))
     {
         QString message = urls.isEmpty() ? QStringLiteral("item %1 is not cached and no download URL is given")
                                                .arg(inBufferId.toString())
@@ -208,7 +217,8 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     // Everything lands beside the destination first; only a checked file gets its name.
     const QString compressed = QxBase::File::temporaryPathBeside(inDestination);
     const QString plain = QxBase::File::temporaryPathBeside(inDestination);
-    const Outcome packed = downloadOnce(inUrl + QStringLiteral(".lzma"), compressed);
+    const bool check = !inExpected.isNull();
+    const Outcome packed = downloadOnce(inUrl + QStringLiteral(".lzma"), compressed, false);
     Outcome got = packed;
     QString packedWhy = packed.why;
     if (packed.done)
@@ -219,9 +229,10 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
         got.done = quiet.isOk();
         packedWhy = QString::fromLatin1(quiet.text());
     }
-    QFile::remove(compressed);
+    if (packed.done)
+        QFile::remove(compressed);
     if (!got.done)
-        got = downloadOnce(inUrl, plain);
+        got = downloadOnce(inUrl, plain, check);
     if (!got.done)
     {
         engine.trace(McLogLevelError, QStringLiteral("Failed to download %1").arg(inUrl));
@@ -233,9 +244,10 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
         MC_CHECK_TEXT(retVal, false, "download", QStringLiteral("Failed to download %1: %2").arg(inUrl, why));
         return retVal;
     }
-    if (!inExpected.isNull())
+    if (check)
     {
-        const McLib::MD5 md5 = scanFile(plain);
+        // A plain download was hashed as it arrived; a decompressed copy is read once more.
+        const McLib::MD5 md5 = got.md5.isNull() ? scanFile(plain) : got.md5;
         if (MC_CHECK(retVal, inExpected==md5,
                      QStringLiteral("%1: the content does not match its digest%2")
                          .arg(inUrl, got.timedOut ? QStringLiteral(" (%1)").arg(got.why) : QString())))
@@ -244,8 +256,9 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
             return retVal;
         }
     }
-    QFile::remove(inDestination);
-    if (MC_CHECK_TEXT(retVal, QFile::rename(plain, inDestination), "rename", inDestination))
+    // rename(2) replaces an older file of that name in the same step.
+    if (MC_CHECK_TEXT(retVal, ::rename(QFile::encodeName(plain).constData(), QFile::encodeName(inDestination).constData()) == 0,
+                      "rename", inDestination))
         QFile::remove(plain);
     return retVal;
 }

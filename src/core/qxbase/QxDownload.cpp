@@ -1,13 +1,20 @@
 #include "QxDownload.h"
 
+#include "McCoder.h"
 #include "QxFile.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 
+#include <condition_variable>
 #include <cstdio>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <vector>
 #include <curl/curl.h>
+#include <unistd.h>
 
 struct QxDownload::Private
 {
@@ -36,11 +43,103 @@ QxDownload* QxDownload::createInstance()
 
 namespace
 {
+// Hashes a byte stream. The first megabyte is hashed on the spot; past it, a second thread takes
+// over, so that a big download is hashed while it arrives instead of after it: hashing is slower
+// than a fast link, and the machine has a core to spare for it.
+class StreamHasher
+{
+public:
+    StreamHasher() { mCoder.crcMD5Init(); }
+    ~StreamHasher() { stop(); }
+
+    void add(const char* inData, size_t inSize)
+    {
+        if (!mThread.joinable() && mInline + inSize <= sInlineBytes)
+        {
+            mInline += inSize;
+            mCoder.crcMD5Update(reinterpret_cast<const unsigned char*>(inData), static_cast<unsigned int>(inSize));
+            return;
+        }
+        if (!mThread.joinable())
+            mThread = std::thread([this] { work(); });
+        std::vector<char> chunk;
+        {
+            // A bounded queue: a slow hasher holds the transfer back rather than fill the memory.
+            std::unique_lock<std::mutex> lock(mMutex);
+            mRoom.wait(lock, [this] { return mQueue.size() < sQueueChunks; });
+            if (!mSpare.empty())
+            {
+                chunk.swap(mSpare.back());
+                mSpare.pop_back();
+            }
+        }
+        chunk.assign(inData, inData + inSize);
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mQueue.push_back(std::move(chunk));
+        }
+        mReady.notify_one();
+    }
+
+    McLib::MD5 finish()
+    {
+        stop();
+        McLib::MD5 md5;
+        mCoder.crcMD5Final();
+        mCoder.crcMD5Query(md5.data());
+        return md5;
+    }
+
+private:
+    static constexpr size_t sInlineBytes = 1 << 20;
+    static constexpr size_t sQueueChunks = 16;
+
+    void stop()
+    {
+        if (!mThread.joinable())
+            return;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mEnd = true;
+        }
+        mReady.notify_one();
+        mThread.join();
+    }
+
+    void work()
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        for (;;)
+        {
+            mReady.wait(lock, [this] { return mEnd || !mQueue.empty(); });
+            if (mQueue.empty())
+                return;
+            std::vector<char> chunk = std::move(mQueue.front());
+            mQueue.pop_front();
+            lock.unlock();
+            mRoom.notify_one();
+            mCoder.crcMD5Update(reinterpret_cast<const unsigned char*>(chunk.data()), static_cast<unsigned int>(chunk.size()));
+            lock.lock();
+            mSpare.push_back(std::move(chunk));
+        }
+    }
+
+    McCoder mCoder;
+    size_t mInline = 0;
+    std::thread mThread;
+    std::mutex mMutex;
+    std::condition_variable mReady, mRoom;
+    std::deque<std::vector<char>> mQueue;
+    std::vector<std::vector<char>> mSpare;
+    bool mEnd = false;
+};
+
 struct Sink
 {
     CURL* curl;
     QByteArray path;
     std::vector<char>* buffer;
+    StreamHasher* md5 = nullptr; // only when the caller wants the digest
     FILE* file = nullptr;
     bool openFailed = false;
     bool checked = false;
@@ -76,28 +175,41 @@ size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inSink)
         if (sink.file)
             std::setvbuf(sink.file, sink.buffer->data(), _IOFBF, sink.buffer->size());
     }
-    return sink.file ? std::fwrite(inData, 1, n, sink.file) : 0;
+    if (!sink.file)
+        return 0;
+    const size_t written = std::fwrite(inData, 1, n, sink.file);
+    if (sink.md5)
+        sink.md5->add(inData, written);
+    return written;
 }
 }
 
-int QxDownload::download(const QString& inUrl, const QString& inDestination, int* inoutMs)
+int QxDownload::download(const QString& inUrl, const QString& inDestination, int* inoutMs, unsigned inFlags)
 {
     QElapsedTimer timer;
     timer.start();
     const int limit = inoutMs && *inoutMs > 0 ? *inoutMs : 60000;
     mLastError.clear();
+    mLastMd5.clear();
     if (!d->curl)
     {
         mLastError = QStringLiteral("no download library");
         return ResultFailed;
     }
-    const QString temp = QxBase::File::temporaryPathBeside(inDestination);
+    const bool inPlace = inFlags & FlagInPlace;
+    const QString temp = inPlace ? inDestination : QxBase::File::temporaryPathBeside(inDestination);
     if (d->fileBuffer.empty())
         d->fileBuffer.resize(1 << 20);
     const QByteArray url = inUrl.toUtf8();
     CURL* c = d->curl;
     curl_easy_reset(c);
     Sink sink{c, QFile::encodeName(temp), &d->fileBuffer};
+    std::unique_ptr<StreamHasher> md5;
+    if (inFlags & FlagDigest)
+    {
+        md5.reset(new StreamHasher);
+        sink.md5 = md5.get();
+    }
     char errorText[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(c, CURLOPT_URL, url.constData());
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &writeToFile);
@@ -125,7 +237,8 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
         sink.file = std::fopen(sink.path.constData(), "wb");
         sink.openFailed = !sink.file;
     }
-    const bool written = !sink.openFailed && (!sink.file || std::fclose(sink.file) == 0);
+    const bool created = sink.file != nullptr;
+    const bool written = !sink.openFailed && (!created || std::fclose(sink.file) == 0);
 
     long status = 0;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
@@ -148,16 +261,18 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
         mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
     else if (rc != CURLE_OK)
         mLastError = QString::fromUtf8(errorText[0] ? errorText : curl_easy_strerror(rc));
-    if (result == ResultOk || result == ResultTimeout)
+    const bool kept = result == ResultOk || result == ResultTimeout;
+    // rename(2) replaces the destination in one step.
+    if (kept && !inPlace && ::rename(sink.path.constData(), QFile::encodeName(inDestination).constData()) != 0)
     {
-        // rename(2) replaces the destination in one step.
-        if (::rename(QFile::encodeName(temp).constData(), QFile::encodeName(inDestination).constData()) != 0)
-        {
-            mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
-            result = ResultWriteError;
-        }
+        mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
+        result = ResultWriteError;
     }
-    QFile::remove(temp);
+    // Only a file this call created is removed; an error page never created one.
+    if (created && result != ResultOk && result != ResultTimeout)
+        ::unlink(sink.path.constData());
+    if (md5 && (result == ResultOk || result == ResultTimeout))
+        mLastMd5 = md5->finish();
     if (inoutMs)
         *inoutMs = static_cast<int>(timer.elapsed());
     return result;

@@ -1,5 +1,6 @@
 #pragma once
 #include "QxGlobal.h"
+#include "McMD5.h"
 
 #include <QString>
 
@@ -19,13 +20,24 @@ public:
         ResultWriteError = 4,
     };
 
+    enum Flag
+    {
+        // The destination is the caller's own temporary file: written directly, and removed
+        // again when the transfer fails. Spares a second temporary name per download.
+        FlagInPlace = 1,
+        // The MD5 of the body is computed as it arrives (lastMd5), so nobody reads it again.
+        FlagDigest = 2,
+    };
+
     // The process-wide instance (so that connections are kept between downloads).
     static QxDownload* createInstance();
 
     // inoutMs: the time limit in milliseconds on entry, the time taken on return.
     // The destination is written through a temporary file beside it and renamed into place
     // once the transfer ended (after a timeout, with what arrived).
-    int download(const QString& inUrl, const QString& inDestination, int* inoutMs);
+    int download(const QString& inUrl, const QString& inDestination, int* inoutMs, unsigned inFlags = 0);
+    // With FlagDigest: the MD5 of the bytes the last download wrote, else all zero.
+    const McLib::MD5& lastMd5() const { return mLastMd5; }
     // The last failure in words ("HTTP 404", "Couldn't connect to server", ...).
     QString lastError() const { return mLastError; }
     // Number of transfers and of new connections made so far (for tests and benchmarks).
@@ -38,5 +50,6 @@ private:
     struct Private;
     std::unique_ptr<Private> d;
     QString mLastError;
+    McLib::MD5 mLastMd5;
     long long mConnections = 0;
 };
