@@ -1,5 +1,5 @@
-// Product operations end to end on real folders: install from a published cache, verify,
-// repair, roll back a failed install file by file, uninstall, plugins and ordering.
+// Product operations on real folders: installs that fetch only what the cache lacks, plugins,
+// cycles and key resolution (the command-line suites cover install, repair and rollback).
 #include "Cache.h"
 #include "Common.h"
 #include "Generator.h"
@@ -101,63 +101,6 @@ protected:
 };
 }
 
-TEST_F(EngineProductTest, InstallVerifyRepairUninstall)
-{
-    publishSample();
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-    EXPECT_EQ(snapshot(p("src")), snapshot(p("target")));
-    EXPECT_TRUE(QFileInfo(p("target/bin/tool")).isExecutable());
-    EXPECT_TRUE(e().productResource("_App").isNull()) << "the snapshot is gone after commit";
-    EXPECT_TRUE(e().productVerify("App").isOk());
-
-    KsTest::writeFile(p("target/data/deep/a.bin"), "changed");
-    {
-        KsTest::FailureRecorder failures;
-        EXPECT_TRUE(e().productVerify("App").isBad());
-        EXPECT_TRUE(failures.hasCondition("cond[md5Scanned==bufferId().md5()]"));
-    }
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-    EXPECT_EQ(snapshot(p("src")), snapshot(p("target")));
-    EXPECT_TRUE(e().productVerify("App").isOk());
-
-    ASSERT_TRUE(e().productUninstall("App").isOk());
-    EXPECT_FALSE(QFileInfo::exists(p("target")));
-}
-
-TEST_F(EngineProductTest, AFileReplacedByALinkIsNeverWrittenThrough)
-{
-    publishSample();
-    ASSERT_TRUE(e().productInstall("App", false).isOk());
-    KsTest::writeFile(p("outside.txt"), "not ours");
-    for (const QString& linkTo : {p("outside.txt"), p("nowhere.txt")})
-    {
-        QFile::remove(p("target/readme.txt"));
-        ASSERT_TRUE(QFile::link(linkTo, p("target/readme.txt")));
-        KsTest::FailureRecorder failures;
-        EXPECT_TRUE(e().productInstall("App", false).isBad()) << linkTo.toStdString();
-        EXPECT_EQ(QByteArray("not ours"), KsTest::readFile(p("outside.txt")));
-        EXPECT_FALSE(QFileInfo::exists(p("nowhere.txt")));
-        EXPECT_TRUE(QFileInfo(p("target/readme.txt")).isSymLink());
-    }
-}
-
-TEST_F(EngineProductTest, FailedInstallPutsEveryFileBack)
-{
-    publishSample();
-    // What was there before: an older readme, and a file of the user's beside the product.
-    KsTest::writeFile(p("target/readme.txt"), "old readme\n");
-    KsTest::writeFile(p("target/user-notes.txt"), "mine\n");
-    const auto before = snapshot(p("target"));
-    // The server lost one item: the install must fail and leave the machine as it was.
-    ASSERT_TRUE(QFile::remove(p("publish/" + BufferID(scanFile(p("src/data/deep/a.bin"))).toString() + ".lzma")));
-
-    KsTest::FailureRecorder failures;
-    EXPECT_TRUE(e().productInstall("App", false).isBad());
-    EXPECT_FALSE(failures.failures().empty());
-    EXPECT_EQ(before, snapshot(p("target")));
-    EXPECT_TRUE(e().productResource("_App").isNull());
-}
-
 TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
 {
     // Enough files that the cache is listed once rather than asked per item.
@@ -185,19 +128,6 @@ TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
     ASSERT_TRUE(e().productInstall("Many", false).isOk());
     EXPECT_EQ(snapshot(p("src")), snapshot(p("target/deeper")));
     EXPECT_TRUE(e().productVerify("Many").isOk());
-}
-
-TEST_F(EngineProductTest, FailureDuringInstallationRollsBackFileByFile)
-{
-    publishSample();
-    KsTest::writeFile(p("target/readme.txt"), "old readme\n");
-    // A directory where a file must go stops the install half way.
-    QDir().mkpath(p("target/data/empty.dat"));
-    const auto before = snapshot(p("target"));
-    KsTest::FailureRecorder failures;
-    EXPECT_TRUE(e().productInstall("App", false).isBad());
-    EXPECT_EQ(before, snapshot(p("target")));
-    EXPECT_TRUE(QFileInfo(p("target/data/empty.dat")).isDir());
 }
 
 TEST_F(EngineProductTest, PluginsAreCalledLastFirstAndPreFailureStopsBeforeDownload)

@@ -103,34 +103,6 @@ TEST(McHandleTest, CountsFollowCopiesAssignmentsAndSelfAssignment)
     EXPECT_EQ(0, Counted::sAlive);
 }
 
-TEST(McDArrayTest, GrowthRuleUsesSizeNotCapacity)
-{
-    McDArray<int> a;
-    const int three[] = {1, 2, 3};
-    a.insert(0, 3, three);
-    EXPECT_EQ(3, a.capacity());
-
-    McDArray<int> b;
-    b.insert(0, 1, three);
-    EXPECT_EQ(1, b.capacity());
-    b.append(5);
-    EXPECT_EQ(2, b.capacity()); // 1 * 1.5 = 1 is less than 2
-
-    McDArray<int> c;
-    for (int i = 0; i < 4; ++i)
-        c.insert(c.size(), 1, &three[0]);
-    c.removeLast(0);
-    ASSERT_EQ(4, c.size());
-    // size 4 grows from its own capacity; check the documented 4 -> 6 step directly
-    McDArray<int> d;
-    const int four[] = {1, 2, 3, 4};
-    d.insert(0, 4, four);
-    EXPECT_EQ(4, d.capacity());
-    d.append(9);
-    EXPECT_EQ(6, d.capacity());
-    EXPECT_EQ(9, d[4]);
-}
-
 TEST(McDArrayTest, SelfInsertCopiesTheRightElementsAndCounts)
 {
     Counted::sAlive = 0;

@@ -182,18 +182,24 @@ TEST_F(QxFileTest, CopyCreateWritesOnlyWhereNothingIsAndLeavesNothingWhenItFails
         EXPECT_TRUE(stamp == onDisk);
     }
 
-    // Whatever is already there stays as it was: a file, a folder, a link to nowhere.
-    KsTest::writeFile(path("there"), "keep me");
-    ASSERT_TRUE(QDir().mkdir(path("folder")));
-    ASSERT_EQ(0, ::symlink(QFile::encodeName(path("nowhere")).constData(), QFile::encodeName(path("link")).constData()));
-    for (const QString& name : {QStringLiteral("there"), QStringLiteral("folder"), QStringLiteral("link")})
+    // Whatever is already there stays as it was: a file, a folder, a link to nowhere; also in a
+    // folder made empty by this process and filled behind its back.
+    ASSERT_TRUE(File::makePath(path("made/deeper")));
+    for (const QString& at : {QString(), QStringLiteral("made/deeper/")})
     {
-        bool existed = false;
-        EXPECT_TRUE(File::copyCreate(path("small"), path(name), existed).isOk());
-        EXPECT_TRUE(existed) << name.toStdString();
+        KsTest::writeFile(path(at + "there"), "keep me");
+        ASSERT_TRUE(QDir().mkdir(path(at + "folder")));
+        ASSERT_EQ(0, ::symlink(QFile::encodeName(path(at + "nowhere")).constData(),
+                               QFile::encodeName(path(at + "link")).constData()));
+        for (const QString& name : {QStringLiteral("there"), QStringLiteral("folder"), QStringLiteral("link")})
+        {
+            bool existed = false;
+            EXPECT_TRUE(File::copyCreate(path("small"), path(at + name), existed).isOk());
+            EXPECT_TRUE(existed) << (at + name).toStdString();
+        }
+        EXPECT_EQ(QByteArray("keep me"), KsTest::readFile(path(at + "there")));
+        EXPECT_FALSE(QFileInfo::exists(path(at + "nowhere")));
     }
-    EXPECT_EQ(QByteArray("keep me"), KsTest::readFile(path("there")));
-    EXPECT_FALSE(QFileInfo::exists(path("nowhere")));
 
     KsTest::FailureRecorder failures;
     bool existed = true;
@@ -205,5 +211,7 @@ TEST_F(QxFileTest, CopyCreateWritesOnlyWhereNothingIsAndLeavesNothingWhenItFails
     r = File::copyCreate(path("small"), path("no/folder/new"), existed);
     ASSERT_TRUE(r.isBad());
     EXPECT_EQ(QStringLiteral("failed to write '%1'").arg(path("no/folder/new")).toStdString(), r.text());
-    EXPECT_EQ(QStringList({"big", "big.copy", "folder", "link", "small", "small.copy", "there"}), tree(mDir.path()));
+    EXPECT_EQ(QStringList({"big", "big.copy", "folder", "link", "made", "made/deeper", "made/deeper/folder",
+                           "made/deeper/link", "made/deeper/there", "small", "small.copy", "there"}),
+              tree(mDir.path()));
 }

@@ -147,18 +147,27 @@ class ProductTest(ksharness.KsTestCase):
 
     def test_a_directory_or_link_where_a_file_must_go(self):
         self.publish_with_standard_tools(False)
+        # Stops the install half way: what it wrote before goes, what it replaced comes back.
+        self.write("target/mine.txt", b"the user's own\n")
         os.makedirs(self.path("target/README.txt"))
+        before = self.snapshot(self.target)
         r = self.install()
         self.assertFails(r)
+        self.assertEqual(before, self.snapshot(self.target))
         self.assertTrue(os.path.isdir(self.path("target/README.txt")))
         self.assertFalse(os.path.exists(self.path("target/lib")))
         os.rmdir(self.path("target/README.txt"))
         self.write("elsewhere.txt", b"not to be touched")
-        os.symlink(self.path("elsewhere.txt"), self.path("target/README.txt"))
-        r = self.install()
-        self.assertFails(r)
-        self.assertEqual(b"not to be touched", self.read("elsewhere.txt"))
-        self.assertTrue(os.path.islink(self.path("target/README.txt")))
+        for link_to in (self.path("elsewhere.txt"), self.path("nowhere.txt")):
+            with self.subTest(link_to=link_to):
+                if os.path.lexists(self.path("target/README.txt")):
+                    os.remove(self.path("target/README.txt"))
+                os.symlink(link_to, self.path("target/README.txt"))
+                r = self.install()
+                self.assertFails(r)
+                self.assertEqual(b"not to be touched", self.read("elsewhere.txt"))
+                self.assertFalse(os.path.lexists(self.path("nowhere.txt")))
+                self.assertTrue(os.path.islink(self.path("target/README.txt")))
 
     def test_product_identification(self):
         r = self.run_ks("--load", "file=product.xml", "--product", "action=verify", "name=Other")

@@ -1,6 +1,7 @@
 #include "ResourceFileDirectory.h"
 
 #include "Engine.h"
+#include "QxFile.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -63,10 +64,7 @@ McResult ResourceFileDirectory::install()
     const QString fullPath = path();
     if (refused(fullPath))
         return bad();
-    QDir qDir;
-    if (qDir.exists(fullPath))
-        return retVal;
-    MC_CHECK(retVal, qDir.mkpath(fullPath), "Internal Error");
+    MC_CHECK(retVal, QxBase::File::makePath(fullPath), "Internal Error");
     return retVal;
 }
 

@@ -5,6 +5,7 @@
 #include <QFileInfo>
 #include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <cerrno>
 #include <cstring>
@@ -271,13 +272,53 @@ McResult File::copyReplace(const QString& inSource, const QString& inTarget, Fil
     return retVal;
 }
 
+namespace
+{
+QSet<QString>& foldersMadeEmpty()
+{
+    static QSet<QString> sFolders;
+    return sFolders;
+}
+
+QString folderOf(const QString& inPath)
+{
+    const qsizetype slash = inPath.lastIndexOf(QLatin1Char('/'));
+    return slash > 0 ? inPath.left(slash) : slash == 0 ? QStringLiteral("/") : QFileInfo(inPath).absolutePath();
+}
+}
+
+bool File::makePath(const QString& inPath)
+{
+    QStringList missing;
+    QString at = QDir::cleanPath(inPath);
+    struct stat st;
+    while (!at.isEmpty() && ::stat(QFile::encodeName(at).constData(), &st) != 0 && errno == ENOENT)
+    {
+        missing.prepend(at);
+        const QString up = folderOf(at);
+        if (up == at)
+            break;
+        at = up;
+    }
+    for (const QString& folder : missing)
+    {
+        if (::mkdir(QFile::encodeName(folder).constData(), 0777) == 0)
+            foldersMadeEmpty().insert(folder);
+        else if (errno != EEXIST)
+            return false;
+    }
+    return ::stat(QFile::encodeName(inPath).constData(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted, FileStamp* outStamp)
 {
     McResult retVal;
     const QByteArray target = QFile::encodeName(inTarget);
-    // lstat, not stat: a symbolic link, even a dangling one, is something there.
+    const QString folder = folderOf(inTarget);
+    // lstat, not stat: a symbolic link, even a dangling one, is something there. In a folder
+    // this process made, nothing was there; the link below still refuses a newcomer.
     struct stat there;
-    outExisted = ::lstat(target.constData(), &there) == 0;
+    outExisted = !foldersMadeEmpty().contains(folder) && ::lstat(target.constData(), &there) == 0;
     if (outExisted)
         return retVal;
     struct stat st;
@@ -286,7 +327,6 @@ McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool
         return retVal;
     // The content goes into a file without a name, which is linked in only once it is complete:
     // no moment shows a half-written target, and a failure leaves nothing behind.
-    const QString folder = QFileInfo(inTarget).absolutePath();
     const int out = ::open(QFile::encodeName(folder).constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
     if (out < 0 && (errno == EOPNOTSUPP || errno == EISDIR))
     {
