@@ -103,16 +103,18 @@ protected:
 
 TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
 {
-    // Enough files that the cache is listed once rather than asked per item.
-    for (int i = 0; i < 100; ++i)
+    // Enough files that the cache is listed once rather than asked per item, and that the
+    // writers have more outstanding than they keep.
+    for (int i = 0; i < 600; ++i)
         KsTest::writeFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)), QByteArray::number(i * 7919));
+    QFile::setPermissions(p("src/d1/f1.txt"), QFile::permissions(p("src/d1/f1.txt")) | QFile::ExeOwner);
     describe("Many");
     e().configuration().valueSet("TARGET", p("target/deeper"), false);
     e().pathToCacheSet(p("publish"));
     ASSERT_TRUE(e().cache().retrieveFromDirectory(p("src"), true, {}, true).isOk());
     e().pathToCacheSet(p("cache"));
     e().cache().httpUrlAdd("file://" + p("publish"));
-    for (int i = 0; i < 100; i += 2)
+    for (int i = 0; i < 600; i += 2)
         ASSERT_TRUE(e().cache().retrieveFromFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)), false).isOk());
 
     // One published item that the cache lacks is gone: nothing may be left of the new folders.
@@ -127,7 +129,21 @@ TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
     ASSERT_TRUE(QFile::rename(p("lost.lzma"), p("publish/" + lost + ".lzma")));
     ASSERT_TRUE(e().productInstall("Many", false).isOk());
     EXPECT_EQ(snapshot(p("src")), snapshot(p("target/deeper")));
+    EXPECT_TRUE(QFileInfo(p("target/deeper/d1/f1.txt")).isExecutable());
     EXPECT_TRUE(e().productVerify("Many").isOk());
+
+    // Many files are written by worker threads. A file of the user's is replaced the usual way,
+    // a folder in the way stops the install, and then every file goes back as it was.
+    ASSERT_TRUE(e().productUninstall("Many").isOk());
+    KsTest::writeFile(p("target/deeper/d0/f0.txt"), "the user's own");
+    ASSERT_TRUE(QDir().mkpath(p("target/deeper/d2/f98.txt")));
+    const auto before = snapshot(p("target"));
+    {
+        KsTest::FailureRecorder failures;
+        EXPECT_TRUE(e().productInstall("Many", false).isBad());
+    }
+    EXPECT_EQ(before, snapshot(p("target")));
+    EXPECT_TRUE(QFileInfo(p("target/deeper/d2/f98.txt")).isDir());
 }
 
 TEST_F(EngineProductTest, PluginsAreCalledLastFirstAndPreFailureStopsBeforeDownload)

@@ -50,11 +50,12 @@ public:
 
     static McResult loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected);
 
+    // Where the item lives in the cache folder (whether it is there or not).
+    QString itemFilePath(const BufferID& inBufferId) const;
+
 private:
     friend class Engine;
     Cache();
-
-    QString itemFilePath(const BufferID& inBufferId) const;
 
     QList<QString> mListOfUrl;
 };

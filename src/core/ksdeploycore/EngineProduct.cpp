@@ -15,6 +15,10 @@
 #include <QHash>
 #include <QSet>
 
+#include <algorithm>
+#include <memory>
+#include <thread>
+
 #include <vector>
 
 using namespace KsDeploy;
@@ -172,6 +176,45 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
                 --pendingTargets[static_cast<size_t>(s)];
         };
 
+        // New files of a big product are written by worker threads while this one goes on; a
+        // file they could not simply create is installed here again, the usual way, which also
+        // says why it failed. Everything else waits until the files before it are written.
+        std::unique_ptr<QxBase::FileCreateQueue> writers;
+        if (!inRollbackMode && total > 64)
+            writers.reset(new QxBase::FileCreateQueue(static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u))));
+        // Takes finished files back, waiting while more than inKeep are outstanding: a bounded
+        // backlog keeps memory small and brings a failure to light soon.
+        const auto written = [&](size_t inKeep) {
+            McResult res;
+            void* tag = nullptr;
+            bool created = false;
+            QxBase::FileStamp stamp;
+            while (res.isOk() && writers->next(writers->backlog() > inKeep, tag, created, stamp))
+            {
+                ResourceFileEntry* entry = static_cast<ResourceFileEntry*>(tag);
+                if (created)
+                    entry->installCreated(entry->path(), stamp);
+                else
+                    res << entry->install();
+            }
+            return res;
+        };
+        const auto installOne = [&](Resource* r) {
+            QString item, target;
+            ResourceFileEntry* entry = writers ? dynamic_cast<ResourceFileEntry*>(r) : nullptr;
+            if (entry && entry->installPlan(item, target))
+            {
+                writers->add(item, target, entry);
+                return written(512);
+            }
+            McResult res;
+            if (writers && !dynamic_cast<ResourceFileDirectory*>(r))
+                res << written(0);
+            if (res.isOk())
+                res << r->install();
+            return res;
+        };
+
         bool stop = false;
         while (!pending.empty() && !stop)
         {
@@ -184,7 +227,7 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
                     continue;
                 Resource* r = graph.nodes[static_cast<size_t>(idx)];
                 trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
-                const McResult one = r->install();
+                const McResult one = installOne(r);
                 retVal << one;
                 progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
                 take(idx);
@@ -222,6 +265,13 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
             take(idx);
             pending.pop_back();
         }
+        // The last files are written before anything is committed or rolled back.
+        if (writers && !stop)
+        {
+            const McResult last = written(0);
+            retVal << last;
+        }
+        writers.reset();
     }
 
     if (!inRollbackMode)

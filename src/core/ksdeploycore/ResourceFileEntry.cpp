@@ -65,15 +65,37 @@ McResult ResourceFileEntry::install()
             return retVal;
         retVal << cache.itemWriteOverFile(bufferId(), fullPath, true);
     }
-    if (retVal.isOk() && isExecutable())
-    {
-        // Linux keeps executability in the file's mode; without it the program could not start.
-        const QFile::Permissions p = QFile::permissions(fullPath);
-        const QFile::Permissions exec = QFile::ExeOwner | QFile::ExeUser | QFile::ExeGroup | QFile::ExeOther;
-        if ((p & exec) != exec)
-            QFile::setPermissions(fullPath, p | exec);
-    }
+    if (retVal.isOk())
+        executableMake(fullPath);
     return retVal;
+}
+
+bool ResourceFileEntry::installPlan(QString& outItem, QString& outTarget) const
+{
+    if (absence() || !bufferId().isValid())
+        return false;
+    outTarget = path();
+    if (outTarget.isEmpty())
+        return false;
+    outItem = Engine::instance().cache().itemFilePath(bufferId());
+    return true;
+}
+
+void ResourceFileEntry::installCreated(const QString& inTarget, const QxBase::FileStamp& inStamp)
+{
+    scanFileRemember(inTarget, bufferId().md5(), inStamp);
+    executableMake(inTarget);
+}
+
+void ResourceFileEntry::executableMake(const QString& inPath) const
+{
+    if (!isExecutable())
+        return;
+    // Linux keeps executability in the file's mode; without it the program could not start.
+    const QFile::Permissions p = QFile::permissions(inPath);
+    const QFile::Permissions exec = QFile::ExeOwner | QFile::ExeUser | QFile::ExeGroup | QFile::ExeOther;
+    if ((p & exec) != exec)
+        QFile::setPermissions(inPath, p | exec);
 }
 
 McResult ResourceFileEntry::uninstall()

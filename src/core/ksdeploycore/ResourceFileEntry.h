@@ -1,5 +1,6 @@
 #pragma once
 #include "BufferID.h"
+#include "QxFile.h"
 #include "ResourceFileDirectory.h"
 
 namespace KsDeploy
@@ -21,6 +22,11 @@ public:
     void isExecutableSet(bool inFlag) { mIsExecutable = inFlag; }
 
     McResult install() override;
+    // install() split for writers on other threads: the item and target of a file that is to be
+    // created from the cache (false: install() must run as it is), and what follows once a
+    // writer created it. A writer that could not create it leaves install() to the caller.
+    bool installPlan(QString& outItem, QString& outTarget) const;
+    void installCreated(const QString& inTarget, const QxBase::FileStamp& inStamp);
     McResult uninstall() override;
     McResult verify() override;
     McResult scan() override;
@@ -30,6 +36,8 @@ public:
     const PropertyTable& properties() const override;
 
 private:
+    void executableMake(const QString& inPath) const;
+
     BufferID mBufferId;
     bool mIsExecutable = false;
 };

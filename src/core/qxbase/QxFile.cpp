@@ -310,50 +310,157 @@ bool File::makePath(const QString& inPath)
     return ::stat(QFile::encodeName(inPath).constData(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted, FileStamp* outStamp)
+namespace
 {
-    McResult retVal;
+enum class Made
+{
+    Created,
+    Existed,
+    NoSource,
+    NoFolder,
+    NoNamelessFiles,
+    Failed,
+};
+
+// The steps of copyCreate without a word said, so that any thread may run them; errno tells why
+// a step failed. The content goes into a file without a name, which is linked in only once it is
+// complete: no moment shows a half-written target, and a failure leaves nothing behind.
+Made createNameless(const QString& inSource, const QString& inTarget, bool inLookFirst, FileStamp* outStamp)
+{
     const QByteArray target = QFile::encodeName(inTarget);
-    const QString folder = folderOf(inTarget);
-    // lstat, not stat: a symbolic link, even a dangling one, is something there. In a folder
-    // this process made, nothing was there; the link below still refuses a newcomer.
+    // lstat, not stat: a symbolic link, even a dangling one, is something there.
     struct stat there;
-    outExisted = !foldersMadeEmpty().contains(folder) && ::lstat(target.constData(), &there) == 0;
-    if (outExisted)
-        return retVal;
+    if (inLookFirst && ::lstat(target.constData(), &there) == 0)
+        return Made::Existed;
     struct stat st;
     const int in = openSource(inSource, st);
-    if (MC_CHECK_WIN(retVal, in >= 0, QStringLiteral("failed to read '%1'").arg(inSource)))
-        return retVal;
-    // The content goes into a file without a name, which is linked in only once it is complete:
-    // no moment shows a half-written target, and a failure leaves nothing behind.
-    const int out = ::open(QFile::encodeName(folder).constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
-    if (out < 0 && (errno == EOPNOTSUPP || errno == EISDIR))
+    if (in < 0)
+        return Made::NoSource;
+    const int out = ::open(QFile::encodeName(folderOf(inTarget)).constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+    if (out < 0)
     {
-        // A file system without nameless files: through a temporary name instead.
+        const int why = errno;
         ::close(in);
-        return copyReplace(inSource, inTarget, outStamp);
-    }
-    if (MC_CHECK_WIN(retVal, out >= 0, QStringLiteral("failed to write '%1'").arg(inTarget)))
-    {
-        ::close(in);
-        return retVal;
+        errno = why;
+        return why == EOPNOTSUPP || why == EISDIR ? Made::NoNamelessFiles : Made::NoFolder;
     }
     bool ok = copyInto(in, st, out, outStamp);
     if (ok)
     {
         const QByteArray self = "/proc/self/fd/" + QByteArray::number(out);
         ok = ::linkat(AT_FDCWD, self.constData(), AT_FDCWD, target.constData(), AT_SYMLINK_FOLLOW) == 0;
-        // Something appeared there meanwhile: it is left as it is, and the caller told.
-        if (!ok && errno == EEXIST)
-        {
-            ::close(out);
-            outExisted = true;
-            return retVal;
-        }
     }
+    const int why = errno;
     ::close(out);
+    errno = why;
+    // Something appeared there meanwhile: it is left as it is.
+    return ok ? Made::Created : why == EEXIST ? Made::Existed : Made::Failed;
+}
+}
+
+McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted, FileStamp* outStamp)
+{
+    McResult retVal;
+    // In a folder this process made, nothing was there; the final link still refuses a newcomer.
+    const Made made = createNameless(inSource, inTarget, !foldersMadeEmpty().contains(folderOf(inTarget)), outStamp);
+    outExisted = made == Made::Existed;
+    if (made == Made::NoNamelessFiles)
+        return copyReplace(inSource, inTarget, outStamp); // through a temporary name instead
+    const bool in = made != Made::NoSource;
+    if (MC_CHECK_WIN(retVal, in, QStringLiteral("failed to read '%1'").arg(inSource)))
+        return retVal;
+    const bool out = made != Made::NoFolder;
+    if (MC_CHECK_WIN(retVal, out, QStringLiteral("failed to write '%1'").arg(inTarget)))
+        return retVal;
+    const bool ok = made == Made::Created || made == Made::Existed;
     MC_CHECK_WIN(retVal, ok, QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inSource, inTarget));
     return retVal;
+}
+
+struct FileCreateQueue::Job
+{
+    QString source;
+    QString target;
+    bool lookFirst = true;
+    bool finished = false;
+    bool created = false;
+    FileStamp stamp;
+};
+
+FileCreateQueue::FileCreateQueue(int inWorkers)
+{
+    for (int i = 0; i < inWorkers; ++i)
+        mWorkers.emplace_back([this] { work(); });
+}
+
+FileCreateQueue::~FileCreateQueue()
+{
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mStopping = true;
+    }
+    mWork.notify_all();
+    for (std::thread& t : mWorkers)
+        t.join();
+}
+
+void FileCreateQueue::add(const QString& inSource, const QString& inTarget, void* inTag)
+{
+    auto job = std::make_shared<Job>();
+    job->source = inSource;
+    job->target = inTarget;
+    // Decided here, on the caller's thread, which is the one that makes folders.
+    job->lookFirst = !foldersMadeEmpty().contains(folderOf(inTarget));
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mOrder.push_back({job, inTag});
+        mTodo.push_back(job);
+    }
+    mWork.notify_one();
+}
+
+size_t FileCreateQueue::backlog()
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mOrder.size();
+}
+
+bool FileCreateQueue::next(bool inWait, void*& outTag, bool& outCreated, FileStamp& outStamp)
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (mOrder.empty())
+        return false;
+    if (!mOrder.front().first->finished)
+    {
+        if (!inWait)
+            return false;
+        mDone.wait(lock, [this] { return mOrder.front().first->finished; });
+    }
+    const auto front = mOrder.front();
+    mOrder.pop_front();
+    lock.unlock();
+    outTag = front.second;
+    outCreated = front.first->created;
+    outStamp = front.first->stamp;
+    return true;
+}
+
+void FileCreateQueue::work()
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    for (;;)
+    {
+        mWork.wait(lock, [this] { return mStopping || !mTodo.empty(); });
+        if (mTodo.empty())
+            return;
+        const std::shared_ptr<Job> job = mTodo.front();
+        mTodo.pop_front();
+        lock.unlock();
+        const bool created = createNameless(job->source, job->target, job->lookFirst, &job->stamp) == Made::Created;
+        lock.lock();
+        job->created = created;
+        job->finished = true;
+        mDone.notify_all();
+    }
 }
 }
