@@ -187,13 +187,14 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         const auto written = [&](size_t inKeep) {
             McResult res;
             void* tag = nullptr;
+            QString target;
             bool created = false;
             QxBase::FileStamp stamp;
-            while (res.isOk() && writers->next(writers->backlog() > inKeep, tag, created, stamp))
+            while (res.isOk() && writers->next(writers->backlog() > inKeep, tag, target, created, stamp))
             {
                 ResourceFileEntry* entry = static_cast<ResourceFileEntry*>(tag);
                 if (created)
-                    entry->installCreated(entry->path(), stamp);
+                    entry->installCreated(target, stamp);
                 else
                     res << entry->install();
             }

@@ -285,6 +285,12 @@ QString folderOf(const QString& inPath)
     const qsizetype slash = inPath.lastIndexOf(QLatin1Char('/'));
     return slash > 0 ? inPath.left(slash) : slash == 0 ? QStringLiteral("/") : QFileInfo(inPath).absolutePath();
 }
+
+// In a folder this process made, nothing was there; the final link still refuses a newcomer.
+bool mustLookFirst(const QString& inTarget)
+{
+    return !foldersMadeEmpty().contains(folderOf(inTarget));
+}
 }
 
 bool File::makePath(const QString& inPath)
@@ -361,8 +367,7 @@ Made createNameless(const QString& inSource, const QString& inTarget, bool inLoo
 McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted, FileStamp* outStamp)
 {
     McResult retVal;
-    // In a folder this process made, nothing was there; the final link still refuses a newcomer.
-    const Made made = createNameless(inSource, inTarget, !foldersMadeEmpty().contains(folderOf(inTarget)), outStamp);
+    const Made made = createNameless(inSource, inTarget, mustLookFirst(inTarget), outStamp);
     outExisted = made == Made::Existed;
     if (made == Made::NoNamelessFiles)
         return copyReplace(inSource, inTarget, outStamp); // through a temporary name instead
@@ -410,7 +415,7 @@ void FileCreateQueue::add(const QString& inSource, const QString& inTarget, void
     job->source = inSource;
     job->target = inTarget;
     // Decided here, on the caller's thread, which is the one that makes folders.
-    job->lookFirst = !foldersMadeEmpty().contains(folderOf(inTarget));
+    job->lookFirst = mustLookFirst(inTarget);
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mOrder.push_back({job, inTag});
@@ -425,7 +430,7 @@ size_t FileCreateQueue::backlog()
     return mOrder.size();
 }
 
-bool FileCreateQueue::next(bool inWait, void*& outTag, bool& outCreated, FileStamp& outStamp)
+bool FileCreateQueue::next(bool inWait, void*& outTag, QString& outTarget, bool& outCreated, FileStamp& outStamp)
 {
     std::unique_lock<std::mutex> lock(mMutex);
     if (mOrder.empty())
@@ -440,6 +445,7 @@ bool FileCreateQueue::next(bool inWait, void*& outTag, bool& outCreated, FileSta
     mOrder.pop_front();
     lock.unlock();
     outTag = front.second;
+    outTarget = front.first->target;
     outCreated = front.first->created;
     outStamp = front.first->stamp;
     return true;

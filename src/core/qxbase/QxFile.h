@@ -92,7 +92,7 @@ public:
     // Jobs added and not yet taken back: the caller keeps this bounded by taking them back.
     size_t backlog();
     // The oldest job once finished (inWait: wait for it); false when there is none (yet).
-    bool next(bool inWait, void*& outTag, bool& outCreated, FileStamp& outStamp);
+    bool next(bool inWait, void*& outTag, QString& outTarget, bool& outCreated, FileStamp& outStamp);
 
 private:
     struct Job;
