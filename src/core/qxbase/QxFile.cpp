@@ -298,14 +298,18 @@ bool File::makePath(const QString& inPath)
     QStringList missing;
     QString at = QDir::cleanPath(inPath);
     struct stat st;
-    while (!at.isEmpty() && ::stat(QFile::encodeName(at).constData(), &st) != 0 && errno == ENOENT)
+    while (::stat(QFile::encodeName(at).constData(), &st) != 0)
     {
-        missing.prepend(at);
+        const bool absent = errno == ENOENT;
         const QString up = folderOf(at);
-        if (up == at)
-            break;
+        if (!absent || up == at)
+            return false;
+        missing.prepend(at);
         at = up;
     }
+    // The usual case of a folder that is there already: one look.
+    if (missing.isEmpty())
+        return S_ISDIR(st.st_mode);
     for (const QString& folder : missing)
     {
         if (::mkdir(QFile::encodeName(folder).constData(), 0777) == 0)
