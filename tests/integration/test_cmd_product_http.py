@@ -76,6 +76,23 @@ class HttpProductTest(ksharness.KsTestCase):
             self.assertOk(self.install(server.url, 1))
         self.assertEqual(self.tree(src), self.tree(self.path("target")))
 
+    def test_items_with_and_without_lzma_copies_side_by_side(self):
+        # After a missing copy the plain file is asked for at once beside the next copy; where that
+        # copy exists it must win, so plain files of packed items are served wrong here.
+        src = self.make_version(1, 0)
+        items = self.path("www", "items")
+        for dirpath, _, filenames in os.walk(src):
+            for name in filenames:
+                digest = md5_of(os.path.join(dirpath, name))
+                shutil.copy(os.path.join(dirpath, name), os.path.join(items, digest))
+                if digest[0] in "01234567":
+                    os.remove(os.path.join(items, digest + ".lzma"))
+        with FaultServer(self.path("www"), {"/items/[89a-f]" + "?" * 31: "wrong"}) as server:
+            self.assertOk(self.install(server.url, 1))
+            wrong_asked = [r for r in server.requests if r[3] == "wrong"]
+        self.assertEqual(self.tree(src), self.tree(self.path("target")))
+        self.assertTrue(wrong_asked, "no plain file was asked for beside its copy")
+
     def test_a_big_item_is_checked_while_it_arrives(self):
         # Past its first megabyte a download is hashed on a second thread: both verdicts must hold.
         big = os.urandom(3 * 1048576 + 7)

@@ -14,6 +14,7 @@
 #include <QFileInfo>
 
 #include <cstdio>
+#include <mutex>
 
 using namespace KsDeploy;
 
@@ -38,22 +39,70 @@ struct Outcome
     McLib::MD5 md5;         // of what arrived, when asked for
 };
 
-// One download with its two trace lines; a timeout counts as done, the digest decides.
-// The destination is a temporary file of the caller, written in place; inDigest asks for the
-// MD5 of what arrived, computed on the way in.
-Outcome downloadOnce(const QString& inUrl, const QString& inDestination, bool inDigest)
+QxDownload::Request requestFor(const QString& inUrl, const QString& inDestination, bool inDigest)
 {
-    Engine& engine = Engine::instance();
-    engine.trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(inUrl, inDestination));
-    int ms = downloadTimeLimit();
-    QxDownload* download = QxDownload::createInstance();
-    const int res = download->download(inUrl, inDestination, &ms,
-                                       inDigest ? QxDownload::FlagInPlace | QxDownload::FlagDigest : QxDownload::FlagInPlace);
+    QxDownload::Request r;
+    r.url = inUrl;
+    r.destination = inDestination;
+    // The destination is a temporary file of the caller, written in place; the digest of a plain
+    // download is computed on the way in.
+    r.flags = inDigest ? QxDownload::FlagInPlace | QxDownload::FlagDigest : QxDownload::FlagInPlace;
+    r.ms = downloadTimeLimit();
+    return r;
+}
+
+void traceStart(const QxDownload::Request& inRequest)
+{
+    Engine::instance().trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(inRequest.url, inRequest.destination));
+}
+
+// The closing trace line of one download; a timeout counts as done, the digest decides.
+Outcome traceEnd(const QxDownload::Request& inRequest)
+{
+    const int res = inRequest.result;
     QString outcome = res == 0 ? QStringLiteral("...ok") : res == 3 ? QStringLiteral("...timeout") : QStringLiteral("...failed");
-    if (res != 0 && !download->lastError().isEmpty())
-        outcome += QStringLiteral(" [%1]").arg(download->lastError());
-    engine.trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(ms));
-    return Outcome{res == 0 || res == 3, res == 3, download->lastError(), download->lastMd5()};
+    if (res != 0 && !inRequest.error.isEmpty())
+        outcome += QStringLiteral(" [%1]").arg(inRequest.error);
+    Engine::instance().trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(inRequest.ms));
+    return Outcome{res == 0 || res == 3, res == 3, inRequest.error, inRequest.md5};
+}
+
+Outcome downloadOnce(QxDownload::Request& inoutRequest)
+{
+    traceStart(inoutRequest);
+    QxDownload* download = QxDownload::createInstance();
+    inoutRequest.result = download->download(inoutRequest.url, inoutRequest.destination, &inoutRequest.ms, inoutRequest.flags);
+    inoutRequest.error = download->lastError();
+    inoutRequest.md5 = download->lastMd5();
+    return traceEnd(inoutRequest);
+}
+
+// Folders on a server whose last ".lzma" copy could not be had. From them the plain file is asked
+// for together with the next ".lzma" copy, so that its answer does not wait for another miss; a
+// folder that has its copies is asked one request at a time. Kept per folder, not per server: a
+// description published plain beside items published packed says nothing about the items.
+QString folderOf(const QString& inUrl)
+{
+    const int slash = inUrl.lastIndexOf(QLatin1Char('/'));
+    return slash < 0 ? inUrl : inUrl.left(slash);
+}
+
+std::mutex sFoldersMutex;
+QSet<QString> sFoldersWithoutPacked;
+
+bool packedMissingAt(const QString& inFolder)
+{
+    std::lock_guard<std::mutex> lock(sFoldersMutex);
+    return sFoldersWithoutPacked.contains(inFolder);
+}
+
+void packedMissingSet(const QString& inFolder, bool inMissing)
+{
+    std::lock_guard<std::mutex> lock(sFoldersMutex);
+    if (inMissing)
+        sFoldersWithoutPacked.insert(inFolder);
+    else
+        sFoldersWithoutPacked.remove(inFolder);
 }
 }
 
@@ -216,23 +265,51 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     Engine& engine = Engine::instance();
     // Everything lands beside the destination first; only a checked file gets its name.
     const QString compressed = QxBase::File::temporaryPathBeside(inDestination);
-    const QString plain = QxBase::File::temporaryPathBeside(inDestination);
+    const QString decoded = QxBase::File::temporaryPathBeside(inDestination);
     const bool check = !inExpected.isNull();
-    const Outcome packed = downloadOnce(inUrl + QStringLiteral(".lzma"), compressed, false);
+    const QString folder = folderOf(inUrl);
+    QxDownload::Request first = requestFor(inUrl + QStringLiteral(".lzma"), compressed, false);
+    // Apart from the decoded copy: a fallback fetched together may finish before the copy fails.
+    QxDownload::Request second = requestFor(inUrl, QxBase::File::temporaryPathBeside(inDestination), check);
+    bool secondDone = false;
+    Outcome packed;
+    if (packedMissingAt(folder))
+    {
+        traceStart(first);
+        QxDownload::createInstance()->downloadPair(first, second);
+        packed = traceEnd(first);
+        secondDone = second.result != QxDownload::ResultDropped;
+    }
+    else
+        packed = downloadOnce(first);
+    packedMissingSet(folder, !packed.done);
     Outcome got = packed;
+    QString plain = decoded;
     QString packedWhy = packed.why;
     if (packed.done)
     {
         // A corrupt copy is not a failure yet: the plain file may still be right.
         McResult quiet;
-        quiet << fileUncompress(plain, compressed);
+        quiet << fileUncompress(decoded, compressed);
         got.done = quiet.isOk();
         packedWhy = QString::fromLatin1(quiet.text());
-    }
-    if (packed.done)
         QFile::remove(compressed);
+        if (!got.done)
+            QFile::remove(decoded);
+    }
     if (!got.done)
-        got = downloadOnce(inUrl, plain, check);
+    {
+        plain = second.destination;
+        if (secondDone)
+        {
+            traceStart(second);
+            got = traceEnd(second);
+        }
+        else
+            got = downloadOnce(second);
+    }
+    else if (secondDone)
+        QFile::remove(second.destination);
     if (!got.done)
     {
         engine.trace(McLogLevelError, QStringLiteral("Failed to download %1").arg(inUrl));

@@ -18,21 +18,32 @@
 
 struct QxDownload::Private
 {
-    CURL* curl = nullptr;
-    std::vector<char> fileBuffer; // kept between downloads: many small items come one after another
+    // One pool of connections for both handles: a pair needs two, a single download reuses either.
+    CURLM* multi = nullptr;
+    CURL* curl[2] = {nullptr, nullptr};
+    std::vector<char> fileBuffer[2]; // kept between downloads: many small items come one after another
 };
 
 QxDownload::QxDownload() : d(new Private)
 {
     static const bool sInit = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
     (void)sInit;
-    d->curl = curl_easy_init();
+    d->multi = curl_multi_init();
+    for (CURL*& c : d->curl)
+        c = curl_easy_init();
 }
 
 QxDownload::~QxDownload()
 {
-    if (d->curl)
-        curl_easy_cleanup(d->curl);
+    for (CURL* c : d->curl)
+        if (c)
+        {
+            if (d->multi)
+                curl_multi_remove_handle(d->multi, c);
+            curl_easy_cleanup(c);
+        }
+    if (d->multi)
+        curl_multi_cleanup(d->multi);
 }
 
 QxDownload* QxDownload::createInstance()
@@ -184,37 +195,47 @@ size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inSink)
 }
 }
 
-int QxDownload::download(const QString& inUrl, const QString& inDestination, int* inoutMs, unsigned inFlags)
+namespace
 {
-    QElapsedTimer timer;
-    timer.start();
-    const int limit = inoutMs && *inoutMs > 0 ? *inoutMs : 60000;
-    mLastError.clear();
-    mLastMd5.clear();
-    if (!d->curl)
-    {
-        mLastError = QStringLiteral("no download library");
-        return ResultFailed;
-    }
-    const bool inPlace = inFlags & FlagInPlace;
-    const QString temp = inPlace ? inDestination : QxBase::File::temporaryPathBeside(inDestination);
-    if (d->fileBuffer.empty())
-        d->fileBuffer.resize(1 << 20);
-    const QByteArray url = inUrl.toUtf8();
-    CURL* c = d->curl;
-    curl_easy_reset(c);
-    Sink sink{c, QFile::encodeName(temp), &d->fileBuffer};
+// One transfer through the shared pool, from its options to its verdict.
+struct Transfer
+{
+    QxDownload::Request* request = nullptr;
+    CURL* curl = nullptr;
+    Sink sink{nullptr, QByteArray(), nullptr};
     std::unique_ptr<StreamHasher> md5;
-    if (inFlags & FlagDigest)
-    {
-        md5.reset(new StreamHasher);
-        sink.md5 = md5.get();
-    }
+    QByteArray url;
+    bool inPlace = false;
     char errorText[CURL_ERROR_SIZE] = {0};
-    curl_easy_setopt(c, CURLOPT_URL, url.constData());
+    CURLcode rc = CURLE_OK;
+    bool done = false;
+    bool dropped = false;
+    QElapsedTimer timer;
+};
+
+void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffer, QxDownload::Request& inoutRequest)
+{
+    inoutT.timer.start();
+    inoutT.request = &inoutRequest;
+    inoutT.curl = inCurl;
+    inoutT.inPlace = inoutRequest.flags & QxDownload::FlagInPlace;
+    const QString temp = inoutT.inPlace ? inoutRequest.destination : QxBase::File::temporaryPathBeside(inoutRequest.destination);
+    if (inoutBuffer.empty())
+        inoutBuffer.resize(1 << 20);
+    inoutT.url = inoutRequest.url.toUtf8();
+    inoutT.sink = Sink{inCurl, QFile::encodeName(temp), &inoutBuffer};
+    if (inoutRequest.flags & QxDownload::FlagDigest)
+    {
+        inoutT.md5.reset(new StreamHasher);
+        inoutT.sink.md5 = inoutT.md5.get();
+    }
+    const int limit = inoutRequest.ms > 0 ? inoutRequest.ms : 60000;
+    CURL* c = inCurl;
+    curl_easy_reset(c);
+    curl_easy_setopt(c, CURLOPT_URL, inoutT.url.constData());
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &writeToFile);
-    curl_easy_setopt(c, CURLOPT_WRITEDATA, &sink);
-    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errorText);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &inoutT.sink);
+    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, inoutT.errorText);
     curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(c, CURLOPT_MAXREDIRS, 10L);
     curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(limit));
@@ -227,10 +248,22 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
     curl_easy_setopt(c, CURLOPT_USERAGENT, "ksdeploy");
     // Fewer, larger reads for big items.
     curl_easy_setopt(c, CURLOPT_BUFFERSIZE, 256L * 1024L);
-    const CURLcode rc = curl_easy_perform(c);
-    long newConnections = 0;
-    curl_easy_getinfo(c, CURLINFO_NUM_CONNECTS, &newConnections);
-    mConnections += newConnections;
+}
+
+long connectionsOf(CURL* inCurl)
+{
+    long made = 0;
+    curl_easy_getinfo(inCurl, CURLINFO_NUM_CONNECTS, &made);
+    return made;
+}
+
+// The verdict of a finished transfer: result, error text, digest and time into its request.
+void transferFinish(Transfer& inoutT)
+{
+    QxDownload::Request& r = *inoutT.request;
+    Sink& sink = inoutT.sink;
+    const CURLcode rc = inoutT.rc;
+    CURL* c = inoutT.curl;
     // An answer without a body still gives a (empty) file, a stalled one what arrived: nothing.
     if (!sink.file && !sink.openFailed && !sink.errorPage && (rc == CURLE_OK || rc == CURLE_OPERATION_TIMEDOUT))
     {
@@ -239,41 +272,175 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
     }
     const bool created = sink.file != nullptr;
     const bool written = !sink.openFailed && (!created || std::fclose(sink.file) == 0);
+    sink.file = nullptr;
 
     long status = 0;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, nullptr);
 
-    int result = ResultOk;
+    int result = QxDownload::ResultOk;
     if (status >= 400)
-        result = ResultHttpError;
+        result = QxDownload::ResultHttpError;
     else if (rc == CURLE_OPERATION_TIMEDOUT)
-        result = ResultTimeout;
+        result = QxDownload::ResultTimeout;
     else if ((rc == CURLE_WRITE_ERROR || rc == CURLE_OK) && !written)
-        result = ResultWriteError;
+        result = QxDownload::ResultWriteError;
     else if (rc == CURLE_WRITE_ERROR)
-        result = ResultWriteError;
+        result = QxDownload::ResultWriteError;
     else if (rc != CURLE_OK)
-        result = ResultFailed;
-    if (result == ResultHttpError)
-        mLastError = QStringLiteral("HTTP %1").arg(status);
+        result = QxDownload::ResultFailed;
+    r.error.clear();
+    if (result == QxDownload::ResultHttpError)
+        r.error = QStringLiteral("HTTP %1").arg(status);
     else if (!written)
-        mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
+        r.error = QStringLiteral("cannot write '%1'").arg(r.destination);
     else if (rc != CURLE_OK)
-        mLastError = QString::fromUtf8(errorText[0] ? errorText : curl_easy_strerror(rc));
-    const bool kept = result == ResultOk || result == ResultTimeout;
+        r.error = QString::fromUtf8(inoutT.errorText[0] ? inoutT.errorText : curl_easy_strerror(rc));
+    const bool kept = result == QxDownload::ResultOk || result == QxDownload::ResultTimeout;
     // rename(2) replaces the destination in one step.
-    if (kept && !inPlace && ::rename(sink.path.constData(), QFile::encodeName(inDestination).constData()) != 0)
+    if (kept && !inoutT.inPlace && ::rename(sink.path.constData(), QFile::encodeName(r.destination).constData()) != 0)
     {
-        mLastError = QStringLiteral("cannot write '%1'").arg(inDestination);
-        result = ResultWriteError;
+        r.error = QStringLiteral("cannot write '%1'").arg(r.destination);
+        result = QxDownload::ResultWriteError;
     }
     // Only a file this call created is removed; an error page never created one.
-    if (created && result != ResultOk && result != ResultTimeout)
+    if (created && !kept)
         ::unlink(sink.path.constData());
-    if (md5 && (result == ResultOk || result == ResultTimeout))
-        mLastMd5 = md5->finish();
+    r.md5.clear();
+    if (inoutT.md5 && kept)
+        r.md5 = inoutT.md5->finish();
+    r.result = result;
+    r.ms = static_cast<int>(inoutT.timer.elapsed());
+}
+
+// A fallback given up: what it wrote goes, and it says so.
+void transferDrop(Transfer& inoutT)
+{
+    Sink& sink = inoutT.sink;
+    curl_easy_setopt(inoutT.curl, CURLOPT_ERRORBUFFER, nullptr);
+    if (sink.file)
+    {
+        std::fclose(sink.file);
+        sink.file = nullptr;
+        ::unlink(sink.path.constData());
+    }
+    inoutT.md5.reset();
+    QxDownload::Request& r = *inoutT.request;
+    r.result = QxDownload::ResultDropped;
+    r.error = QStringLiteral("not needed");
+    r.md5.clear();
+    r.ms = static_cast<int>(inoutT.timer.elapsed());
+}
+
+// Whether the preferred download has a good answer: a body under a good status has begun,
+// or it ended well without one.
+bool answeredGood(const Transfer& inT)
+{
+    if (inT.sink.checked)
+        return !inT.sink.errorPage;
+    if (!inT.done || inT.rc != CURLE_OK)
+        return false;
+    long status = 0;
+    curl_easy_getinfo(inT.curl, CURLINFO_RESPONSE_CODE, &status);
+    return status < 400;
+}
+
+// Drives one or two transfers to their ends; with two, the second is dropped once the first
+// answers well.
+void transfersRun(CURLM* inMulti, Transfer& inoutFirst, Transfer* inoutSecond)
+{
+    Transfer* all[2] = {&inoutFirst, inoutSecond};
+    for (Transfer* t : all)
+        if (t)
+            curl_multi_add_handle(inMulti, t->curl);
+    for (;;)
+    {
+        int running = 0;
+        const CURLMcode mc = curl_multi_perform(inMulti, &running);
+        int left = 0;
+        while (CURLMsg* msg = curl_multi_info_read(inMulti, &left))
+            for (Transfer* t : all)
+                if (t && msg->msg == CURLMSG_DONE && msg->easy_handle == t->curl)
+                {
+                    t->rc = msg->data.result;
+                    t->done = true;
+                }
+        if (mc != CURLM_OK)
+        {
+            for (Transfer* t : all)
+                if (t && !t->done)
+                {
+                    t->rc = CURLE_FAILED_INIT;
+                    t->done = true;
+                }
+            break;
+        }
+        if (inoutSecond && !inoutSecond->dropped && answeredGood(inoutFirst))
+        {
+            // Taken out mid-transfer, libcurl closes that connection; the pool keeps the other.
+            curl_multi_remove_handle(inMulti, inoutSecond->curl);
+            inoutSecond->dropped = true;
+            continue;
+        }
+        if (running == 0)
+            break;
+        curl_multi_poll(inMulti, nullptr, 0, 1000, nullptr);
+    }
+    for (Transfer* t : all)
+        if (t && !t->dropped)
+            curl_multi_remove_handle(inMulti, t->curl);
+}
+}
+
+int QxDownload::download(const QString& inUrl, const QString& inDestination, int* inoutMs, unsigned inFlags)
+{
+    Request request;
+    request.url = inUrl;
+    request.destination = inDestination;
+    request.flags = inFlags;
+    request.ms = inoutMs && *inoutMs > 0 ? *inoutMs : 60000;
+    mLastMd5.clear();
+    if (!d->multi || !d->curl[0])
+    {
+        mLastError = QStringLiteral("no download library");
+        if (inoutMs)
+            *inoutMs = 0;
+        return ResultFailed;
+    }
+    Transfer t;
+    transferStart(t, d->curl[0], d->fileBuffer[0], request);
+    transfersRun(d->multi, t, nullptr);
+    mConnections += connectionsOf(t.curl);
+    transferFinish(t);
+    mLastError = request.error;
+    mLastMd5 = request.md5;
     if (inoutMs)
-        *inoutMs = static_cast<int>(timer.elapsed());
-    return result;
+        *inoutMs = request.ms;
+    return request.result;
+}
+
+void QxDownload::downloadPair(Request& inoutFirst, Request& inoutSecond)
+{
+    mLastError.clear();
+    mLastMd5.clear();
+    if (!d->multi || !d->curl[0] || !d->curl[1])
+    {
+        for (Request* r : {&inoutFirst, &inoutSecond})
+        {
+            r->result = ResultFailed;
+            r->error = QStringLiteral("no download library");
+            r->ms = 0;
+        }
+        return;
+    }
+    Transfer first, second;
+    transferStart(first, d->curl[0], d->fileBuffer[0], inoutFirst);
+    transferStart(second, d->curl[1], d->fileBuffer[1], inoutSecond);
+    transfersRun(d->multi, first, &second);
+    mConnections += connectionsOf(first.curl) + connectionsOf(second.curl);
+    transferFinish(first);
+    if (second.dropped)
+        transferDrop(second);
+    else
+        transferFinish(second);
 }

@@ -18,6 +18,8 @@ public:
         ResultHttpError = 2,
         ResultTimeout = 3,
         ResultWriteError = 4,
+        // Of downloadPair's fallback, given up because the preferred answer came good.
+        ResultDropped = 5,
     };
 
     enum Flag
@@ -36,6 +38,22 @@ public:
     // The destination is written through a temporary file beside it and renamed into place
     // once the transfer ended (after a timeout, with what arrived).
     int download(const QString& inUrl, const QString& inDestination, int* inoutMs, unsigned inFlags = 0);
+    // One download of a pair: what to fetch where, and on return how it went.
+    struct Request
+    {
+        QString url;
+        QString destination;
+        unsigned flags = 0;
+        int ms = 60000;        // the time limit on entry, the time taken on return
+        int result = ResultFailed;
+        QString error;         // as lastError
+        McLib::MD5 md5;        // as lastMd5
+    };
+    // Fetches a preferred copy and its fallback over two connections at once, so that the
+    // fallback's answer need not wait for the preferred one's. As soon as the preferred answer
+    // turns out good, the fallback is given up (ResultDropped, its file removed); otherwise it
+    // runs to its end as download() would have run it.
+    void downloadPair(Request& inoutFirst, Request& inoutSecond);
     // With FlagDigest: the MD5 of the bytes the last download wrote, else all zero.
     const McLib::MD5& lastMd5() const { return mLastMd5; }
     // The last failure in words ("HTTP 404", "Couldn't connect to server", ...).
