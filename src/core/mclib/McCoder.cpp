@@ -20,10 +20,12 @@ inline uint32_t load32(const unsigned char* p)
 }
 
 #define MD5_F(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
-#define MD5_G(x, y, z) ((y) ^ ((z) & ((x) ^ (y))))
-#define MD5_H(x, y, z) ((x) ^ (y) ^ (z))
+// Only one operation waits for the newest word of the state (b in a step): H starts from the two
+// older words, and G's two halves never share a bit, so they are added one by one (MD5_STEP_G).
+#define MD5_H(x, y, z) (((y) ^ (z)) ^ (x))
 #define MD5_I(x, y, z) ((y) ^ ((x) | ~(z)))
-#define MD5_STEP(f, a, b, c, d, x, t, s) (a) = (b) + rotl((a) + f((b), (c), (d)) + (x) + (t), (s))
+#define MD5_STEP(f, a, b, c, d, x, t, s) (a) = (b) + rotl((a) + (x) + (t) + f((b), (c), (d)), (s))
+#define MD5_STEP_G(a, b, c, d, x, t, s) (a) = (b) + rotl((a) + (x) + (t) + ((c) & ~(d)) + ((b) & (d)), (s))
 }
 
 McCoder::McCoder() { crcMD5Init(); }
@@ -67,22 +69,22 @@ void McCoder::transform(const unsigned char* inBlock, size_t inBlocks)
         MD5_STEP(MD5_F, c, d, a, b, x[14], 0xa679438e, 17);
         MD5_STEP(MD5_F, b, c, d, a, x[15], 0x49b40821, 22);
 
-        MD5_STEP(MD5_G, a, b, c, d, x[1], 0xf61e2562, 5);
-        MD5_STEP(MD5_G, d, a, b, c, x[6], 0xc040b340, 9);
-        MD5_STEP(MD5_G, c, d, a, b, x[11], 0x265e5a51, 14);
-        MD5_STEP(MD5_G, b, c, d, a, x[0], 0xe9b6c7aa, 20);
-        MD5_STEP(MD5_G, a, b, c, d, x[5], 0xd62f105d, 5);
-        MD5_STEP(MD5_G, d, a, b, c, x[10], 0x02441453, 9);
-        MD5_STEP(MD5_G, c, d, a, b, x[15], 0xd8a1e681, 14);
-        MD5_STEP(MD5_G, b, c, d, a, x[4], 0xe7d3fbc8, 20);
-        MD5_STEP(MD5_G, a, b, c, d, x[9], 0x21e1cde6, 5);
-        MD5_STEP(MD5_G, d, a, b, c, x[14], 0xc33707d6, 9);
-        MD5_STEP(MD5_G, c, d, a, b, x[3], 0xf4d50d87, 14);
-        MD5_STEP(MD5_G, b, c, d, a, x[8], 0x455a14ed, 20);
-        MD5_STEP(MD5_G, a, b, c, d, x[13], 0xa9e3e905, 5);
-        MD5_STEP(MD5_G, d, a, b, c, x[2], 0xfcefa3f8, 9);
-        MD5_STEP(MD5_G, c, d, a, b, x[7], 0x676f02d9, 14);
-        MD5_STEP(MD5_G, b, c, d, a, x[12], 0x8d2a4c8a, 20);
+        MD5_STEP_G(a, b, c, d, x[1], 0xf61e2562, 5);
+        MD5_STEP_G(d, a, b, c, x[6], 0xc040b340, 9);
+        MD5_STEP_G(c, d, a, b, x[11], 0x265e5a51, 14);
+        MD5_STEP_G(b, c, d, a, x[0], 0xe9b6c7aa, 20);
+        MD5_STEP_G(a, b, c, d, x[5], 0xd62f105d, 5);
+        MD5_STEP_G(d, a, b, c, x[10], 0x02441453, 9);
+        MD5_STEP_G(c, d, a, b, x[15], 0xd8a1e681, 14);
+        MD5_STEP_G(b, c, d, a, x[4], 0xe7d3fbc8, 20);
+        MD5_STEP_G(a, b, c, d, x[9], 0x21e1cde6, 5);
+        MD5_STEP_G(d, a, b, c, x[14], 0xc33707d6, 9);
+        MD5_STEP_G(c, d, a, b, x[3], 0xf4d50d87, 14);
+        MD5_STEP_G(b, c, d, a, x[8], 0x455a14ed, 20);
+        MD5_STEP_G(a, b, c, d, x[13], 0xa9e3e905, 5);
+        MD5_STEP_G(d, a, b, c, x[2], 0xfcefa3f8, 9);
+        MD5_STEP_G(c, d, a, b, x[7], 0x676f02d9, 14);
+        MD5_STEP_G(b, c, d, a, x[12], 0x8d2a4c8a, 20);
 
         MD5_STEP(MD5_H, a, b, c, d, x[5], 0xfffa3942, 4);
         MD5_STEP(MD5_H, d, a, b, c, x[8], 0x8771f681, 11);
