@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -214,4 +215,26 @@ TEST_F(QxFileTest, CopyCreateWritesOnlyWhereNothingIsAndLeavesNothingWhenItFails
     EXPECT_EQ(QStringList({"big", "big.copy", "folder", "link", "made", "made/deeper", "made/deeper/folder",
                            "made/deeper/link", "made/deeper/there", "small", "small.copy", "there"}),
               tree(mDir.path()));
+}
+
+TEST_F(QxFileTest, LinkNamelessNamesAFileOnlyOnceAndReplacesOnlyWhenAsked)
+{
+    auto nameless = [this](const QByteArray& inBytes) {
+        const int fd = ::open(QFile::encodeName(mDir.path()).constData(), O_TMPFILE | O_WRONLY, 0644);
+        EXPECT_GE(fd, 0);
+        EXPECT_EQ(static_cast<ssize_t>(inBytes.size()), ::write(fd, inBytes.constData(), inBytes.size()));
+        return fd;
+    };
+    ASSERT_TRUE(File::linkNameless(nameless("first"), path("item"), false));
+    EXPECT_EQ(QByteArray("first"), KsTest::readFile(path("item")));
+
+    errno = 0;
+    EXPECT_FALSE(File::linkNameless(nameless("second"), path("item"), false));
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_EQ(QByteArray("first"), KsTest::readFile(path("item")));
+
+    ASSERT_TRUE(File::linkNameless(nameless("third"), path("item"), true));
+    EXPECT_EQ(QByteArray("third"), KsTest::readFile(path("item")));
+    // No second name is left behind, and a file never named is gone with its descriptor.
+    EXPECT_EQ(QStringList({"item"}), tree(mDir.path()));
 }

@@ -136,7 +136,10 @@ class HttpProductTest(ksharness.KsTestCase):
                 self.assertIn(expected, r.err)
                 self.assertIn("...failed", r.out)
                 self.assertEqual(before, self.tree(self.path("target")))
-                self.assertNotIn(victim, os.listdir(cache) if os.path.isdir(cache) else [])
+                left = os.listdir(cache) if os.path.isdir(cache) else []
+                self.assertNotIn(victim, left)
+                # Nor any half-way file: every name left is an item's.
+                self.assertEqual([], [n for n in left if len(n) != 32])
 
     def test_a_corrupt_lzma_copy_falls_back_to_the_plain_item(self):
         src = self.make_version(1, 0)

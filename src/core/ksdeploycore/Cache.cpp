@@ -15,6 +15,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <unistd.h>
 
 using namespace KsDeploy;
 
@@ -70,10 +71,7 @@ Outcome traceEnd(const QxDownload::Request& inRequest)
 Outcome downloadOnce(QxDownload::Request& inoutRequest)
 {
     traceStart(inoutRequest);
-    QxDownload* download = QxDownload::createInstance();
-    inoutRequest.result = download->download(inoutRequest.url, inoutRequest.destination, &inoutRequest.ms, inoutRequest.flags);
-    inoutRequest.error = download->lastError();
-    inoutRequest.md5 = download->lastMd5();
+    QxDownload::createInstance()->download(inoutRequest);
     return traceEnd(inoutRequest);
 }
 
@@ -270,13 +268,16 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     const QString folder = folderOf(inUrl);
     QxDownload::Request first = requestFor(inUrl + QStringLiteral(".lzma"), compressed, false);
     // Apart from the decoded copy: a fallback fetched together may finish before the copy fails.
+    // Without a name, if the file system allows: it is named once checked, without a rename.
     QxDownload::Request second = requestFor(inUrl, QxBase::File::temporaryPathBeside(inDestination), check);
+    second.flags |= QxDownload::FlagNameless;
+    QxDownload* download = QxDownload::createInstance();
     bool secondDone = false;
     Outcome packed;
     if (packedMissingAt(folder))
     {
         traceStart(first);
-        QxDownload::createInstance()->downloadPair(first, second);
+        download->downloadPair(first, second);
         packed = traceEnd(first);
         secondDone = second.result != QxDownload::ResultDropped;
     }
@@ -285,6 +286,7 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     packedMissingSet(folder, !packed.done);
     Outcome got = packed;
     QString plain = decoded;
+    int nameless = -1; // the plain download's file, when it has no name
     QString packedWhy = packed.why;
     if (packed.done)
     {
@@ -307,9 +309,24 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
         }
         else
             got = downloadOnce(second);
+        nameless = second.file;
     }
     else if (secondDone)
+    {
+        if (second.file >= 0)
+            ::close(second.file);
         QFile::remove(second.destination);
+    }
+    // Whatever ends the call, the nameless file is closed, and so gone unless it was named.
+    struct Closer
+    {
+        int& fd;
+        ~Closer()
+        {
+            if (fd >= 0)
+                ::close(fd);
+        }
+    } closer{nameless};
     if (!got.done)
     {
         engine.trace(McLogLevelError, QStringLiteral("Failed to download %1").arg(inUrl));
@@ -324,7 +341,8 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     if (check)
     {
         // A plain download was hashed as it arrived; a decompressed copy is read once more.
-        const McLib::MD5 md5 = got.md5.isNull() ? scanFile(plain) : got.md5;
+        const QString content = nameless >= 0 ? QStringLiteral("/proc/self/fd/%1").arg(nameless) : plain;
+        const McLib::MD5 md5 = got.md5.isNull() ? scanFile(content) : got.md5;
         if (MC_CHECK(retVal, inExpected==md5,
                      QStringLiteral("%1: the content does not match its digest%2")
                          .arg(inUrl, got.timedOut ? QStringLiteral(" (%1)").arg(got.why) : QString())))
@@ -332,6 +350,14 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
             QFile::remove(plain);
             return retVal;
         }
+    }
+    if (nameless >= 0)
+    {
+        // Named in one step, replacing an older file of that name.
+        const int fd = nameless;
+        nameless = -1;
+        MC_CHECK_TEXT(retVal, QxBase::File::linkNameless(fd, inDestination, true), "rename", inDestination);
+        return retVal;
     }
     // rename(2) replaces an older file of that name in the same step.
     if (MC_CHECK_TEXT(retVal, ::rename(QFile::encodeName(plain).constData(), QFile::encodeName(inDestination).constData()) == 0,

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 struct QxDownload::Private
@@ -151,12 +152,42 @@ struct Sink
     QByteArray path;
     std::vector<char>* buffer;
     StreamHasher* md5 = nullptr; // only when the caller wants the digest
+    bool nameless = false;       // try a file without a name first
     FILE* file = nullptr;
+    int namelessFd = -1;         // the file's descriptor when it has no name
     bool openFailed = false;
     bool checked = false;
     bool errorPage = false;
     size_t discarded = 0;
 };
+
+void sinkOpen(Sink& inoutSink)
+{
+    if (inoutSink.nameless)
+    {
+        const int slash = inoutSink.path.lastIndexOf('/');
+        const QByteArray folder = slash < 0 ? QByteArray(".") : slash == 0 ? QByteArray("/") : inoutSink.path.left(slash);
+        const int fd = ::open(folder.constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+        // Without nameless files here, the named path serves.
+        if (fd >= 0)
+        {
+            inoutSink.file = ::fdopen(fd, "wb");
+            if (inoutSink.file)
+                inoutSink.namelessFd = fd;
+            else
+                ::close(fd);
+            inoutSink.openFailed = !inoutSink.file;
+            return;
+        }
+        if (errno != EOPNOTSUPP && errno != EISDIR)
+        {
+            inoutSink.openFailed = true;
+            return;
+        }
+    }
+    inoutSink.file = std::fopen(inoutSink.path.constData(), "wb");
+    inoutSink.openFailed = !inoutSink.file;
+}
 
 // The body of an error answer is read and dropped rather than failing the transfer at once:
 // libcurl closes the connection when it fails on an HTTP status, and a missing ".lzma" copy
@@ -181,8 +212,7 @@ size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inSink)
     // Opened on the first byte of a good answer: an error page costs no file.
     if (!sink.file && !sink.openFailed)
     {
-        sink.file = std::fopen(sink.path.constData(), "wb");
-        sink.openFailed = !sink.file;
+        sinkOpen(sink);
         if (sink.file)
             std::setvbuf(sink.file, sink.buffer->data(), _IOFBF, sink.buffer->size());
     }
@@ -224,6 +254,7 @@ void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffe
         inoutBuffer.resize(1 << 20);
     inoutT.url = inoutRequest.url.toUtf8();
     inoutT.sink = Sink{inCurl, QFile::encodeName(temp), &inoutBuffer};
+    inoutT.sink.nameless = inoutRequest.flags & QxDownload::FlagNameless;
     if (inoutRequest.flags & QxDownload::FlagDigest)
     {
         inoutT.md5.reset(new StreamHasher);
@@ -266,12 +297,14 @@ void transferFinish(Transfer& inoutT)
     CURL* c = inoutT.curl;
     // An answer without a body still gives a (empty) file, a stalled one what arrived: nothing.
     if (!sink.file && !sink.openFailed && !sink.errorPage && (rc == CURLE_OK || rc == CURLE_OPERATION_TIMEDOUT))
-    {
-        sink.file = std::fopen(sink.path.constData(), "wb");
-        sink.openFailed = !sink.file;
-    }
-    const bool created = sink.file != nullptr;
-    const bool written = !sink.openFailed && (!created || std::fclose(sink.file) == 0);
+        sinkOpen(sink);
+    bool created = sink.file != nullptr;
+    // A nameless file outlives its stream through a second descriptor, or it would be gone.
+    int nameless = -1;
+    if (sink.namelessFd >= 0 && std::fflush(sink.file) == 0)
+        nameless = ::fcntl(sink.namelessFd, F_DUPFD_CLOEXEC, 0);
+    const bool written = !sink.openFailed && (!created || std::fclose(sink.file) == 0) &&
+                         (sink.namelessFd < 0 || nameless >= 0);
     sink.file = nullptr;
 
     long status = 0;
@@ -297,8 +330,18 @@ void transferFinish(Transfer& inoutT)
     else if (rc != CURLE_OK)
         r.error = QString::fromUtf8(inoutT.errorText[0] ? inoutT.errorText : curl_easy_strerror(rc));
     const bool kept = result == QxDownload::ResultOk || result == QxDownload::ResultTimeout;
+    r.file = -1;
+    if (sink.namelessFd >= 0)
+    {
+        // Nothing to remove or rename: unnamed, it is gone once closed.
+        if (kept)
+            r.file = nameless;
+        else if (nameless >= 0)
+            ::close(nameless);
+        created = false;
+    }
     // rename(2) replaces the destination in one step.
-    if (kept && !inoutT.inPlace && ::rename(sink.path.constData(), QFile::encodeName(r.destination).constData()) != 0)
+    else if (kept && !inoutT.inPlace && ::rename(sink.path.constData(), QFile::encodeName(r.destination).constData()) != 0)
     {
         r.error = QStringLiteral("cannot write '%1'").arg(r.destination);
         result = QxDownload::ResultWriteError;
@@ -322,11 +365,13 @@ void transferDrop(Transfer& inoutT)
     {
         std::fclose(sink.file);
         sink.file = nullptr;
-        ::unlink(sink.path.constData());
+        if (sink.namelessFd < 0)
+            ::unlink(sink.path.constData());
     }
     inoutT.md5.reset();
     QxDownload::Request& r = *inoutT.request;
     r.result = QxDownload::ResultDropped;
+    r.file = -1;
     r.error = QStringLiteral("not needed");
     r.md5.clear();
     r.ms = static_cast<int>(inoutT.timer.elapsed());
@@ -397,26 +442,33 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
     Request request;
     request.url = inUrl;
     request.destination = inDestination;
-    request.flags = inFlags;
+    request.flags = inFlags & ~FlagNameless; // nobody here to take the file
     request.ms = inoutMs && *inoutMs > 0 ? *inoutMs : 60000;
-    mLastMd5.clear();
-    if (!d->multi || !d->curl[0])
-    {
-        mLastError = QStringLiteral("no download library");
-        if (inoutMs)
-            *inoutMs = 0;
-        return ResultFailed;
-    }
-    Transfer t;
-    transferStart(t, d->curl[0], d->fileBuffer[0], request);
-    transfersRun(d->multi, t, nullptr);
-    mConnections += connectionsOf(t.curl);
-    transferFinish(t);
-    mLastError = request.error;
-    mLastMd5 = request.md5;
+    download(request);
     if (inoutMs)
         *inoutMs = request.ms;
     return request.result;
+}
+
+void QxDownload::download(Request& inoutRequest)
+{
+    inoutRequest.file = -1;
+    if (!d->multi || !d->curl[0])
+    {
+        inoutRequest.result = ResultFailed;
+        inoutRequest.error = QStringLiteral("no download library");
+        inoutRequest.ms = 0;
+    }
+    else
+    {
+        Transfer t;
+        transferStart(t, d->curl[0], d->fileBuffer[0], inoutRequest);
+        transfersRun(d->multi, t, nullptr);
+        mConnections += connectionsOf(t.curl);
+        transferFinish(t);
+    }
+    mLastError = inoutRequest.error;
+    mLastMd5 = inoutRequest.md5;
 }
 
 void QxDownload::downloadPair(Request& inoutFirst, Request& inoutSecond)
@@ -427,6 +479,7 @@ void QxDownload::downloadPair(Request& inoutFirst, Request& inoutSecond)
     {
         for (Request* r : {&inoutFirst, &inoutSecond})
         {
+            r->file = -1;
             r->result = ResultFailed;
             r->error = QStringLiteral("no download library");
             r->ms = 0;

@@ -29,6 +29,11 @@ public:
         FlagInPlace = 1,
         // The MD5 of the body is computed as it arrives (lastMd5), so nobody reads it again.
         FlagDigest = 2,
+        // With FlagInPlace, for requests (not the plain download call): the body goes into a file without a name in the
+        // destination's folder, handed back open in Request::file for the caller to name
+        // (QxBase::File::linkNameless) once it is found good. Where the file system has no such
+        // files, the destination is written in place and Request::file stays -1.
+        FlagNameless = 4,
     };
 
     // The process-wide instance (so that connections are kept between downloads).
@@ -48,7 +53,10 @@ public:
         int result = ResultFailed;
         QString error;         // as lastError
         McLib::MD5 md5;        // as lastMd5
+        int file = -1;         // with FlagNameless and a good result: the nameless file, the caller's to close
     };
+    // The same for a request, which can also hand back a nameless file (FlagNameless).
+    void download(Request& inoutRequest);
     // Fetches a preferred copy and its fallback over two connections at once, so that the
     // fallback's answer need not wait for the preferred one's. As soon as the preferred answer
     // turns out good, the fallback is given up (ResultDropped, its file removed); otherwise it

@@ -332,6 +332,13 @@ enum class Made
     Failed,
 };
 
+// Names a file without a name; fails with EEXIST when something has that name.
+bool linkFd(int inFd, const QByteArray& inTarget)
+{
+    const QByteArray self = "/proc/self/fd/" + QByteArray::number(inFd);
+    return ::linkat(AT_FDCWD, self.constData(), AT_FDCWD, inTarget.constData(), AT_SYMLINK_FOLLOW) == 0;
+}
+
 // The steps of copyCreate without a word said, so that any thread may run them; errno tells why
 // a step failed. The content goes into a file without a name, which is linked in only once it is
 // complete: no moment shows a half-written target, and a failure leaves nothing behind.
@@ -356,16 +363,35 @@ Made createNameless(const QString& inSource, const QString& inTarget, bool inLoo
     }
     bool ok = copyInto(in, st, out, outStamp);
     if (ok)
-    {
-        const QByteArray self = "/proc/self/fd/" + QByteArray::number(out);
-        ok = ::linkat(AT_FDCWD, self.constData(), AT_FDCWD, target.constData(), AT_SYMLINK_FOLLOW) == 0;
-    }
+        ok = linkFd(out, target);
     const int why = errno;
     ::close(out);
     errno = why;
     // Something appeared there meanwhile: it is left as it is.
     return ok ? Made::Created : why == EEXIST ? Made::Existed : Made::Failed;
 }
+}
+
+bool File::linkNameless(int inFd, const QString& inTarget, bool inReplace)
+{
+    const QByteArray target = QFile::encodeName(inTarget);
+    bool ok = linkFd(inFd, target);
+    if (!ok && errno == EEXIST && inReplace)
+    {
+        // A second name first, then rename(2), which replaces the old file in one step.
+        const QByteArray temp = QFile::encodeName(temporaryPathBeside(inTarget));
+        ok = linkFd(inFd, temp) && ::rename(temp.constData(), target.constData()) == 0;
+        if (!ok)
+        {
+            const int why = errno;
+            ::unlink(temp.constData());
+            errno = why;
+        }
+    }
+    const int why = errno;
+    ::close(inFd);
+    errno = why;
+    return ok;
 }
 
 McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool& outExisted, FileStamp* outStamp)

@@ -70,6 +70,10 @@ public:
     // descriptor; false for anything else.
     static bool stampOf(const QString& inPath, FileStamp& outStamp);
     static bool stampOf(int inFd, FileStamp& outStamp);
+    // Gives an open file without a name (O_TMPFILE) the name inTarget, and closes it. Something
+    // already there is replaced in one step when inReplace is set, else it stays and the call
+    // fails with errno EEXIST.
+    static bool linkNameless(int inFd, const QString& inTarget, bool inReplace);
     // A temporary file name in the same folder as inPath (not created).
     static QString temporaryPathBeside(const QString& inPath);
 };
