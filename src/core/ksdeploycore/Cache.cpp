@@ -271,13 +271,12 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     // Without a name, if the file system allows: it is named once checked, without a rename.
     QxDownload::Request second = requestFor(inUrl, QxBase::File::temporaryPathBeside(inDestination), check);
     second.flags |= QxDownload::FlagNameless;
-    QxDownload* download = QxDownload::createInstance();
     bool secondDone = false;
     Outcome packed;
     if (packedMissingAt(folder))
     {
         traceStart(first);
-        download->downloadPair(first, second);
+        QxDownload::createInstance()->downloadPair(first, second);
         packed = traceEnd(first);
         secondDone = second.result != QxDownload::ResultDropped;
     }

@@ -165,9 +165,8 @@ void sinkOpen(Sink& inoutSink)
 {
     if (inoutSink.nameless)
     {
-        const int slash = inoutSink.path.lastIndexOf('/');
-        const QByteArray folder = slash < 0 ? QByteArray(".") : slash == 0 ? QByteArray("/") : inoutSink.path.left(slash);
-        const int fd = ::open(folder.constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+        bool unsupported = false;
+        const int fd = QxBase::File::openNameless(QFile::decodeName(inoutSink.path), unsupported);
         // Without nameless files here, the named path serves.
         if (fd >= 0)
         {
@@ -179,7 +178,7 @@ void sinkOpen(Sink& inoutSink)
             inoutSink.openFailed = !inoutSink.file;
             return;
         }
-        if (errno != EOPNOTSUPP && errno != EISDIR)
+        if (!unsupported)
         {
             inoutSink.openFailed = true;
             return;
@@ -235,7 +234,6 @@ struct Transfer
     Sink sink{nullptr, QByteArray(), nullptr};
     std::unique_ptr<StreamHasher> md5;
     QByteArray url;
-    bool inPlace = false;
     char errorText[CURL_ERROR_SIZE] = {0};
     CURLcode rc = CURLE_OK;
     bool done = false;
@@ -248,8 +246,7 @@ void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffe
     inoutT.timer.start();
     inoutT.request = &inoutRequest;
     inoutT.curl = inCurl;
-    inoutT.inPlace = inoutRequest.flags & QxDownload::FlagInPlace;
-    const QString temp = inoutT.inPlace ? inoutRequest.destination : QxBase::File::temporaryPathBeside(inoutRequest.destination);
+    const QString temp = inoutRequest.flags & QxDownload::FlagInPlace ? inoutRequest.destination : QxBase::File::temporaryPathBeside(inoutRequest.destination);
     if (inoutBuffer.empty())
         inoutBuffer.resize(1 << 20);
     inoutT.url = inoutRequest.url.toUtf8();
@@ -341,7 +338,7 @@ void transferFinish(Transfer& inoutT)
         created = false;
     }
     // rename(2) replaces the destination in one step.
-    else if (kept && !inoutT.inPlace && ::rename(sink.path.constData(), QFile::encodeName(r.destination).constData()) != 0)
+    else if (kept && !(r.flags & QxDownload::FlagInPlace) && ::rename(sink.path.constData(), QFile::encodeName(r.destination).constData()) != 0)
     {
         r.error = QStringLiteral("cannot write '%1'").arg(r.destination);
         result = QxDownload::ResultWriteError;
@@ -443,7 +440,7 @@ int QxDownload::download(const QString& inUrl, const QString& inDestination, int
     request.url = inUrl;
     request.destination = inDestination;
     request.flags = inFlags & ~FlagNameless; // nobody here to take the file
-    request.ms = inoutMs && *inoutMs > 0 ? *inoutMs : 60000;
+    request.ms = inoutMs ? *inoutMs : 0; // no limit given: the default one
     download(request);
     if (inoutMs)
         *inoutMs = request.ms;

@@ -29,10 +29,11 @@ public:
         FlagInPlace = 1,
         // The MD5 of the body is computed as it arrives (lastMd5), so nobody reads it again.
         FlagDigest = 2,
-        // With FlagInPlace, for requests (not the plain download call): the body goes into a file without a name in the
-        // destination's folder, handed back open in Request::file for the caller to name
-        // (QxBase::File::linkNameless) once it is found good. Where the file system has no such
-        // files, the destination is written in place and Request::file stays -1.
+        // With FlagInPlace, for requests (not the plain download call): the body goes into a
+        // file without a name in the destination's folder, handed back open in Request::file
+        // for the caller to name (QxBase::File::linkNameless) once it is found good. Where the
+        // file system has no such files, the destination is written in place and
+        // Request::file stays -1.
         FlagNameless = 4,
     };
 

@@ -353,13 +353,14 @@ Made createNameless(const QString& inSource, const QString& inTarget, bool inLoo
     const int in = openSource(inSource, st);
     if (in < 0)
         return Made::NoSource;
-    const int out = ::open(QFile::encodeName(folderOf(inTarget)).constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+    bool unsupported = false;
+    const int out = File::openNameless(inTarget, unsupported);
     if (out < 0)
     {
         const int why = errno;
         ::close(in);
         errno = why;
-        return why == EOPNOTSUPP || why == EISDIR ? Made::NoNamelessFiles : Made::NoFolder;
+        return unsupported ? Made::NoNamelessFiles : Made::NoFolder;
     }
     bool ok = copyInto(in, st, out, outStamp);
     if (ok)
@@ -370,6 +371,13 @@ Made createNameless(const QString& inSource, const QString& inTarget, bool inLoo
     // Something appeared there meanwhile: it is left as it is.
     return ok ? Made::Created : why == EEXIST ? Made::Existed : Made::Failed;
 }
+}
+
+int File::openNameless(const QString& inTarget, bool& outUnsupported)
+{
+    const int fd = ::open(QFile::encodeName(folderOf(inTarget)).constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+    outUnsupported = fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR);
+    return fd;
 }
 
 bool File::linkNameless(int inFd, const QString& inTarget, bool inReplace)

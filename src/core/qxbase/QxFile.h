@@ -70,6 +70,9 @@ public:
     // descriptor; false for anything else.
     static bool stampOf(const QString& inPath, FileStamp& outStamp);
     static bool stampOf(int inFd, FileStamp& outStamp);
+    // Opens a writable file without a name (O_TMPFILE) in inTarget's folder; -1 with errno set
+    // on failure, and outUnsupported set when the file system has no such files at all.
+    static int openNameless(const QString& inTarget, bool& outUnsupported);
     // Gives an open file without a name (O_TMPFILE) the name inTarget, and closes it. Something
     // already there is replaced in one step when inReplace is set, else it stays and the call
     // fails with errno EEXIST.
