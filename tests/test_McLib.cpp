@@ -1,4 +1,5 @@
 // Base library: results, handles, arrays, MD5 and contract reports.
+#include <cerrno>
 #include "KsTestSupport.h"
 #include "mclib.h"
 
@@ -78,6 +79,33 @@ TEST(McResultTest, CheckMacroReportsConditionLocationAndMessage)
     EXPECT_EQ("cyclic x", failures.failures()[0].message);
     EXPECT_EQ("cond[maxLoop--]", failures.failures()[0].condition);
     EXPECT_EQ("test_McLib:{anonymous}::checkedStep", failures.failures()[0].location);
+}
+
+TEST(McResultTest, DetailLineCarriesTheSystemReasonAndSurvivesChaining)
+{
+    KsTest::FailureRecorder failures;
+    int detailsBuilt = 0;
+    const auto detail = [&](int inErr) {
+        ++detailsBuilt;
+        return McLib::osDetail("/opt/app/bin", inErr);
+    };
+    McResult ok;
+    errno = 0;
+    EXPECT_FALSE(MC_CHECK_DETAIL(ok, true, "Internal Error", detail(errno)));
+    EXPECT_EQ(0, detailsBuilt); // nothing is formatted on the good path
+
+    McResult bad;
+    errno = EACCES;
+    EXPECT_TRUE(MC_CHECK_DETAIL(bad, errno == 0, "Internal Error", detail(errno)));
+    ASSERT_EQ(1u, failures.failures().size());
+    EXPECT_EQ("Internal Error", failures.failures()[0].message);
+    EXPECT_EQ("cond[errno == 0]", failures.failures()[0].condition);
+    EXPECT_EQ("/opt/app/bin: Permission denied", failures.failures()[0].detail);
+
+    McResult outer;
+    outer << bad;
+    EXPECT_STREQ("/opt/app/bin: Permission denied", outer.detail());
+    EXPECT_STREQ("", McLib::detailTaken().c_str()); // the slot is empty again
 }
 
 TEST(McHandleTest, CountsFollowCopiesAssignmentsAndSelfAssignment)

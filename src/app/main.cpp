@@ -25,6 +25,8 @@ bool printFailure(const McResult& inResult)
     // Progress lines written before the failure come first when both streams share one file.
     std::fflush(stdout);
     std::fprintf(stderr, "error: %s\n", inResult.text());
+    if (*inResult.detail())
+        std::fprintf(stderr, "  %s\n", inResult.detail());
     if (*inResult.condition())
         std::fprintf(stderr, "  %s at %s:%d\n", inResult.condition(), inResult.location(), inResult.line());
     std::fflush(stderr);

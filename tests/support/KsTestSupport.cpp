@@ -20,7 +20,7 @@ void onContract(DbCEventType inType, const char* inCondition, const char* inFile
 
 bool onFailure(const McResult& inResult)
 {
-    sFailures.push_back({inResult.text(), inResult.condition(), inResult.location()});
+    sFailures.push_back({inResult.text(), inResult.condition(), inResult.location(), inResult.detail()});
     return true;
 }
 

@@ -37,6 +37,7 @@ struct Failure
     std::string message;
     std::string condition;
     std::string location;
+    std::string detail;
 };
 
 // Captures failures reported through Ks::fail while alive.

@@ -31,6 +31,12 @@ McResult::McResult(Code inCode, const char* inMessage, const char* inCondition)
 {
 }
 
+McResult& McResult::detailSet(const std::string& inDetail)
+{
+    mDetail = inDetail;
+    return *this;
+}
+
 McResult& McResult::makeBad(unsigned int inCode)
 {
     if (mCode == CodeOk)
@@ -50,6 +56,7 @@ McResult& McResult::operator<<(const McResult& inOther)
         mLocation = inOther.mLocation;
         mMessage = inOther.mMessage;
         mCondition = inOther.mCondition;
+        mDetail = inOther.mDetail;
         if (mCode == CodeOk)
             mCode = CodeFail;
     }
@@ -103,6 +110,7 @@ bool Ks::failWin(const McResult& inResult)
         message += ")";
     }
     McResult withError(inResult.code(), inResult.line(), inResult.location(), message.c_str(), inResult.condition());
+    withError.detailSet(inResult.detail());
     McResult::notifyAll(withError);
     return true;
 }
@@ -187,12 +195,13 @@ std::string McLib::location(const char* inFile, const char* inPrettyFunction)
 
 bool McLib::checkStep(McResult& inoutResult, bool inCondition, int inLine, const char* inFile,
                       const char* inPrettyFunction, const std::string& inMessage, const char* inConditionText,
-                      bool inWin)
+                      bool inWin, const std::string& inDetail)
 {
     if (inCondition)
         return false;
     const std::string loc = location(inFile, inPrettyFunction);
-    const McResult failure(McResult::CodeFailMessage, inLine, loc.c_str(), inMessage.c_str(), inConditionText);
+    McResult failure(McResult::CodeFailMessage, inLine, loc.c_str(), inMessage.c_str(), inConditionText);
+    failure.detailSet(inDetail);
     const bool failed = inWin ? Ks::failWin(failure) : Ks::fail(failure);
     if (failed)
     {
@@ -201,4 +210,27 @@ bool McLib::checkStep(McResult& inoutResult, bool inCondition, int inLine, const
         inoutResult.makeBad(1);
     }
     return failed;
+}
+
+std::string McLib::osDetail(const std::string& inPath, int inErrno)
+{
+    return inPath + ": " + std::strerror(inErrno);
+}
+
+namespace
+{
+// One slot per thread: MC_CHECK_DETAIL fills it and empties it within one expression.
+thread_local std::string tDetail;
+}
+
+void McLib::detailKeep(const std::string& inDetail)
+{
+    tDetail = inDetail;
+}
+
+std::string McLib::detailTaken()
+{
+    std::string d;
+    d.swap(tDetail);
+    return d;
 }

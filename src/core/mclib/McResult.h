@@ -24,6 +24,10 @@ public:
     const char* condition() const { return mCondition.c_str(); }
     const char* location() const { return mLocation.c_str(); }
     int line() const { return mLine; }
+    // Our own line under the message: the path concerned and the system's reason
+    // ("/opt/app/bin: Permission denied"); empty when there is nothing to add.
+    const char* detail() const { return mDetail.c_str(); }
+    McResult& detailSet(const std::string& inDetail);
 
     McResult& makeBad(unsigned int inCode);
 
@@ -41,6 +45,7 @@ private:
     std::string mLocation;
     std::string mMessage;
     std::string mCondition;
+    std::string mDetail;
 };
 
 namespace Ks
@@ -64,7 +69,17 @@ std::string fileBaseName(const char* inFile);
 // Returns true when the condition failed.
 bool checkStep(McResult& inoutResult, bool inCondition, int inLine, const char* inFile,
                const char* inPrettyFunction, const std::string& inMessage, const char* inConditionText,
-               bool inWin = false);
+               bool inWin = false, const std::string& inDetail = std::string());
+// "<path>: <reason of inErrno>", the detail line of a failed file-system call.
+std::string osDetail(const std::string& inPath, int inErrno);
+}
+
+namespace McLib
+{
+// Helpers of MC_CHECK_DETAIL: the detail is computed first (it may read errno) and kept aside
+// until the failure is built.
+void detailKeep(const std::string& inDetail);
+std::string detailTaken();
 }
 
 inline std::string mcMessageText(const char* inText) { return inText ? std::string(inText) : std::string(); }
@@ -85,6 +100,15 @@ inline std::string mcMessageText(const std::string& inText) { return inText; }
 #define MC_CHECK_WIN(RESULT, COND, MESSAGE)                                                              \
     ::McLib::checkStep((RESULT), static_cast<bool>(COND), __LINE__, __FILE__, __PRETTY_FUNCTION__,       \
                        mcMessageText(MESSAGE), "cond[" #COND "]", true)
+
+// Same, with a detail line (see McResult::detail). DETAIL is evaluated only when COND failed, and
+// before anything else runs, so it may read errno.
+#define MC_CHECK_DETAIL(RESULT, COND, MESSAGE, DETAIL)                                                   \
+    (static_cast<bool>(COND)                                                                             \
+         ? false                                                                                         \
+         : (::McLib::detailKeep(DETAIL),                                                                 \
+            ::McLib::checkStep((RESULT), false, __LINE__, __FILE__, __PRETTY_FUNCTION__,                 \
+                               mcMessageText(MESSAGE), "cond[" #COND "]", false, ::McLib::detailTaken())))
 
 // A code-2 failure result for COND without reporting it (for callers that chain it).
 #define MC_FAILURE(COND_TEXT, MESSAGE)                                                                   \
