@@ -45,18 +45,26 @@ class KsTestCase(unittest.TestCase):
         self.env.pop("HTTP_PROXY", None)
 
     def tearDown(self):
-        failed = False
-        outcome = getattr(self, "_outcome", None)
-        if outcome is not None:
-            result = getattr(outcome, "result", None)
-            errors = list(getattr(result, "errors", [])) + list(getattr(result, "failures", []))
-            failed = any(test is self for test, _ in errors)
-            if hasattr(outcome, "errors"):  # Python < 3.11
-                failed = failed or any(exc for _, exc in outcome.errors)
-        if failed:
+        if self._failed_so_far():
             sys.stderr.write("\nkept work folder: %s\n" % self.work)
         else:
             shutil.rmtree(self.work, ignore_errors=True)
+
+    def _failed_so_far(self):
+        """True when this test (or one of its subTest blocks) has already failed.
+
+        From Python 3.11 on, unittest reports a failure to the result as soon as it happens:
+        the test itself for a plain failure, a _SubTest whose test_case is this test for a
+        failure inside subTest. Older versions collect them in _Outcome.errors until the end.
+        """
+        outcome = getattr(self, "_outcome", None)
+        if outcome is None:
+            return False
+        result = getattr(outcome, "result", None)
+        reported = list(getattr(result, "errors", [])) + list(getattr(result, "failures", []))
+        if any(test is self or getattr(test, "test_case", None) is self for test, _ in reported):
+            return True
+        return any(exc for _, exc in getattr(outcome, "errors", []))  # Python < 3.11
 
     def path(self, *parts):
         return os.path.join(self.work, *parts)
