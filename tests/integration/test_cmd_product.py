@@ -47,6 +47,13 @@ class ProductTest(ksharness.KsTestCase):
                 with open(path, "rb") as src, open(dest, "wb") as f:
                     f.write(src.read())
 
+    def use_own_cache(self, name):
+        """Runs from now on get an empty default cache of their own; returns its path."""
+        tmp = self.path("tmp-" + name)
+        os.makedirs(tmp)
+        self.env["TMPDIR"] = tmp
+        return os.path.join(tmp, "Kestra Imaging", "Auto Update", "Cache")
+
     def product(self, action, *extra):
         return self.run_ks("--load", "file=product.xml", "--config", "TARGET=" + self.target,
                            "--product", "action=" + action, *extra)
@@ -78,8 +85,12 @@ class ProductTest(ksharness.KsTestCase):
                 for n in os.listdir(self.items):
                     os.remove(os.path.join(self.items, n))
                 self.publish_with_standard_tools(compress)
+                # A cache of its own: with the plain round's items still cached, the .lzma
+                # round would download (and decode) nothing.
+                cache = self.use_own_cache("lzma" if compress else "plain")
                 self.assertOk(self.install())
                 self.assertInstalled()
+                self.assertEqual(sorted(md5(data) for data in FILES.values()), sorted(os.listdir(cache)))
                 self.assertOk(self.product("verify"))
 
                 self.write("target/lib/data.bin", b"damaged")
