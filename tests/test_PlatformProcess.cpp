@@ -1,4 +1,4 @@
-// Programs started by the platform layer: held until resumed, detached from us.
+// Programs started by the platform layer: held until resumed, detached from us or waited for.
 #include "Process.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <csignal>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -102,4 +103,45 @@ TEST(PlatformProcess, ProgramsThatCannotRunAreReported)
     Process badDir;
     s = badDir.start(start, false);
     EXPECT_EQ(ENOENT, s.code) << s.text;
+}
+
+TEST(PlatformProcess, AnAttachedProgramIsOurChildAndReportsHowItEnded)
+{
+    const std::string dir = scratch();
+    ProcessStart start;
+    start.program = "/bin/sh";
+    start.arguments = {"-c", "cat go > out; exit 7"};
+    start.workingDirectory = dir;
+    start.detached = false;
+    Process held;
+    ASSERT_TRUE(held.start(start, true).isOk());
+    EXPECT_EQ(static_cast<long long>(getpid()), parentOf(held.processId()));
+    std::ofstream(dir + "/go") << "resumed\n";
+    int code = -1;
+    ASSERT_TRUE(held.waitForExit(code).isOk());  // resumes the held program first
+    EXPECT_EQ(7, code);
+    EXPECT_EQ("resumed\n", fileText(dir + "/out"));
+    EXPECT_FALSE(held.isRunning());
+    EXPECT_TRUE(held.waitForExit(code).isBad());  // reaped once only
+
+    start.arguments = {"-c", "kill -TERM $$"};
+    Process killed;
+    ASSERT_TRUE(killed.start(start, false).isOk());
+    ASSERT_TRUE(killed.waitForExit(code).isOk());
+    EXPECT_EQ(128 + SIGTERM, code);
+
+    // An attached program whose exec fails is reported and reaped, not left a zombie.
+    start.program = dir + "/garbage";
+    std::ofstream(start.program) << "\x7f" "ELF garbage";
+    chmod(start.program.c_str(), 0755);
+    Process failing;
+    EXPECT_EQ(ENOEXEC, failing.start(start, false).code);
+    EXPECT_FALSE(std::ifstream("/proc/" + std::to_string(failing.processId()) + "/stat").good());
+
+    // Only an attached program can be waited for.
+    start.program = "/bin/true";
+    start.detached = true;
+    Process detached;
+    ASSERT_TRUE(detached.start(start, false).isOk());
+    EXPECT_TRUE(detached.waitForExit(code).isBad());
 }

@@ -1,7 +1,8 @@
 #pragma once
-// Starting a program that runs on its own, Qt-free. It can be held before it starts until
-// resume(), so that a caller may finish its own work (or let go of files) first. The program
-// outlives this object and the caller; the caller never has to wait for it.
+// Starting a program, Qt-free; the one place that forks and executes programs. It can be held
+// before it starts until resume(), so that a caller may finish its own work (or let go of files)
+// first. A detached program (the default) outlives this object and the caller, which never has
+// to wait for it; an attached one is our child, and the caller waits for its exit status.
 #include "PlatformStatus.h"
 
 #include <string>
@@ -16,6 +17,7 @@ struct ProcessStart
     std::string workingDirectory;          // empty: the caller's
     std::vector<std::string> environment;  // "KEY=value"; empty: the caller's environment
     bool newSession = true;                // leave the caller's session and terminal
+    bool detached = true;                  // false: our child, to be waited for with waitForExit()
 };
 
 class Process
@@ -38,14 +40,20 @@ public:
     long long processId() const { return mPid; }
     // True until the program has ended (a held program counts as running).
     bool isRunning() const;
+    // Attached programs only: waits until the program has ended (a held one is resumed first).
+    // outExitCode is its exit status, or 128 plus the signal that ended it.
+    Status waitForExit(int& outExitCode);
 
 private:
     Status waitForExec();
+    void reap(int& outStatus);
 
     long long mPid = -1;
     unsigned long long mStartTime = 0;  // tells our program from a later one with the same id
     int mGate = -1;                     // written (or closed) to let a held program start
     int mReport = -1;                   // receives errno when the exec fails; closed by the exec
+    bool mDetached = true;
+    bool mReaped = false;
     std::string mProgram;
 };
 }

@@ -1,5 +1,6 @@
-// Process start on Linux: fork twice so that the program is not our child (it outlives us and
-// never becomes our zombie); a held program blocks on a pipe before execve.
+// Process start on Linux: a detached program is forked twice so that it is not our child (it
+// outlives us and never becomes our zombie); an attached one is forked once and waited for.
+// A held program blocks on a pipe before execve.
 #include "Process.h"
 
 #include <cerrno>
@@ -69,6 +70,29 @@ void closeFd(int& inoutFd)
         close(inoutFd);
     inoutFd = -1;
 }
+
+// The last steps in the process that becomes the program: async-signal-safe calls only.
+[[noreturn]] void becomeProgram(int inGate, int inReport, const char* inCwd, char* const* inArgv, char* const* inEnv)
+{
+    if (inGate >= 0)
+    {
+        char c;
+        while (read(inGate, &c, 1) < 0 && errno == EINTR)
+        {
+        }
+        close(inGate);
+    }
+    if (inCwd && chdir(inCwd) != 0)
+    {
+        const int e = errno;
+        (void)!write(inReport, &e, sizeof(e));
+        _exit(127);
+    }
+    execve(inArgv[0], inArgv, inEnv);
+    const int e = errno;
+    (void)!write(inReport, &e, sizeof(e));
+    _exit(127);
+}
 }
 
 Process::Process() = default;
@@ -78,6 +102,9 @@ Process::~Process()
     if (mGate >= 0)
         resume();
     closeFd(mReport);
+    // An attached program that has ended is reaped; one still running stays our child.
+    if (!mDetached && !mReaped && mPid > 0)
+        waitpid(static_cast<pid_t>(mPid), nullptr, WNOHANG);
 }
 
 Status Process::start(const ProcessStart& inStart, bool inHeld)
@@ -99,6 +126,7 @@ Status Process::start(const ProcessStart& inStart, bool inHeld)
     char** const useEnv = inStart.environment.empty() ? environ : envp.data();
     const char* const cwd = inStart.workingDirectory.empty() ? nullptr : inStart.workingDirectory.c_str();
     const bool newSession = inStart.newSession;
+    const bool detached = inStart.detached;
 
     int gate[2] = {-1, -1};
     int report[2] = {-1, -1};
@@ -121,32 +149,18 @@ Status Process::start(const ProcessStart& inStart, bool inHeld)
             close(gate[1]);
         if (newSession)
             setsid();
-        const pid_t grandchild = fork();
-        if (grandchild != 0)
+        if (detached)
         {
-            const long long id = grandchild;
-            (void)!write(pidPipe[1], &id, sizeof(id));
-            _exit(grandchild > 0 ? 0 : 127);
+            const pid_t grandchild = fork();
+            if (grandchild != 0)
+            {
+                const long long id = grandchild;
+                (void)!write(pidPipe[1], &id, sizeof(id));
+                _exit(grandchild > 0 ? 0 : 127);
+            }
         }
         close(pidPipe[1]);
-        if (gate[0] >= 0)
-        {
-            char c;
-            while (read(gate[0], &c, 1) < 0 && errno == EINTR)
-            {
-            }
-            close(gate[0]);
-        }
-        if (cwd && chdir(cwd) != 0)
-        {
-            const int e = errno;
-            (void)!write(report[1], &e, sizeof(e));
-            _exit(127);
-        }
-        execve(argv[0], argv.data(), useEnv);
-        const int e = errno;
-        (void)!write(report[1], &e, sizeof(e));
-        _exit(127);
+        becomeProgram(gate[0], report[1], cwd, argv.data(), useEnv);
     }
     const int forkErrno = errno;
     close(pidPipe[1]);
@@ -161,15 +175,21 @@ Status Process::start(const ProcessStart& inStart, bool inHeld)
             close(gate[1]);
         return Status::bad(forkErrno, std::string("cannot start '") + mProgram + "': " + std::strerror(forkErrno));
     }
-    long long id = -1;
-    const ssize_t n = readFull(pidPipe[0], &id, sizeof(id));
-    close(pidPipe[0]);
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+    long long id = child;
+    ssize_t n = static_cast<ssize_t>(sizeof(id));
+    if (detached)
     {
+        // The intermediate child reports the program's id and ends at once.
+        n = readFull(pidPipe[0], &id, sizeof(id));
+        int status = 0;
+        while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+        {
+        }
     }
+    close(pidPipe[0]);
     mGate = gate[1];
     mReport = report[0];
+    mDetached = detached;
     if (n != static_cast<ssize_t>(sizeof(id)) || id <= 0)
     {
         closeFd(mGate);
@@ -200,8 +220,40 @@ Status Process::waitForExec()
     int childErrno = 0;
     const ssize_t n = mReport >= 0 ? readFull(mReport, &childErrno, sizeof(childErrno)) : 0;
     closeFd(mReport);
-    if (n == static_cast<ssize_t>(sizeof(childErrno)))
-        return Status::bad(childErrno, "cannot start '" + mProgram + "': " + std::strerror(childErrno));
+    if (n != static_cast<ssize_t>(sizeof(childErrno)))
+        return Status::ok();
+    if (!mDetached)
+    {
+        // Our own child has already ended with 127: it is reaped here, not left a zombie.
+        int status = 0;
+        reap(status);
+    }
+    return Status::bad(childErrno, "cannot start '" + mProgram + "': " + std::strerror(childErrno));
+}
+
+void Process::reap(int& outStatus)
+{
+    outStatus = 0;
+    while (waitpid(static_cast<pid_t>(mPid), &outStatus, 0) < 0 && errno == EINTR)
+    {
+    }
+    mReaped = true;
+}
+
+Status Process::waitForExit(int& outExitCode)
+{
+    outExitCode = -1;
+    if (mPid <= 0 || mDetached || mReaped)
+        return Status::bad(EINVAL, "'" + mProgram + "' is not a started program of ours to wait for");
+    if (mGate >= 0)
+    {
+        const Status resumed = resume();
+        if (resumed.isBad())
+            return resumed;
+    }
+    int status = 0;
+    reap(status);
+    outExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     return Status::ok();
 }
 

@@ -1,37 +1,28 @@
+// QxBase::Process is the Qt face of the platform launcher: it adds the QString interface, the
+// engine's messages and the wait for an exit status; the fork and exec happen in KsPlatform::Process.
 #include "QxProcess.h"
 
-#include <QDir>
+#include "Process.h"
+
 #include <QFileInfo>
 
-#include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <string>
 #include <vector>
-
-extern char** environ;
 
 namespace QxBase
 {
 struct Process::Private
 {
-    pid_t pid = -1;
-    int gateWrite = -1; // the held child starts the program when this pipe is written or closed
+    KsPlatform::Process process;
 };
 
 Process::Process() : d(new Private) {}
 
-Process::~Process()
-{
-    // Never leave a held program waiting forever: letting go means letting it run.
-    if (d->gateWrite >= 0)
-        resume();
-}
+// A held program is let go by the platform process: it never waits forever for us.
+Process::~Process() = default;
 
-long long Process::processId() const { return d->pid; }
+long long Process::processId() const { return d->process.processId(); }
 
 namespace
 {
@@ -44,13 +35,10 @@ std::vector<std::string> toStrings(const QStringList& inList)
     return out;
 }
 
-std::vector<char*> toArgv(std::vector<std::string>& inStrings)
+QString startFailure(const QString& inProgram, const KsPlatform::Status& inStatus)
 {
-    std::vector<char*> out;
-    for (std::string& s : inStrings)
-        out.push_back(s.data());
-    out.push_back(nullptr);
-    return out;
+    return QStringLiteral("failed to start '%1': %2")
+        .arg(inProgram, QString::fromLocal8Bit(std::strerror(static_cast<int>(inStatus.code))));
 }
 }
 
@@ -62,129 +50,36 @@ McResult Process::start(bool inRunAtOnce, bool inNewSession, bool inWait)
                  QStringLiteral("not an executable file: '%1'").arg(mProgram)))
         return retVal;
 
-    // Everything the child needs is prepared before fork: only async-signal-safe calls after it.
-    std::vector<std::string> args = toStrings(QStringList(mProgram) + mArguments);
-    std::vector<char*> argv = toArgv(args);
-    std::vector<std::string> env = toStrings(mEnvironment);
-    std::vector<char*> envp = toArgv(env);
-    const std::string path = mProgram.toLocal8Bit().toStdString();
-    const std::string cwd = mWorkingDirectory.toLocal8Bit().toStdString();
-
-    int gate[2] = {-1, -1};
-    if (!inRunAtOnce && pipe2(gate, O_CLOEXEC) != 0)
-    {
-        MC_CHECK_WIN(retVal, false, "pipe");
+    KsPlatform::ProcessStart start;
+    start.program = mProgram.toLocal8Bit().toStdString();
+    start.arguments = toStrings(mArguments);
+    start.workingDirectory = mWorkingDirectory.toLocal8Bit().toStdString();
+    start.environment = toStrings(mEnvironment);
+    start.newSession = inNewSession;
+    // A program we wait for stays our child; any other outlives us.
+    start.detached = !inWait;
+    const KsPlatform::Status started = d->process.start(start, !inRunAtOnce && !inWait);
+    if (MC_CHECK(retVal, started.isOk(), startFailure(mProgram, started)))
         return retVal;
-    }
-    // Reports a failed exec back to the parent; closed by a successful exec.
-    int report[2] = {-1, -1};
-    if (pipe2(report, O_CLOEXEC) != 0)
-    {
-        MC_CHECK_WIN(retVal, false, "pipe");
-        return retVal;
-    }
-
-    const pid_t pid = fork();
-    if (pid == 0)
-    {
-        close(report[0]);
-        if (gate[1] >= 0)
-            close(gate[1]);
-        // A second fork detaches the program from us, so it outlives the engine and is never a zombie.
-        if (!inWait)
-        {
-            const pid_t grandchild = fork();
-            if (grandchild != 0)
-                _exit(grandchild > 0 ? 0 : 127);
-        }
-        if (inNewSession)
-            setsid();
-        if (gate[0] >= 0)
-        {
-            char c;
-            while (read(gate[0], &c, 1) < 0 && errno == EINTR)
-            {
-            }
-            close(gate[0]);
-        }
-        if (!cwd.empty() && chdir(cwd.c_str()) != 0)
-        {
-            const int e = errno;
-            (void)!write(report[1], &e, sizeof(e));
-            _exit(127);
-        }
-        execve(path.c_str(), argv.data(), env.empty() ? environ : envp.data());
-        const int e = errno;
-        (void)!write(report[1], &e, sizeof(e));
-        _exit(127);
-    }
-    close(report[1]);
-    if (gate[0] >= 0)
-        close(gate[0]);
-    if (pid < 0)
-    {
-        close(report[0]);
-        if (gate[1] >= 0)
-            close(gate[1]);
-        MC_CHECK_WIN(retVal, false, "fork");
-        return retVal;
-    }
-    d->pid = pid;
-    d->gateWrite = gate[1];
-
     if (!inWait)
-    {
-        // The intermediate child exits at once.
-        int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR)
-        {
-        }
-        d->pid = -1;
-    }
-    if (inRunAtOnce || inWait)
-    {
-        if (d->gateWrite >= 0)
-            resume();
-        int childErrno = 0;
-        ssize_t n;
-        while ((n = read(report[0], &childErrno, sizeof(childErrno))) < 0 && errno == EINTR)
-        {
-        }
-        close(report[0]);
-        if (MC_CHECK(retVal, n <= 0,
-                     QStringLiteral("failed to start '%1': %2").arg(mProgram, QString::fromLocal8Bit(std::strerror(childErrno)))))
-            return retVal;
-    }
-    else
-    {
-        // Held: the exec happens after resume(); its failure cannot be reported any more.
-        close(report[0]);
-    }
-    if (inWait && d->pid > 0)
-    {
-        int status = 0;
-        while (waitpid(d->pid, &status, 0) < 0 && errno == EINTR)
-        {
-        }
-        d->pid = -1;
-        MC_CHECK(retVal, WIFEXITED(status) && WEXITSTATUS(status) == 0,
-                 QStringLiteral("'%1' ended with status %2").arg(mProgram).arg(WIFEXITED(status) ? WEXITSTATUS(status) : -1));
-    }
+        return retVal;
+
+    int exitCode = -1;
+    const KsPlatform::Status ended = d->process.waitForExit(exitCode);
+    if (MC_CHECK(retVal, ended.isOk(), QString::fromLocal8Bit(ended.text.c_str())))
+        return retVal;
+    MC_CHECK(retVal, exitCode == 0, QStringLiteral("'%1' ended with status %2").arg(mProgram).arg(exitCode));
     return retVal;
 }
 
 McResult Process::resume()
 {
     McResult retVal;
-    if (MC_CHECK(retVal, d->gateWrite >= 0, "no held process to resume"))
+    if (MC_CHECK(retVal, d->process.isHeld(), "no held process to resume"))
         return retVal;
-    const char c = 'g';
-    ssize_t n;
-    while ((n = write(d->gateWrite, &c, 1)) < 0 && errno == EINTR)
-    {
-    }
-    close(d->gateWrite);
-    d->gateWrite = -1;
+    // The exec happens now: a program that cannot run is reported here.
+    const KsPlatform::Status resumed = d->process.resume();
+    MC_CHECK(retVal, resumed.isOk(), startFailure(mProgram, resumed));
     return retVal;
 }
 
