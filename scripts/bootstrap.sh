@@ -16,6 +16,8 @@ PACKAGES=(
   liblnk-utils desktop-file-utils
   clang-14 libclang-rt-14-dev
   xvfb
+  clang-format-14 clang-tidy-14 cppcheck
+  dpkg-dev lintian man-db groff-base
 )
 
 missing=()
