@@ -69,11 +69,11 @@ class KsTestCase(unittest.TestCase):
     def path(self, *parts):
         return os.path.join(self.work, *parts)
 
-    def run_ks(self, *args, stdin=None, env=None, timeout=300, cwd=None):
+    def run_ks(self, *args, stdin=None, env=None, timeout=300, cwd=None, binary=None):
         full_env = dict(self.env)
         if env:
             full_env.update(env)
-        proc = subprocess.run([BIN] + list(args), input=stdin, cwd=cwd or self.work, env=full_env,
+        proc = subprocess.run([binary or BIN] + list(args), input=stdin, cwd=cwd or self.work, env=full_env,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=timeout)
         return Result(proc)
 
