@@ -25,15 +25,18 @@ run() {
       export LSAN_OPTIONS="exitcode=23"
       export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
     fi
-    "$root/scripts/build.sh" "${extra[@]}"
-    cd "$build"
+    "$root/scripts/build.sh" "${extra[@]}" || exit 1
+    cd "$build" || exit 1
     ctest --output-on-failure -j2 --timeout 900
-  )
+  ) || exit 1
 }
 
 case "${1:-}" in
   --plain) run plain ;;
   --sanitize) run sanitize ;;
-  "") run plain && run sanitize ;;
+  "")
+    run plain
+    run sanitize
+    ;;
   *) echo "usage: scripts/test.sh [--plain | --sanitize]" >&2; exit 2 ;;
 esac
