@@ -45,14 +45,20 @@ bool displayAvailable()
 }
 
 // A command stream's lines are read as if they followed it on the command line.
-McResult expandStream(const McHandle<QxBase::Command>& inCommand, bool& outExpanded, QList<QString>& outArguments)
+// Its arguments are checked as they are read; a mistake is named by file and line.
+McResult expandStream(const McHandle<QxBase::Command>& inCommand, bool& outExpanded, QList<QString>& outArguments,
+                      QStringList& outOrigins)
 {
     outExpanded = false;
     auto* stream = dynamic_cast<KsDeploy::Command_commands*>(inCommand.ptr());
     if (!stream)
         return McResult();
     outExpanded = true;
-    return stream->getArguments(outArguments);
+    QList<int> lines;
+    const McResult retVal = stream->getArguments(outArguments, lines);
+    for (const int line : lines)
+        outOrigins.append(QStringLiteral("%1, line %2").arg(stream->streamPath()).arg(line));
+    return retVal;
 }
 }
 
