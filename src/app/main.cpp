@@ -7,6 +7,7 @@
 #include "Engine.h"
 #include "KsCommand.h"
 #include "QxCommand.h"
+#include "RegistryStore.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -91,6 +92,8 @@ int main(int argc, char** argv)
     McResult::notificationCallbackAdd(&printFailure);
     KsDeploy::Engine::instanceInit(environ);
     KsDeploy::Engine& engine = KsDeploy::Engine::instance();
+    // The library reads no environment key; the host chooses the registry store's file.
+    KsDeploy::RegistryStore::locationSet(engine.environmentLookup(QStringLiteral("KSDEPLOY_REGISTRY")));
 
     QxBase::CommandLine commandLine(&expandStream);
     const QxBase::CommandLine::Outcome outcome = commandLine.run(arguments);
