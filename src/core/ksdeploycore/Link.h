@@ -17,9 +17,14 @@ public:
     const QString& name() const { return mName; }
     const Resource& target() const { return *mTarget; }
     Resource* targetPtr() const { return mTarget.ptr(); }
+    // Where the link stands in its source's array, kept by the source (removal by target
+    // finds it without a scan).
+    int64_t position() const { return mPosition; }
+    void positionSet(int64_t inPosition) { mPosition = inPosition; }
 
 private:
     McHandle<Resource> mTarget;
     QString mName;
+    int64_t mPosition = -1;
 };
 }
