@@ -111,10 +111,8 @@ void Resource::uuidSet(const QUuid& inUuid)
 bool Resource::linksTo(const Resource& inTarget, const QString& inName) const
 {
     MC_REQUIRE(inTarget.refCount()>0);
-    auto it = mLinksByTarget.constFind(&inTarget);
-    if (it == mLinksByTarget.constEnd())
-        return false;
-    for (const Link* link : it.value())
+    for (const Link* link = inTarget.mIncoming.value(const_cast<Resource*>(this)); link;
+         link = link->nextToSameTarget())
         if (link->name() == inName)
             return true;
     return false;
@@ -127,10 +125,11 @@ void Resource::linkAdd(const Resource& inTarget, const QString& inName)
         return;
     McHandle<Link> link(new Link(inTarget, inName));
     link->positionSet(mLinks.size());
-    mLinksByTarget[&inTarget].push_back(link.ptr());
     mLinks.append(link);
     pathGenerationBump();
-    ++const_cast<Resource&>(inTarget).mIncoming[this];
+    Link*& first = const_cast<Resource&>(inTarget).mIncoming[this];
+    link->nextToSameTargetSet(first);
+    first = link.ptr();
 }
 
 void Resource::linksCompact() const
@@ -152,11 +151,29 @@ void Resource::linksCompact() const
 
 namespace
 {
-void dropIncoming(QHash<Resource*, int>& inIncoming, Resource* inSource)
+// Forgets one link of inSource in its target's list of incoming links.
+void dropIncoming(QHash<Resource*, Link*>& inIncoming, Resource* inSource, Link* inLink)
 {
     auto it = inIncoming.find(inSource);
-    if (it != inIncoming.end() && --it.value() <= 0)
-        inIncoming.erase(it);
+    if (it == inIncoming.end())
+        return;
+    if (it.value() == inLink)
+    {
+        if (Link* next = inLink->nextToSameTarget())
+            it.value() = next;
+        else
+            inIncoming.erase(it);
+    }
+    else
+    {
+        for (Link* each = it.value(); each->nextToSameTarget(); each = each->nextToSameTarget())
+            if (each->nextToSameTarget() == inLink)
+            {
+                each->nextToSameTargetSet(inLink->nextToSameTarget());
+                break;
+            }
+    }
+    inLink->nextToSameTargetSet(nullptr);
 }
 }
 
@@ -178,17 +195,8 @@ void Resource::linkRemoveIf(Predicate inRemove)
             kept.append(mLinks[i]);
             continue;
         }
-        Resource* t = link->targetPtr();
-        if (t)
-            dropIncoming(t->mIncoming, this);
-        auto byTarget = mLinksByTarget.find(t);
-        if (byTarget != mLinksByTarget.end())
-        {
-            std::vector<Link*>& v = byTarget.value();
-            v.erase(std::remove(v.begin(), v.end(), link), v.end());
-            if (v.empty())
-                mLinksByTarget.erase(byTarget);
-        }
+        if (Resource* t = link->targetPtr())
+            dropIncoming(t->mIncoming, this, link);
         removed.append(mLinks[i]);
     }
     if (removed.size() == 0)
@@ -211,22 +219,27 @@ void Resource::linkRemoveTo(const Resource* inTarget)
         linkRemoveIf([](const Link& inLink) { return inLink.targetPtr() != nullptr; });
         return;
     }
-    auto byTarget = mLinksByTarget.find(inTarget);
-    if (byTarget == mLinksByTarget.end())
+    QHash<Resource*, Link*>& incoming = const_cast<Resource*>(inTarget)->mIncoming;
+    auto mine = incoming.find(this);
+    if (mine == incoming.end())
         return;
     // Only the links to that target are touched: unlinking every target of a large resource
     // one by one stays linear. Their slots become holes until the next links().
     McDArray<McHandle<Link>> removed;
-    for (Link* link : byTarget.value())
+    Link* next = nullptr;
+    for (Link* link = mine.value(); link; link = next)
     {
+        next = link->nextToSameTarget();
+        link->nextToSameTargetSet(nullptr);
         const int64_t at = link->position();
         MC_ASSERT(at >= 0 && at < mLinks.size() && mLinks[at].ptr() == link);
+        if (at < 0 || at >= mLinks.size() || mLinks[at].ptr() != link)
+            continue;
         removed.append(mLinks[at]);
         mLinks[at] = McHandle<Link>();
         ++mLinkHoles;
-        dropIncoming(const_cast<Resource*>(inTarget)->mIncoming, this);
     }
-    mLinksByTarget.erase(byTarget);
+    incoming.erase(mine);
     pathGenerationBump();
     // Trailing holes go at once; the rest once they make up half of the array.
     while (mLinks.size() > 0 && mLinks.last().isNull())

@@ -120,14 +120,15 @@ private:
     // unlinking many targets one by one stays linear; links() squeezes them out.
     mutable McDArray<McHandle<Link>> mLinks;
     mutable int64_t mLinkHoles = 0;
-    // The links of each target: duplicate check and removal by target without a scan.
-    QHash<const Resource*, std::vector<Link*>> mLinksByTarget;
     QUuid mUuid;
     bool mAbsence = false;
     bool mDeleteOnUninstall = true;
 
-    // Who links to me, with the number of links each holds; kept by linkAdd and link removal.
-    QHash<Resource*, int> mIncoming;
+    // Who links to me, with the first of the links each holds to me (the others follow through
+    // Link::nextToSameTarget); kept by linkAdd and link removal. The duplicate check and removal
+    // by target use it instead of scanning the source's links. One pointer per source keeps
+    // this small: every resource of a large graph has such a table.
+    QHash<Resource*, Link*> mIncoming;
     int64_t mPoolPosition = -1;
 };
 
