@@ -85,10 +85,9 @@ int main(int argc, char** argv)
     const int count = argc > 1 ? std::atoi(argv[1]) : 10000;
     const std::string dir = KsBench::scratchDir("registry");
     const std::string store = dir + "/registry.sqlite";
-    std::string envEntry = "KSDEPLOY_REGISTRY=" + store;
-    char* env[] = {&envEntry[0], nullptr};
-    Engine::instanceInit(env);
+    Engine::instanceInit(nullptr);
     Engine::instance().quietSet(true);
+    RegistryStore::locationSet(QString::fromStdString(store));
     describe(count);
 
     double install = 1e9;

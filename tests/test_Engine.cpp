@@ -2,6 +2,7 @@
 #include "ConsoleProgress.h"
 #include "Engine.h"
 #include "KsTestSupport.h"
+#include "RegistryStore.h"
 
 #include <QDir>
 #include <QFile>
@@ -69,6 +70,20 @@ TEST(EngineLifeCycle, EnvironmentParsing)
     EXPECT_EQ(4, e.environment().size());
     EXPECT_EQ(2u, contracts.count("posEq>0"));
     EXPECT_EQ(1u, contracts.count("!sInstance->mListOfEnvVal.contains(key)"));
+    Engine::instanceTestReset();
+}
+
+// The environment serves the host; the registry store's file is what the host hands over.
+TEST(EngineLifeCycle, RegistryLocationComesFromTheHostNotTheEnvironment)
+{
+    initWith({"KSDEPLOY_REGISTRY=/elsewhere/registry.sqlite"});
+    const QString byDefault = KsDeploy::RegistryStore::location();
+    EXPECT_NE("/elsewhere/registry.sqlite", byDefault);
+    EXPECT_TRUE(byDefault.endsWith("/ksdeploy/registry.sqlite")) << byDefault.toStdString();
+    KsDeploy::RegistryStore::locationSet("/chosen/registry.sqlite");
+    EXPECT_EQ("/chosen/registry.sqlite", KsDeploy::RegistryStore::location());
+    KsDeploy::RegistryStore::locationSet(QString());
+    EXPECT_EQ(byDefault, KsDeploy::RegistryStore::location());
     Engine::instanceTestReset();
 }
 

@@ -1,5 +1,6 @@
 // Shortcut files of the platform layer: shell links and desktop entries, written and read back.
 #include "Shortcut.h"
+#include "../fuzz/FuzzPlatformChecks.h"
 
 #include <gtest/gtest.h>
 
@@ -23,6 +24,43 @@ std::uint32_t u32(const std::string& inBytes, size_t at)
         v = (v << 8) | static_cast<unsigned char>(inBytes[at + i]);
     return v;
 }
+
+// The fuzz inputs of one decoder: its seeds and every finding kept, as (name, bytes).
+std::vector<std::pair<std::string, std::string>> fuzzInputs(const std::string& inTarget)
+{
+    std::vector<std::pair<std::string, std::string>> inputs;
+    for (const char* kind : {"corpus", "regressions"})
+    {
+        const std::string folder = std::string(KSDEPLOY_SOURCE_DIR "/fuzz/") + kind + "/" + inTarget;
+        DIR* dir = ::opendir(folder.c_str());
+        if (!dir)
+            continue;
+        while (const dirent* entry = ::readdir(dir))
+        {
+            const std::string path = folder + "/" + entry->d_name;
+            struct stat info;
+            if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+                continue;
+            std::ifstream in(path, std::ios::binary);
+            inputs.emplace_back(path, std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
+        }
+        ::closedir(dir);
+    }
+    return inputs;
+}
+}
+
+// Every seed and every finding of the decoders' fuzz targets passes their checks.
+TEST(PlatformShortcut, FuzzInputsOfBothDecodersPass)
+{
+    const auto links = fuzzInputs("shell_link");
+    const auto entries = fuzzInputs("desktop_entry");
+    ASSERT_FALSE(links.empty());
+    ASSERT_FALSE(entries.empty());
+    for (const auto& input : links)
+        EXPECT_EQ("", KsFuzz::checkShellLink(input.second)) << input.first;
+    for (const auto& input : entries)
+        EXPECT_EQ("", KsFuzz::checkDesktopEntry(input.second)) << input.first;
 }
 
 TEST(PlatformShortcut, ShellLinkHasThePublishedLayoutAndReadsBack)

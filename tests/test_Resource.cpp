@@ -48,6 +48,68 @@ TEST_F(ResourceTest, LinksAreUniquePerTargetAndName)
     EXPECT_EQ(0, incoming.size());
 }
 
+// Many links on one resource, unlinked target by target as the pool does: the survivors keep
+// the order they were added in, counts and duplicate checks stay right across the holes.
+TEST_F(ResourceTest, ManyLinksKeepTheirOrderThroughUnlinking)
+{
+    KsTest::ContractRecorder contracts;
+    McHandle<ResourceProduct> product(new ResourceProduct);
+    std::vector<McHandle<ResourceFileEntry>> files;
+    const int count = 3000;
+    for (int i = 0; i < count; ++i)
+    {
+        files.emplace_back(new ResourceFileEntry);
+        files.back()->nameSet(QString::number(i));
+        product->linkAdd(*files.back(), "Application");
+        if (i % 10 == 0)
+            product->linkAdd(*files.back(), "Extra");
+    }
+    product->linkAdd(*files[5], "Application");  // a duplicate is no new link
+    ASSERT_EQ(unsigned(count + count / 10), product->linkCount());
+
+    // Unlink two of every three targets, as unregistering them does: from the front, so that the
+    // links behind are squeezed together while later targets are still to go.
+    for (int i = 0; i < count; ++i)
+        if (i % 3 != 0)
+            product->linkRemoveTo(files[static_cast<size_t>(i)].ptr());
+    for (int i = 0; i < count; ++i)
+    {
+        const bool kept = i % 3 == 0;
+        EXPECT_EQ(kept, product->linksTo(*files[static_cast<size_t>(i)], "Application")) << i;
+        std::vector<Resource*> sources;
+        files[static_cast<size_t>(i)]->incomingSources(sources);
+        EXPECT_EQ(kept ? 1u : 0u, sources.size()) << i;
+    }
+    // A removed link added again goes to the end; an existing one is not doubled.
+    product->linkAdd(*files[1], "Application");
+    product->linkAdd(*files[3], "Application");
+
+    const McDArray<McHandle<Link>>& links = product->links();
+    ASSERT_EQ(int64_t(product->linkCount()), links.size());
+    QStringList seen;
+    for (const McHandle<Link>& link : links)
+        seen << link->target().name() + "/" + link->name();
+    QStringList expected;
+    for (int i = 0; i < count; i += 3)
+    {
+        expected << QString::number(i) + "/Application";
+        if (i % 10 == 0)
+            expected << QString::number(i) + "/Extra";
+    }
+    expected << "1/Application";
+    EXPECT_EQ(expected, seen);
+
+    // Removal by name keeps the order of the others.
+    product->linkRemove("Application");
+    McDArray<McHandle<ResourceFileEntry>> extras;
+    product->linked(extras, "Extra");
+    ASSERT_EQ(100, extras.size());  // the multiples of 30 that were kept
+    for (int64_t i = 0; i < extras.size(); ++i)
+        EXPECT_EQ(QString::number(i * 30), extras[i]->name());
+    EXPECT_EQ(unsigned(extras.size()), product->linkCount());
+    EXPECT_TRUE(contracts.events().empty());
+}
+
 TEST_F(ResourceTest, TypedLinkLookupReportsAmbiguity)
 {
     KsTest::ContractRecorder contracts;

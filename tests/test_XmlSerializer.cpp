@@ -167,12 +167,20 @@ TEST_F(XmlSerializerTest, DamagedFilesKeepWhatWasReadAndNeverHang)
 
 TEST_F(XmlSerializerTest, FuzzRegressionInputsLoadSafely)
 {
-    // Every input the fuzzer ever crashed on is kept and replayed here.
-    QDirIterator it(QStringLiteral(KSDEPLOY_SOURCE_DIR "/fuzz/regressions"), QDir::Files);
-    while (it.hasNext())
+    // Every input the fuzzer ever crashed on is kept and replayed here: each one must load
+    // without a contract report. No kept input at all means the replay lost its folder.
+    const QString folder = QStringLiteral(KSDEPLOY_SOURCE_DIR "/fuzz/regressions");
+    const QStringList kept = QDir(folder).entryList(QDir::Files, QDir::Name);
+    ASSERT_FALSE(kept.isEmpty()) << "no inputs in " << folder.toStdString();
+    int replayed = 0;
+    for (const QString& name : kept)
     {
+        KsTest::ContractRecorder contracts;
         McDArray<McHandle<Resource>> loaded;
-        load(it.next(), loaded);
+        load(folder + "/" + name, loaded);
+        ++replayed;
+        for (const KsTest::ContractEvent& event : contracts.events())
+            ADD_FAILURE() << name.toStdString() << ": contract report " << event.condition;
         // A file may link a resource to itself; such cycles are broken by hand, as the fuzzer does.
         loaded.clear();
         Engine::instance().resources(loaded);
@@ -181,4 +189,5 @@ TEST_F(XmlSerializerTest, FuzzRegressionInputsLoadSafely)
         loaded.clear();
         Engine::instance().resourceUnregisterAll();
     }
+    EXPECT_EQ(kept.size(), replayed);
 }

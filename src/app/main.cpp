@@ -7,6 +7,7 @@
 #include "Engine.h"
 #include "KsCommand.h"
 #include "QxCommand.h"
+#include "RegistryStore.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -45,14 +46,20 @@ bool displayAvailable()
 }
 
 // A command stream's lines are read as if they followed it on the command line.
-McResult expandStream(const McHandle<QxBase::Command>& inCommand, bool& outExpanded, QList<QString>& outArguments)
+// Its arguments are checked as they are read; a mistake is named by file and line.
+McResult expandStream(const McHandle<QxBase::Command>& inCommand, bool& outExpanded, QList<QString>& outArguments,
+                      QStringList& outOrigins)
 {
     outExpanded = false;
     auto* stream = dynamic_cast<KsDeploy::Command_commands*>(inCommand.ptr());
     if (!stream)
         return McResult();
     outExpanded = true;
-    return stream->getArguments(outArguments);
+    QList<int> lines;
+    const McResult retVal = stream->getArguments(outArguments, lines);
+    for (const int line : lines)
+        outOrigins.append(QStringLiteral("%1, line %2").arg(stream->streamPath()).arg(line));
+    return retVal;
 }
 }
 
@@ -85,6 +92,8 @@ int main(int argc, char** argv)
     McResult::notificationCallbackAdd(&printFailure);
     KsDeploy::Engine::instanceInit(environ);
     KsDeploy::Engine& engine = KsDeploy::Engine::instance();
+    // The library reads no environment key; the host chooses the registry store's file.
+    KsDeploy::RegistryStore::locationSet(engine.environmentLookup(QStringLiteral("KSDEPLOY_REGISTRY")));
 
     QxBase::CommandLine commandLine(&expandStream);
     const QxBase::CommandLine::Outcome outcome = commandLine.run(arguments);

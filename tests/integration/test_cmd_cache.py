@@ -56,5 +56,63 @@ class CacheTest(ksharness.KsTestCase):
         self.assertIn("command '--cache' requires the attribute 'action'", r.err)
 
 
+class MaintenanceFolderTest(ksharness.KsTestCase):
+    """The default cache lives below the user's temporary directory: $TMPDIR when it exists, else a
+    per-user folder in /tmp that nobody else may have prepared. The /tmp cases run in a private
+    mount namespace with a fresh tmpfs on /tmp, so the machine's /tmp is never touched."""
+
+    def in_private_tmp(self, setup):
+        uid = os.geteuid()
+        script = (
+            "mount -t tmpfs -o mode=1777 kstmp /tmp || exit 99\n"
+            "mkdir /tmp/home && printf data > /tmp/in.bin || exit 98\n"
+            + setup +
+            "\ncd / && env HOME=/tmp/home TMPDIR=/tmp/absent %s --cache action=precache file=/tmp/in.bin\n"
+            "echo \"rc=$?\"\n"
+            "stat -c 'folder=%%a %%u %%F' /tmp/ksdeploy-%d\n"
+            "ls '/tmp/ksdeploy-%d/Kestra Imaging/Auto Update/Cache' 2>/dev/null\n" % (ksharness.BIN, uid, uid))
+        proc = subprocess.run(["unshare", "-m", "sh", "-c", script], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, env=self.env, cwd="/")
+        if proc.returncode in (99, 98) or b"unshare failed" in proc.stderr:
+            self.skipTest("no private mount namespace here: %r" % proc.stderr)
+        return proc.stdout.decode(), proc.stderr.decode()
+
+    def test_missing_tmpdir_gives_a_private_per_user_folder(self):
+        out, err = self.in_private_tmp("")
+        uid = os.geteuid()
+        self.assertIn("rc=0\n", out, err)
+        self.assertIn("folder=700 %d directory\n" % uid, out)
+        self.assertIn(md5(b"data"), out)
+        self.assertEqual("", err)
+        self.assertFalse(os.path.exists("/Kestra Imaging"))
+
+    def test_a_per_user_folder_someone_else_prepared_is_refused(self):
+        uid = os.geteuid()
+        folder = "/tmp/ksdeploy-%d" % uid
+        message = ("error: Failed to access maintenance directory [%s/Kestra Imaging/Auto Update]\n  %s: "
+                   % (folder, folder))
+        cases = [
+            ("mkdir -m 700 %s && chown 12345 %s" % (folder, folder),
+             "owned by uid 12345, not by uid %d (refused)" % uid, "700 12345 directory"),
+            ("mkdir -m 755 %s" % folder, "mode 0755, others may enter it; expected 0700 (refused)",
+             "755 %d directory" % uid),
+            ("mkdir -m 700 /tmp/elsewhere && ln -s /tmp/elsewhere %s" % folder,
+             "a symbolic link, not a directory (refused)", "777 %d symbolic link" % uid),
+        ]
+        for setup, reason, left in cases:
+            with self.subTest(reason=reason):
+                out, err = self.in_private_tmp(setup)
+                self.assertIn("rc=1\n", out, err)
+                self.assertIn(message + reason + "\n", err)
+                # Left as it was: nothing written into it, its owner and mode unchanged.
+                self.assertIn("folder=%s" % left, out)
+                self.assertNotIn(md5(b"data"), out)
+
+    def test_an_existing_tmpdir_is_used_as_it_is(self):
+        self.write("in.bin", b"data")
+        self.assertOk(self.run_ks("--cache", "action=precache", "file=" + self.path("in.bin")))
+        self.assertTrue(os.path.exists(os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Cache", md5(b"data"))))
+
+
 if __name__ == "__main__":
     ksharness.main()

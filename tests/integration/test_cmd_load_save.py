@@ -55,6 +55,21 @@ class LoadSaveTest(ksharness.KsTestCase):
         r = self.run_ks("--load", "file=first.xml", "--save", "target=n.xml", "compress=yes")
         self.assertFalse(os.path.exists(self.path("n.xml.lzma")))
 
+    def test_a_plain_save_removes_the_stale_compressed_copy(self):
+        # Clients take the .lzma first; an old one beside a new description would win.
+        self._product()
+        self.assertOk(self.run_ks("--load", "file=first.xml", "--save", "target=p.xml", "compress=true"))
+        self.assertTrue(os.path.exists(self.path("p.xml.lzma")))
+        r = self.run_ks("--save", "target=p.xml")
+        self.assertOk(r)
+        self.assertEqual("", r.err)
+        self.assertFalse(os.path.exists(self.path("p.xml.lzma")))
+        # A copy that cannot go away is a failure naming it, not a silent stale file.
+        os.makedirs(self.path("q.xml.lzma", "inside"))
+        r = self.run_ks("--save", "target=q.xml")
+        self.assertFails(r, 1)
+        self.assertIn("error: q.xml.lzma\n  q.xml.lzma: Is a directory\n", r.err)
+
     def test_load_replaces_the_pool_and_empty_load_empties_it(self):
         self._product()
         r = self.run_ks("--load", "file=first.xml", "--load", "file=first.xml", "--save", "target=twice.xml")

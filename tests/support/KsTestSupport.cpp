@@ -88,15 +88,15 @@ void EngineTest::TearDown() { KsDeploy::Engine::instanceTestReset(); }
 
 void RegistryEngineTest::SetUp()
 {
-    mEnvEntry = "KSDEPLOY_REGISTRY=" + store().toLocal8Bit();
-    char* env[] = {mEnvEntry.data(), nullptr};
-    KsDeploy::Engine::instanceInit(env);
+    KsDeploy::Engine::instanceInit(nullptr);
     KsDeploy::Engine::instance().quietSet(true);
+    KsDeploy::RegistryStore::locationSet(store());
 }
 
 void RegistryEngineTest::TearDown()
 {
     KsDeploy::RegistryStore::close();
+    KsDeploy::RegistryStore::locationSet(QString());
     EngineTest::TearDown();
 }
 

@@ -87,7 +87,6 @@ protected:
     KsPlatform::Registry& registry();
 
     QTemporaryDir mDir;
-    QByteArray mEnvEntry;
 };
 
 // Writes bytes to a file; creates missing parent folders.

@@ -25,7 +25,14 @@ McResult Command_commands::execute() { return McResult(); }
 
 McResult Command_commands::getArguments(QList<QString>& outArguments)
 {
+    QList<int> lines;
+    return getArguments(outArguments, lines);
+}
+
+McResult Command_commands::getArguments(QList<QString>& outArguments, QList<int>& outLines)
+{
     outArguments.clear();
+    outLines.clear();
     MC_REQUIRE(Engine::instanceAvailable());
     McResult retVal;
     McHandle<Attribute> attribute;
@@ -36,16 +43,48 @@ McResult Command_commands::getArguments(QList<QString>& outArguments)
     QFile file(path);
     if (MC_CHECK(retVal, file.open( QIODevice::ReadOnly ), path))
         return retVal;
+    QByteArray bytes;
     for (;;)
     {
         const QByteArray line = file.readLine();
         if (line.isEmpty())
             break;
-        // One argument per line, never split at blanks.
-        const QString argument = QString::fromLatin1(line).trimmed();
-        if (!argument.isEmpty())
-            outArguments.append(argument);
+        bytes += line;
+        if (!line.endsWith('\n'))
+            bytes += '\n';
     }
     file.close();
+    argumentsFromBytes(bytes, outArguments, outLines);
     return retVal;
+}
+
+void Command_commands::argumentsFromBytes(const QByteArray& inBytes, QList<QString>& outArguments,
+                                          QList<int>& outLines)
+{
+    outArguments.clear();
+    outLines.clear();
+    int lineNumber = 0;
+    qsizetype start = 0;
+    while (start < inBytes.size())
+    {
+        qsizetype end = inBytes.indexOf('\n', start);
+        if (end < 0)
+            end = inBytes.size();
+        ++lineNumber;
+        // One argument per line, never split at blanks.
+        const QString argument = QString::fromLatin1(inBytes.mid(start, end - start)).trimmed();
+        if (!argument.isEmpty())
+        {
+            outArguments.append(argument);
+            outLines.append(lineNumber);
+        }
+        start = end + 1;
+    }
+}
+
+QString Command_commands::streamPath() const
+{
+    McDArray<McHandle<Attribute>> found;
+    attributes(found, QStringLiteral("file"));
+    return found.size() == 1 ? found[0]->value() : QString();
 }

@@ -5,6 +5,11 @@
 #include "Resource.h"
 #include "XmlSerializer.h"
 
+#include <QFile>
+
+#include <cerrno>
+#include <unistd.h>
+
 using namespace KsDeploy;
 
 KS_COMMAND_CLASS_DEFINE(Command_save, "save")
@@ -54,8 +59,17 @@ McResult Command_save::execute()
     XmlSerializer serializer;
     retVal << serializer.serialize(path, resources);
     // The compressed copy is named with ".lzma" appended (the help text's "_" is historical).
+    const QString packedPath = path + QStringLiteral(".lzma");
     if (compress)
-        retVal << fileCompress(path + QStringLiteral(".lzma"), path);
+        retVal << fileCompress(packedPath, path);
+    // Clients take the ".lzma" copy first: one left from an earlier save (or a copy that failed
+    // half-way) would hand them an old or broken description.
+    if (!compress || retVal.isBad())
+    {
+        const QByteArray packedName = QFile::encodeName(packedPath);
+        const bool noStaleCopy = ::unlink(packedName.constData()) == 0 || errno == ENOENT;
+        MC_CHECK_DETAIL(retVal, noStaleCopy, packedPath, McLib::osDetail(packedName.toStdString(), errno));
+    }
     if (gv)
         engine.resourcesDumpGraphviz(resources, path + QStringLiteral(".gv"));
 

@@ -5,6 +5,7 @@
 #include "Plugin.h"
 #include "Resource.h"
 #include "ResourcePoolIndex.h"
+#include "SpecialFolders.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -184,7 +185,19 @@ void ensureDirPostconditions(const McResult& retVal, const QString& outValue)
 McResult Engine::pathOfMaintenanceDir(QString& outValue) const
 {
     McResult retVal;
-    outValue = QStringLiteral("%1/Kestra Imaging/Auto Update").arg(QDir::fromNativeSeparators(QDir::tempPath()));
+    // The user's temporary directory; never the root file system, never a folder shared with
+    // other users (see KsPlatform::userTempDir).
+    std::string tempDir;
+    std::string problem;
+    const bool tempDirIsUsers = KsPlatform::userTempDir(tempDir, problem);
+    outValue = QStringLiteral("%1/Kestra Imaging/Auto Update").arg(QString::fromLocal8Bit(tempDir.c_str()));
+    if (MC_CHECK_DETAIL(retVal, tempDirIsUsers,
+                        QStringLiteral("Failed to access maintenance directory [%1]").arg(outValue),
+                        tempDir + ": " + problem))
+    {
+        outValue.clear();
+        return retVal;
+    }
     if (!QDir(outValue).exists())
         QDir().mkpath(outValue);
     MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access maintenance directory [%1]").arg(outValue));

@@ -12,6 +12,9 @@
 #include <QFile>
 #include <QRegularExpression>
 
+#include <cerrno>
+#include <sys/stat.h>
+
 using namespace KsDeploy;
 
 namespace
@@ -24,6 +27,31 @@ bool excluded(const QString& inName, const QStringList& inExcludes)
     return false;
 }
 
+// Why an entry cannot go into a description, or the empty text when it can. A description holds
+// directories and regular files only: a link would be installed as a copy of whatever it points
+// to (or escape the tree), a hidden entry is usually a tool's leftover, a special file has no
+// content to keep.
+QString skipReason(const QFileInfo& inInfo, bool inDirectory)
+{
+    if (inInfo.isSymLink())
+        return QStringLiteral("symbolic link");
+    if (inInfo.fileName().startsWith(QLatin1Char('.')))
+        return QStringLiteral("hidden");
+    if (inDirectory ? !inInfo.isDir() : !inInfo.isFile())
+        return QStringLiteral("special file");
+    return QString();
+}
+
+// "path: reason" for a directory that cannot be listed.
+std::string dirDetail(const QString& inDirPath)
+{
+    const QByteArray name = QFile::encodeName(inDirPath);
+    struct stat info;
+    if (::stat(name.constData(), &info) != 0)
+        return McLib::osDetail(name.toStdString(), errno);
+    return McLib::osDetail(name.toStdString(), S_ISDIR(info.st_mode) ? EACCES : ENOTDIR);
+}
+
 McResult generate(McHandle<ResourceFileDirectory>& outDirectory, McDArray<McHandle<Resource>>& outResources,
                   const QString& inDirPath, bool inRecursive, const QStringList& inFilters, const QStringList& inExcludes)
 {
@@ -31,19 +59,29 @@ McResult generate(McHandle<ResourceFileDirectory>& outDirectory, McDArray<McHand
     Engine& engine = Engine::instance();
     engine.trace(McLogLevelInfo, QStringLiteral("scan: %1").arg(inDirPath));
     QDir dir(inDirPath);
-    if (MC_CHECK(retVal, dir.exists(), QStringLiteral("directory '%1' does not exist").arg(inDirPath)))
+    if (MC_CHECK_DETAIL(retVal, dir.exists(), "Internal Error", dirDetail(inDirPath)))
+        return retVal;
+    // A folder we may not list would silently give an empty description.
+    if (MC_CHECK_DETAIL(retVal, dir.isReadable(), "Internal Error", dirDetail(inDirPath)))
         return retVal;
     outDirectory = new ResourceFileDirectory;
     outResources.append(McHandle<Resource>(outDirectory.ptr()));
 
     dir.setNameFilters(inFilters);
     dir.setSorting(QDir::Name);
-    const QFileInfoList files = dir.entryInfoList(QDir::Files | QDir::NoSymLinks);
+    // Hidden, system and linked entries are listed too, so that each one left out is named.
+    const QFileInfoList files = dir.entryInfoList(QDir::Files | QDir::Hidden | QDir::System);
     for (const QFileInfo& fi : files)
     {
-        MC_ASSERT(fi.isFile());
         if (excluded(fi.fileName(), inExcludes))
             continue;
+        const QString skipped = skipReason(fi, false);
+        if (!skipped.isEmpty())
+        {
+            engine.trace(McLogLevelInfo, QStringLiteral("  skipped %1 (%2)").arg(fi.fileName(), skipped));
+            continue;
+        }
+        MC_ASSERT(fi.isFile());
         engine.trace(McLogLevelInfo, QStringLiteral("  found %1").arg(fi.fileName()));
         McHandle<ResourceFileEntry> entry(new ResourceFileEntry);
         entry->nameSet(fi.fileName());
@@ -60,12 +98,18 @@ McResult generate(McHandle<ResourceFileDirectory>& outDirectory, McDArray<McHand
     if (!inRecursive)
         return retVal;
     dir.setNameFilters(QStringList());
-    const QFileInfoList dirs = dir.entryInfoList(QDir::AllDirs | QDir::NoDotAndDotDot | QDir::NoSymLinks);
+    const QFileInfoList dirs = dir.entryInfoList(QDir::AllDirs | QDir::NoDotAndDotDot | QDir::Hidden);
     for (const QFileInfo& fi : dirs)
     {
-        MC_ASSERT(fi.isDir());
         if (excluded(fi.fileName(), inExcludes))
             continue;
+        const QString skipped = skipReason(fi, true);
+        if (!skipped.isEmpty())
+        {
+            engine.trace(McLogLevelInfo, QStringLiteral("  skipped %1 (%2)").arg(fi.fileName(), skipped));
+            continue;
+        }
+        MC_ASSERT(fi.isDir());
         McHandle<ResourceFileDirectory> sub;
         const McResult ret = generate(sub, outResources, fi.absoluteFilePath(), true, inFilters, inExcludes);
         if (MC_CHECK(retVal, ret.isOk(), "Internal Error"))

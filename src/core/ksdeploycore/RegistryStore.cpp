@@ -11,6 +11,8 @@ namespace
 {
 std::unique_ptr<KsPlatform::Registry> sRegistry;
 QString sLocation;
+// The host's choice of store file; empty for the default.
+QString sLocationChosen;
 // Live RegistryTransaction scopes; the store transactions for them begin on first access.
 int sScopes = 0;
 // How many of those scopes have begun a transaction on the open store.
@@ -41,9 +43,7 @@ bool KsDeploy::registryCheck(McResult& inoutResult, const KsPlatform::Status& in
 
 QString RegistryStore::location()
 {
-    QString path;
-    if (Engine::instanceAvailable())
-        path = Engine::instance().environmentLookup(QStringLiteral("KSDEPLOY_REGISTRY"));
+    QString path = sLocationChosen;
     if (path.isEmpty())
     {
         std::string dataHome;
@@ -52,6 +52,8 @@ QString RegistryStore::location()
     }
     return path;
 }
+
+void RegistryStore::locationSet(const QString& inPath) { sLocationChosen = inPath; }
 
 McResult RegistryStore::instance(KsPlatform::Registry*& outRegistry)
 {

@@ -12,11 +12,14 @@ namespace KsDeploy
 class RegistryStore
 {
 public:
-    // The registry of this process, opened on first use; for the portable store the file named
-    // by the environment key KSDEPLOY_REGISTRY, by default "ksdeploy/registry.sqlite" under the
-    // XDG data folder. A changed KSDEPLOY_REGISTRY opens the other store on the next call.
+    // The registry of this process, opened on first use: the file given to locationSet, by
+    // default "ksdeploy/registry.sqlite" under the XDG data folder. A changed location opens the
+    // other store on the next call.
     static McResult instance(KsPlatform::Registry*& outRegistry);
     static QString location();
+    // The store's file, chosen by the host (the library reads no environment); the empty text
+    // goes back to the default.
+    static void locationSet(const QString& inPath);
     // Closes the connection; kept open (and reported) while a transaction scope has begun.
     static void close();
 

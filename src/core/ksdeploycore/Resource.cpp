@@ -60,7 +60,7 @@ Resource::~Resource()
 {
     // Tell the targets that this source is gone before the links release them.
     for (int64_t i = 0; i < mLinks.size(); ++i)
-        if (Resource* t = mLinks[i]->targetPtr())
+        if (Resource* t = mLinks[i].isNotNull() ? mLinks[i]->targetPtr() : nullptr)
             t->mIncoming.remove(this);
 }
 
@@ -111,8 +111,9 @@ void Resource::uuidSet(const QUuid& inUuid)
 bool Resource::linksTo(const Resource& inTarget, const QString& inName) const
 {
     MC_REQUIRE(inTarget.refCount()>0);
-    for (int64_t i = 0; i < mLinks.size(); ++i)
-        if (mLinks[i]->targetPtr() == &inTarget && mLinks[i]->name() == inName)
+    for (const Link* link = inTarget.mIncoming.value(const_cast<Resource*>(this)); link;
+         link = link->nextToSameTarget())
+        if (link->name() == inName)
             return true;
     return false;
 }
@@ -122,47 +123,132 @@ void Resource::linkAdd(const Resource& inTarget, const QString& inName)
     MC_REQUIRE(inTarget.refCount()>0);
     if (linksTo(inTarget, inName))
         return;
-    mLinks.append(McHandle<Link>(new Link(inTarget, inName)));
+    McHandle<Link> link(new Link(inTarget, inName));
+    link->positionSet(mLinks.size());
+    mLinks.append(link);
     pathGenerationBump();
-    ++const_cast<Resource&>(inTarget).mIncoming[this];
+    Link*& first = const_cast<Resource&>(inTarget).mIncoming[this];
+    link->nextToSameTargetSet(first);
+    first = link.ptr();
+}
+
+void Resource::linksCompact() const
+{
+    int64_t out = 0;
+    McHandle<Link>* data = mLinks.data();
+    for (int64_t i = 0; i < mLinks.size(); ++i)
+    {
+        if (data[i].isNull())
+            continue;
+        if (out != i)
+            data[out] = std::move(data[i]);
+        data[out]->positionSet(out);
+        ++out;
+    }
+    mLinks.removeLast(mLinks.size() - out);
+    mLinkHoles = 0;
 }
 
 namespace
 {
-void dropIncoming(Resource* inTarget, QHash<Resource*, int>& inIncoming, Resource* inSource)
+// Forgets one link of inSource in its target's list of incoming links.
+void dropIncoming(QHash<Resource*, Link*>& inIncoming, Resource* inSource, Link* inLink)
 {
-    (void)inTarget;
     auto it = inIncoming.find(inSource);
-    if (it != inIncoming.end() && --it.value() <= 0)
-        inIncoming.erase(it);
+    if (it == inIncoming.end())
+        return;
+    if (it.value() == inLink)
+    {
+        if (Link* next = inLink->nextToSameTarget())
+            it.value() = next;
+        else
+            inIncoming.erase(it);
+    }
+    else
+    {
+        for (Link* each = it.value(); each->nextToSameTarget(); each = each->nextToSameTarget())
+            if (each->nextToSameTarget() == inLink)
+            {
+                each->nextToSameTargetSet(inLink->nextToSameTarget());
+                break;
+            }
+    }
+    inLink->nextToSameTargetSet(nullptr);
 }
+}
+
+template <class Predicate>
+void Resource::linkRemoveIf(Predicate inRemove)
+{
+    // One pass that keeps the order of the links that stay; removing one by one would move the
+    // tail of the array for every link removed.
+    linksCompact();
+    McDArray<McHandle<Link>> kept;
+    McDArray<McHandle<Link>> removed;
+    kept.reserve(mLinks.size());
+    for (int64_t i = 0; i < mLinks.size(); ++i)
+    {
+        Link* link = mLinks[i].ptr();
+        if (!inRemove(*link))
+        {
+            link->positionSet(kept.size());
+            kept.append(mLinks[i]);
+            continue;
+        }
+        if (Resource* t = link->targetPtr())
+            dropIncoming(t->mIncoming, this, link);
+        removed.append(mLinks[i]);
+    }
+    if (removed.size() == 0)
+        return;
+    mLinks.swap(kept);
+    pathGenerationBump();
+    // The removed links, and with them perhaps their targets, are released only now, when this
+    // resource is consistent again.
 }
 
 void Resource::linkRemove(const QString& inName)
 {
-    for (int64_t i = mLinks.size() - 1; i >= 0; --i)
-    {
-        if (mLinks[i]->name() != inName)
-            continue;
-        Resource* t = mLinks[i]->targetPtr();
-        if (t)
-            dropIncoming(t, t->mIncoming, this);
-        mLinks.remove(i, 1);
-        pathGenerationBump();
-    }
+    linkRemoveIf([&inName](const Link& inLink) { return inLink.name() == inName; });
 }
 
 void Resource::linkRemoveTo(const Resource* inTarget)
 {
-    for (int64_t i = mLinks.size() - 1; i >= 0; --i)
+    if (!inTarget)
     {
-        Resource* t = mLinks[i]->targetPtr();
-        if (!t || (inTarget && t != inTarget))
-            continue;
-        dropIncoming(t, t->mIncoming, this);
-        mLinks.remove(i, 1);
-        pathGenerationBump();
+        linkRemoveIf([](const Link& inLink) { return inLink.targetPtr() != nullptr; });
+        return;
     }
+    QHash<Resource*, Link*>& incoming = const_cast<Resource*>(inTarget)->mIncoming;
+    auto mine = incoming.find(this);
+    if (mine == incoming.end())
+        return;
+    // Only the links to that target are touched: unlinking every target of a large resource
+    // one by one stays linear. Their slots become holes until the next links().
+    McDArray<McHandle<Link>> removed;
+    Link* next = nullptr;
+    for (Link* link = mine.value(); link; link = next)
+    {
+        next = link->nextToSameTarget();
+        link->nextToSameTargetSet(nullptr);
+        const int64_t at = link->position();
+        MC_ASSERT(at >= 0 && at < mLinks.size() && mLinks[at].ptr() == link);
+        if (at < 0 || at >= mLinks.size() || mLinks[at].ptr() != link)
+            continue;
+        removed.append(mLinks[at]);
+        mLinks[at] = McHandle<Link>();
+        ++mLinkHoles;
+    }
+    incoming.erase(mine);
+    pathGenerationBump();
+    // Trailing holes go at once; the rest once they make up half of the array.
+    while (mLinks.size() > 0 && mLinks.last().isNull())
+    {
+        mLinks.removeLast(1);
+        --mLinkHoles;
+    }
+    if (mLinkHoles > 64 && mLinkHoles * 2 > mLinks.size())
+        linksCompact();
 }
 
 void Resource::linkSet(const QString& inName, const Resource* inTarget)

@@ -49,9 +49,15 @@ public:
 
     // Adds a link unless one with the same target object and name exists.
     void linkAdd(const Resource& inTarget, const QString& inName);
-    unsigned int linkCount() const { return static_cast<unsigned int>(mLinks.size()); }
+    unsigned int linkCount() const { return static_cast<unsigned int>(mLinks.size() - mLinkHoles); }
     bool linksTo(const Resource& inTarget, const QString& inName) const;
-    const McDArray<McHandle<Link>>& links() const { return mLinks; }
+    // The links in the order they were added.
+    const McDArray<McHandle<Link>>& links() const
+    {
+        if (mLinkHoles > 0)
+            linksCompact();
+        return mLinks;
+    }
     // Removes every link of that name.
     void linkRemove(const QString& inName);
     // Removes every link to that target (every link with a target when null).
@@ -62,10 +68,11 @@ public:
     McHandle<T> link(const QString& inName) const
     {
         McHandle<T> retVal;
-        for (int64_t i = mLinks.size() - 1; i >= 0; --i)
+        const McDArray<McHandle<Link>>& all = links();
+        for (int64_t i = all.size() - 1; i >= 0; --i)
         {
-            T* t = dynamic_cast<T*>(mLinks[i]->targetPtr());
-            if (!t || (!inName.isEmpty() && mLinks[i]->name() != inName))
+            T* t = dynamic_cast<T*>(all[i]->targetPtr());
+            if (!t || (!inName.isEmpty() && all[i]->name() != inName))
                 continue;
             MC_DBC_TEXT(DbCCheck, retVal.isNull(), "retVal.isNull()");
             retVal = t;
@@ -78,9 +85,10 @@ public:
     void linked(McDArray<McHandle<T>>& outResources, const QString& inName = QString()) const
     {
         outResources.clear();
-        for (int64_t i = 0; i < mLinks.size(); ++i)
-            if (T* t = dynamic_cast<T*>(mLinks[i]->targetPtr()))
-                if (inName.isEmpty() || mLinks[i]->name() == inName)
+        const McDArray<McHandle<Link>>& all = links();
+        for (int64_t i = 0; i < all.size(); ++i)
+            if (T* t = dynamic_cast<T*>(all[i]->targetPtr()))
+                if (inName.isEmpty() || all[i]->name() == inName)
                     outResources.append(McHandle<T>(t));
     }
 
@@ -98,16 +106,29 @@ protected:
     static McResult notAvailableYet(const char* inOperation);
 
 private:
+    // Removes every link for which inRemove(link) is true, keeping the order of the others.
+    template <class Predicate>
+    void linkRemoveIf(Predicate inRemove);
+    // Squeezes the holes left by removals out of mLinks, keeping the order.
+    void linksCompact() const;
+
+private:
     friend class Engine;
 
     QString mName;
-    McDArray<McHandle<Link>> mLinks;
+    // In the order added. Removal by target leaves null holes (counted in mLinkHoles) so that
+    // unlinking many targets one by one stays linear; links() squeezes them out.
+    mutable McDArray<McHandle<Link>> mLinks;
+    mutable int64_t mLinkHoles = 0;
     QUuid mUuid;
     bool mAbsence = false;
     bool mDeleteOnUninstall = true;
 
-    // Who links to me, with the number of links each holds; kept by linkAdd and link removal.
-    QHash<Resource*, int> mIncoming;
+    // Who links to me, with the first of the links each holds to me (the others follow through
+    // Link::nextToSameTarget); kept by linkAdd and link removal. The duplicate check and removal
+    // by target use it instead of scanning the source's links. One pointer per source keeps
+    // this small: every resource of a large graph has such a table.
+    QHash<Resource*, Link*> mIncoming;
     int64_t mPoolPosition = -1;
 };
 

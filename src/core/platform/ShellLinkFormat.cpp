@@ -249,6 +249,10 @@ Status shellLinkDecode(const std::string& inBytes, ShortcutData& outData)
             return damaged("truncated string data");
     if (data.target.empty())
         data.target = relativePath;
+    // A path or argument cut at a NUL would name something else than the link says.
+    for (const std::string* text : {&data.target, &data.arguments, &data.description, &data.workingDirectory})
+        if (text->find('\0') != std::string::npos)
+            return damaged("NUL character in string data");
     outData = data;
     return Status::ok();
 }

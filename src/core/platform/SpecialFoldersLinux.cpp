@@ -1,8 +1,12 @@
 #include "SpecialFolders.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 // Linux equivalents of the shell folders: XDG base and user directories.
@@ -86,4 +90,44 @@ bool KsPlatform::specialFolderPath(int inCsidl, std::string& outPath)
     case 0x18: outPath = "/etc/xdg/autostart"; return true; // common startup
     default: return false;
     }
+}
+
+bool KsPlatform::userTempDir(std::string& outPath, std::string& outProblem)
+{
+    outProblem.clear();
+    const char* tmpdir = std::getenv("TMPDIR");
+    struct stat info;
+    if (tmpdir && *tmpdir == '/' && ::stat(tmpdir, &info) == 0 && S_ISDIR(info.st_mode))
+    {
+        outPath = tmpdir;
+        while (outPath.size() > 1 && outPath.back() == '/')
+            outPath.pop_back();
+        return true;
+    }
+    // A shared /tmp: a folder of our own, which nobody else may have prepared for us.
+    const uid_t uid = ::geteuid();
+    outPath = "/tmp/ksdeploy-" + std::to_string(uid);
+    if (::mkdir(outPath.c_str(), 0700) != 0 && errno != EEXIST)
+    {
+        outProblem = std::strerror(errno);
+        return false;
+    }
+    if (::lstat(outPath.c_str(), &info) != 0)
+    {
+        outProblem = std::strerror(errno);
+        return false;
+    }
+    if (S_ISLNK(info.st_mode))
+        outProblem = "a symbolic link, not a directory (refused)";
+    else if (!S_ISDIR(info.st_mode))
+        outProblem = "not a directory (refused)";
+    else if (info.st_uid != uid)
+        outProblem = "owned by uid " + std::to_string(info.st_uid) + ", not by uid " + std::to_string(uid) + " (refused)";
+    else if ((info.st_mode & 077) != 0)
+    {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+        outProblem = std::string("mode ") + mode + ", others may enter it; expected 0700 (refused)";
+    }
+    return outProblem.empty();
 }

@@ -15,6 +15,19 @@ QMap<QString, Command::Factory>& factories()
     return sFactories;
 }
 
+// What each command name takes, read once from its attribute text; emptied when a factory is
+// registered, so a late registration is seen.
+struct DeclaredAttributes
+{
+    bool mFree = false;
+    QStringList mNames;
+};
+QMap<QString, DeclaredAttributes>& declaredAttributes()
+{
+    static QMap<QString, DeclaredAttributes> sDeclared;
+    return sDeclared;
+}
+
 // A stream can name itself; this bounds the expansion instead of recursing forever.
 constexpr int sMaxExpansions = 1000;
 
@@ -43,6 +56,7 @@ void Command::registerFactory(const QString& inName, Factory inFactory)
     MC_REQUIRE(!inName.isEmpty());
     MC_REQUIRE(inFactory != nullptr);
     factories().insert(inName, inFactory);
+    declaredAttributes().clear();
 }
 
 bool Command::isRegistered(const QString& inName) { return factories().contains(inName); }
@@ -54,6 +68,44 @@ McHandle<Command> Command::create(const QString& inName)
 }
 
 QStringList Command::registeredNames() { return factories().keys(); }
+
+QStringList Command::attributeNamesDeclared(const char* inHelpMessageAttributes)
+{
+    static const QLatin1String sTag("attribute   :");
+    QStringList names;
+    if (!inHelpMessageAttributes)
+        return names;
+    const QStringList lines = QString::fromLatin1(inHelpMessageAttributes).split(QLatin1Char('\n'));
+    for (const QString& line : lines)
+    {
+        const QString trimmed = line.trimmed();
+        if (trimmed.startsWith(sTag))
+        {
+            const QString name = trimmed.mid(sTag.size()).trimmed();
+            if (!name.isEmpty() && !names.contains(name))
+                names.append(name);
+        }
+    }
+    return names;
+}
+
+bool Command::attributeIsAccepted(const QString& inCommandName, const QString& inAttributeName)
+{
+    // Parsed once per command name: a command line may hold thousands of attributes.
+    QMap<QString, DeclaredAttributes>& declared = declaredAttributes();
+    auto found = declared.find(inCommandName);
+    if (found == declared.end())
+    {
+        const McHandle<Command> command = create(inCommandName);
+        if (command.isNull())
+            return false;
+        DeclaredAttributes entry;
+        entry.mFree = command->attributesAreFree();
+        entry.mNames = attributeNamesDeclared(command->helpMessageAttributes());
+        found = declared.insert(inCommandName, entry);
+    }
+    return found->mFree || found->mNames.contains(inAttributeName);
+}
 
 McResult Command::attribute1(McHandle<Attribute>& outAttribute, QString inName, bool inRequired) const
 {
@@ -126,24 +178,39 @@ QString Command::usage(const QString& inCommandName, bool inShow)
     return text;
 }
 
-QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation)
+QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation,
+                                 const QStringList& inOrigins)
 {
     QString command;
-    for (const QString& argument : inArguments)
+    for (int i = 0; i < inArguments.size(); ++i)
     {
+        const QString& argument = inArguments[i];
+        QString problem;
         if (isCommandWord(argument))
         {
             command = argument.mid(2);
             if (!Command::isRegistered(command))
-                return QStringLiteral("unknown command '%1'").arg(argument);
+                problem = QStringLiteral("unknown command '%1'").arg(argument);
         }
         else if (command.isEmpty() && !inIsContinuation)
-            return QStringLiteral("argument '%1' comes before the first command").arg(argument);
+            problem = QStringLiteral("argument '%1' comes before the first command").arg(argument);
         else if (command.isEmpty())
-            return QStringLiteral("argument '%1' of a command stream comes before its first command").arg(argument);
+            problem = QStringLiteral("argument '%1' of a command stream comes before its first command").arg(argument);
         else if (!argument.contains(QLatin1Char('=')))
-            return QStringLiteral("attribute '%1' of command '--%2' is not of the form name=value")
-                .arg(argument, command);
+            problem = QStringLiteral("attribute '%1' of command '--%2' is not of the form name=value")
+                          .arg(argument, command);
+        else
+        {
+            const QString name = argument.left(static_cast<int>(argument.indexOf(QLatin1Char('='))));
+            if (!Command::attributeIsAccepted(command, name))
+                problem = QStringLiteral("unknown attribute '%1' of command '--%2'").arg(name, command);
+        }
+        if (!problem.isEmpty())
+        {
+            if (i < inOrigins.size() && !inOrigins[i].isEmpty())
+                problem += QStringLiteral(" (%1)").arg(inOrigins[i]);
+            return problem;
+        }
     }
     return QString();
 }
@@ -176,12 +243,13 @@ CommandLine::Outcome CommandLine::run(const QList<QString>& inArguments)
         {
             bool expanded = false;
             QList<QString> more;
-            mResult = mExpander(command, expanded, more);
+            QStringList origins;
+            mResult = mExpander(command, expanded, more, origins);
             if (mResult.isBad())
                 return OutcomeFailed;
             if (expanded)
             {
-                mSyntaxError = syntaxCheck(more, true);
+                mSyntaxError = syntaxCheck(more, true, origins);
                 if (mSyntaxError.isEmpty() && ++expansions > sMaxExpansions)
                     mSyntaxError = QStringLiteral("command streams expand more than %1 times; does a stream "
                                                   "name itself?")

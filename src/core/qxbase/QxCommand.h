@@ -33,12 +33,19 @@ public:
     virtual const char* helpMessageAttributes() = 0;
     virtual McResult executeEarly() const;
     virtual McResult execute();
+    // A command whose attributes are free names (the configuration values) says so; every
+    // other command takes only the attributes its attribute text declares.
+    virtual bool attributesAreFree() const { return false; }
 
     static void registerFactory(const QString& inName, Factory inFactory);
     static bool isRegistered(const QString& inName);
     // A new command of that name, null when none is registered.
     static McHandle<Command> create(const QString& inName);
     static QStringList registeredNames();
+    // The attribute names declared by a help text's "attribute   : NAME" lines, in text order.
+    static QStringList attributeNamesDeclared(const char* inHelpMessageAttributes);
+    // Whether the registered command of that name takes an attribute of that name.
+    static bool attributeIsAccepted(const QString& inCommandName, const QString& inAttributeName);
 
     // The one attribute of that name. Absent: a failure when required, else success and null.
     // Given more than once: a failure naming the attribute.
@@ -77,14 +84,19 @@ public:
     };
 
     // Called after each command's executeEarly; sets outExpanded and fills outArguments when the
-    // command supplies arguments that are to be read as if they followed it.
+    // command supplies arguments that are to be read as if they followed it. outOrigins may name,
+    // per argument, where it was read (a file and line) for the messages about it.
     using Expander = std::function<McResult(const McHandle<Command>& inCommand, bool& outExpanded,
-                                            QList<QString>& outArguments)>;
+                                            QList<QString>& outArguments, QStringList& outOrigins)>;
 
     explicit CommandLine(Expander inExpander = Expander()) : mExpander(std::move(inExpander)) {}
 
-    // The first problem that makes the arguments no command line, or the empty text.
-    static QString syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation);
+    // The first problem that makes the arguments no command line, or the empty text: an unknown
+    // command, an argument before the first command, an attribute without "=" or one that its
+    // command does not take. With inOrigins (one per argument) the message says where the
+    // argument was read.
+    static QString syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation,
+                               const QStringList& inOrigins = QStringList());
 
     Outcome run(const QList<QString>& inArguments);
     QString syntaxError() const { return mSyntaxError; }
