@@ -162,6 +162,13 @@ class HostileServerTest(ksharness.KsTestCase):
             self.assertFailsOn(r, "lzma decompression: corrupt data")
             self.assertCacheClean()
             self.assertLess(peak, base + self.MEMORY_SLACK_KB)
+        with self.subTest("a broken 64 MiB copy is read piece by piece, not whole"):
+            rules = {"/items/%s.lzma" % self.big: "long-lzma:64", "/items/%s" % self.big: "status:404"}
+            with FaultServer(self.path("www"), rules) as server:
+                r, peak = self.install(server.url)
+            self.assertFailsOn(r, "lzma decompression: corrupt data")
+            self.assertCacheClean()
+            self.assertLess(peak, base + self.MEMORY_SLACK_KB)
         with self.subTest("the bomb beside a good plain copy: the plain copy serves"):
             with FaultServer(self.path("www"), {"/items/%s.lzma" % self.big: "lzma-bomb"}) as server:
                 r, peak = self.install(server.url)

@@ -34,7 +34,7 @@ import socketserver
 import threading
 
 FAULTS = ("status", "truncate", "wrong", "corrupt-lzma", "lzma-of-wrong", "stall", "stall-complete", "endless",
-          "overlong", "endless-lzma", "lzma-bomb", "slow")
+          "overlong", "endless-lzma", "long-lzma", "lzma-bomb", "slow")
 
 ENDLESS_CHUNK = bytes(range(256)) * 256  # 64 KiB, never all zeros
 
@@ -180,6 +180,16 @@ class _Handler(http.server.BaseHTTPRequestHandler):
             else:
                 self.wfile.write(lzma_header(arg) + b"\0")
             self._endless()
+            return
+        if name == "long-lzma":
+            self._record(200, label)
+            self._head()
+            try:
+                self.wfile.write(lzma_header(None) + b"\0")
+                for _ in range(16 * (64 if arg is None else arg)):
+                    self.wfile.write(ENDLESS_CHUNK)
+            except OSError:
+                pass
             return
         if name == "lzma-bomb":
             body = lzma_bomb(1000 if arg is None else arg)
