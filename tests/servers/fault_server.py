@@ -31,6 +31,7 @@ import http.server
 import lzma
 import os
 import socketserver
+import sys
 import threading
 
 FAULTS = ("status", "truncate", "wrong", "corrupt-lzma", "lzma-of-wrong", "stall", "stall-complete", "endless",
@@ -253,6 +254,12 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 class _Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
     daemon_threads = True
     allow_reuse_address = True
+
+    def handle_error(self, request, client_address):
+        # A client that hangs up on a faulty answer is what the faults are for, not an error.
+        if isinstance(sys.exc_info()[1], (BrokenPipeError, ConnectionResetError)):
+            return
+        super().handle_error(request, client_address)
 
 
 class FaultServer:
