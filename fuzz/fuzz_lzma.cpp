@@ -11,7 +11,7 @@
 namespace
 {
 // Enough for any input that is not a bomb; a bomb is stopped here rather than filling the memory.
-const size_t sOutputCap = 64u << 20;
+const size_t sOutputCap = 8u << 20;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* inData, size_t inSize)

@@ -29,7 +29,7 @@ Decoded streamDecode(const QByteArray& inData, size_t inPiece)
     d.result = lzmaUncompressStream(
         [&](const unsigned char* inOut, size_t inSize) {
             d.out.append(reinterpret_cast<const char*>(inOut), static_cast<qsizetype>(inSize));
-            return d.out.size() <= (64 << 20);
+            return d.out.size() <= (8 << 20);
         },
         [&](unsigned char* outData, size_t inRoom) -> int64_t {
             const size_t n = std::min({inRoom, inPiece, size - at});
@@ -46,7 +46,7 @@ Decoded wholeDecode(const QByteArray& inData)
     d.result = lzmaUncompressTo(
         [&](const unsigned char* inOut, size_t inSize) {
             d.out.append(reinterpret_cast<const char*>(inOut), static_cast<qsizetype>(inSize));
-            return d.out.size() <= (64 << 20);
+            return d.out.size() <= (8 << 20);
         },
         reinterpret_cast<const unsigned char*>(inData.constData()), inData.size());
     return d;
