@@ -2,6 +2,7 @@
 // the command line in order, and shuts the engine down.
 //
 // Exit status: 0 success, 1 a command failed, 2 the arguments are not a valid command line.
+#include "Cache.h"
 #include "Command_commands.h"
 #include "ConsoleProgress.h"
 #include "Engine.h"
@@ -94,6 +95,10 @@ int main(int argc, char** argv)
     KsDeploy::Engine& engine = KsDeploy::Engine::instance();
     // The library reads no environment key; the host chooses the registry store's file.
     KsDeploy::RegistryStore::locationSet(engine.environmentLookup(QStringLiteral("KSDEPLOY_REGISTRY")));
+    // Download limits (the library reads no environment of its own): a stall limit, and an
+    // optional limit on a whole transfer. Not set, or not a number above 0: the defaults.
+    KsDeploy::Cache::downloadLimitsSet(engine.environmentLookup(QStringLiteral("KSDEPLOY_STALL_TIMEOUT_MS")).toInt(),
+                                       engine.environmentLookup(QStringLiteral("KSDEPLOY_DOWNLOAD_TIMEOUT_MS")).toInt());
 
     QxBase::CommandLine commandLine(&expandStream);
     const QxBase::CommandLine::Outcome outcome = commandLine.run(arguments);

@@ -31,9 +31,13 @@ import http.server
 import lzma
 import os
 import socketserver
+import sys
 import threading
 
-FAULTS = ("status", "truncate", "wrong", "corrupt-lzma", "lzma-of-wrong", "stall", "stall-complete")
+FAULTS = ("status", "truncate", "wrong", "corrupt-lzma", "lzma-of-wrong", "stall", "stall-complete", "endless",
+          "overlong", "endless-lzma", "long-lzma", "lzma-bomb", "slow")
+
+ENDLESS_CHUNK = bytes(range(256)) * 256  # 64 KiB, never all zeros
 
 
 def parse_fault(text):
@@ -49,6 +53,21 @@ def parse_fault(text):
 
 def lzma_alone(data):
     return lzma.compress(data, format=lzma.FORMAT_ALONE, preset=6)
+
+
+def lzma_header(size):
+    """The 13-byte header of a ".lzma" stream (lc=3 lp=0 pb=2, 8 MiB dictionary); None: unknown size."""
+    return b"\x5d\x00\x00\x80\x00" + (b"\xff" * 8 if size is None else size.to_bytes(8, "little"))
+
+
+_BOMB = {}
+
+
+def lzma_bomb(claimed):
+    if claimed not in _BOMB:
+        stream = lzma.compress(b"\0" * (64 << 20), format=lzma.FORMAT_ALONE, preset=6)
+        _BOMB[claimed] = lzma_header(claimed)[:5] + claimed.to_bytes(8, "little") + stream[13:]
+    return _BOMB[claimed]
 
 
 def corrupt_lzma(stream):
@@ -100,6 +119,25 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.server.owner._stop_event.wait()
         self.close_connection = True
 
+    def _endless(self):
+        # Bytes until the client closes the connection or the server stops.
+        try:
+            while not self.server.owner._stop_event.is_set():
+                self.wfile.write(ENDLESS_CHUNK)
+        except OSError:
+            pass
+        self.close_connection = True
+
+    def _head(self, length=None):
+        self.send_response(200)
+        self.send_header("Content-Type", "application/octet-stream")
+        if length is None:
+            self.send_header("Connection", "close")
+            self.close_connection = True
+        else:
+            self.send_header("Content-Length", str(length))
+        self.end_headers()
+
     def do_HEAD(self):
         self.do_GET()
 
@@ -135,6 +173,30 @@ class _Handler(http.server.BaseHTTPRequestHandler):
             self._record(200, label)
             self._send(200, body)
             return
+        if name in ("endless", "endless-lzma"):
+            self._record(200, label)
+            self._head()
+            if name == "endless":
+                self.wfile.write(self._read(path) or b"")
+            else:
+                self.wfile.write(lzma_header(arg) + b"\0")
+            self._endless()
+            return
+        if name == "long-lzma":
+            self._record(200, label)
+            self._head()
+            try:
+                self.wfile.write(lzma_header(None) + b"\0")
+                for _ in range(16 * (64 if arg is None else arg)):
+                    self.wfile.write(ENDLESS_CHUNK)
+            except OSError:
+                pass
+            return
+        if name == "lzma-bomb":
+            body = lzma_bomb(1000 if arg is None else arg)
+            self._record(200, label)
+            self._send(200, body)
+            return
         body = self._read(path)
         if body is None:
             self._record(404, label)
@@ -157,6 +219,26 @@ class _Handler(http.server.BaseHTTPRequestHandler):
                 self._stall()
             self.close_connection = True
             return
+        if name == "overlong":
+            self._record(200, label)
+            self._head(len(body))
+            self.wfile.write(body)
+            self._endless()
+            return
+        if name == "slow":
+            self._record(200, label)
+            self._head(len(body))
+            pause = (200 if arg is None else arg) / 1000.0
+            try:
+                for i in range(0, len(body), 16384):
+                    self.wfile.write(body[i:i + 16384])
+                    self.wfile.flush()
+                    if self.server.owner._stop_event.wait(pause):
+                        break
+            except OSError:
+                pass
+            self.close_connection = True
+            return
         if name == "stall-complete":
             self._record(200, label)
             self.send_response(200)
@@ -172,6 +254,12 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 class _Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
     daemon_threads = True
     allow_reuse_address = True
+
+    def handle_error(self, request, client_address):
+        # A client that hangs up on a faulty answer is what the faults are for, not an error.
+        if isinstance(sys.exc_info()[1], (BrokenPipeError, ConnectionResetError)):
+            return
+        super().handle_error(request, client_address)
 
 
 class FaultServer:

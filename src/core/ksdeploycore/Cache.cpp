@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 #include <unistd.h>
@@ -23,22 +24,34 @@ namespace
 {
 QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::Cache", inText); }
 
-// The time limit of one download; KSDEPLOY_DOWNLOAD_TIMEOUT_MS shortens it (tests of stalling
-// servers, very slow links are the other way round).
-int downloadTimeLimit()
-{
-    bool ok = false;
-    const int ms = qEnvironmentVariableIntValue("KSDEPLOY_DOWNLOAD_TIMEOUT_MS", &ok);
-    return ok && ms > 0 ? ms : 60000;
-}
+int sStallMs = 30000;
+int sTotalMs = 0;
+
+// Never to be eaten into by a download or a decoding: an endless body fills no disk.
+const QxBase::DiskReserve sReserve;
 
 struct Outcome
 {
     bool done = false;      // ok, or timed out with whatever arrived
     bool timedOut = false;
+    bool unreachable = false; // no connection, or no answer in time
     QString why;            // the failure in words
     McLib::MD5 md5;         // of what arrived, when asked for
 };
+
+// The most a ".lzma" body can hold after a header that states its decoded size: the codec
+// never grows incompressible data by an eighth. An unknown size is bounded by the reserve alone.
+long long packedLimitOf(const char* inHead, size_t inSize)
+{
+    if (inSize < 13)
+        return -1;
+    uint64_t claimed = 0;
+    for (int i = 0; i < 8; ++i)
+        claimed |= static_cast<uint64_t>(static_cast<unsigned char>(inHead[5 + i])) << (8 * i);
+    if (claimed == UINT64_MAX || claimed > (1ull << 50))
+        return -1;
+    return static_cast<long long>(claimed + claimed / 8 + 65536 + 13);
+}
 
 QxDownload::Request requestFor(const QString& inUrl, const QString& inDestination, bool inDigest)
 {
@@ -48,7 +61,9 @@ QxDownload::Request requestFor(const QString& inUrl, const QString& inDestinatio
     // The destination is a temporary file of the caller, written in place; the digest of a plain
     // download is computed on the way in.
     r.flags = inDigest ? QxDownload::FlagInPlace | QxDownload::FlagDigest : QxDownload::FlagInPlace;
-    r.ms = downloadTimeLimit();
+    r.stallMs = sStallMs;
+    r.totalMs = sTotalMs;
+    r.reserve = &sReserve;
     return r;
 }
 
@@ -57,15 +72,19 @@ void traceStart(const QxDownload::Request& inRequest)
     Engine::instance().trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(inRequest.url, inRequest.destination));
 }
 
-// The closing trace line of one download; a timeout counts as done, the digest decides.
+// The closing trace line of one download, and under it why it failed; a timeout counts as done,
+// the digest decides.
 Outcome traceEnd(const QxDownload::Request& inRequest)
 {
+    Engine& engine = Engine::instance();
     const int res = inRequest.result;
-    QString outcome = res == 0 ? QStringLiteral("...ok") : res == 3 ? QStringLiteral("...timeout") : QStringLiteral("...failed");
+    const QString outcome = res == 0 ? QStringLiteral("...ok") : res == 3 ? QStringLiteral("...timeout") : QStringLiteral("...failed");
+    engine.trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(inRequest.ms));
     if (res != 0 && !inRequest.error.isEmpty())
-        outcome += QStringLiteral(" [%1]").arg(inRequest.error);
-    Engine::instance().trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(inRequest.ms));
-    return Outcome{res == 0 || res == 3, res == 3, inRequest.error, inRequest.md5};
+        engine.trace(McLogLevelInfo, QStringLiteral("  %1: %2").arg(inRequest.url, inRequest.error));
+    const bool timedOut = res == QxDownload::ResultTimeout;
+    return Outcome{res == 0 || timedOut, timedOut, timedOut || res == QxDownload::ResultUnreachable, inRequest.error,
+                   inRequest.md5};
 }
 
 Outcome downloadOnce(QxDownload::Request& inoutRequest)
@@ -210,6 +229,12 @@ McResult Cache::retrieve(const BufferID& inBufferId)
     return retVal;
 }
 
+void Cache::downloadLimitsSet(int inStallMs, int inTotalMs)
+{
+    sStallMs = inStallMs > 0 ? inStallMs : 30000;
+    sTotalMs = inTotalMs > 0 ? inTotalMs : 0;
+}
+
 McResult Cache::retrieveFromHTTP(const BufferID& inBufferId)
 {
     McResult retVal;
@@ -221,45 +246,55 @@ McResult Cache::retrieveFromHTTP(const BufferID& inBufferId)
     bool fetched = false;
     for (const QString& url : urls)
     {
-        const McResult one = retrieveFromHTTP(inBufferId, url);
+        if (mListOfUnreachableUrl.contains(url))
+        {
+            reasons << QStringLiteral("%1: skipped, it did not answer before").arg(url);
+            continue;
+        }
+        bool unreachable = false;
+        const McResult one = retrieveFromHTTP(inBufferId, url, unreachable);
         // A good answer has just put the item in place.
         fetched = one.isOk();
         if (fetched)
             break;
-        // Not passed on as a failure of its own, but the final message says why each URL failed.
-        if (*one.text())
-            reasons << QString::fromLatin1(one.text());
+        // Not reported on its own (the next URL may serve), but the final detail says why each failed.
+        QString why = QString::fromLatin1(one.text());
+        if (*one.detail())
+            why += QStringLiteral(": %1").arg(QString::fromLatin1(one.detail()));
+        reasons << why;
+        if (unreachable)
+        {
+            // Said once: every later item goes straight to the next URL.
+            mListOfUnreachableUrl.insert(url);
+            Engine::instance().trace(McLogLevelWarning,
+                                     QStringLiteral("%1 did not answer and is skipped from now on").arg(url));
+        }
     }
-    if (!fetched && !itemIsCached(inBufferId))
+    if (!fetched)
     {
-        QString message = urls.isEmpty() ? QStringLiteral("item %1 is not cached and no download URL is given")
-                                               .arg(inBufferId.toString())
-                                         : QStringLiteral("item %1 could not be fetched from %2")
-                                               .arg(inBufferId.toString(), urls.join(QStringLiteral(", ")));
-        if (!reasons.isEmpty())
-            message += QStringLiteral(" (%1)").arg(reasons.join(QStringLiteral("; ")));
-        MC_CHECK_TEXT(retVal, false, "itemIsCached(inBufferId)", message);
+        const QString detail = urls.isEmpty()
+                                   ? QStringLiteral("item %1 is not cached and no download URL is given").arg(inBufferId.toString())
+                                   : QStringLiteral("item %1 could not be fetched: %2").arg(inBufferId.toString(), reasons.join(QStringLiteral("; ")));
+        MC_CHECK_DETAIL(retVal, itemIsCached(inBufferId), "Internal Error", mcMessageText(detail));
     }
     return retVal;
 }
 
 McResult Cache::retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl)
 {
-    McResult retVal;
-    const QString item = itemFilePath(inBufferId);
-    if (QFileInfo(item).isFile())
-        return retVal;
-    QString base = inUrl;
-    while (base.endsWith(QLatin1Char('/')))
-        base.chop(1);
-    const QString url = QStringLiteral("%1/%2").arg(base, inBufferId.toString());
-    retVal << loadFileHTTP(item, url, inBufferId.md5());
-    return retVal;
+    bool unreachable = false;
+    return retrieveFromHTTP(inBufferId, inUrl, unreachable);
 }
 
-McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected)
+namespace
+{
+// One item from one URL, ".lzma" copy first, digest checked. Reports nothing: whether a failure
+// is one depends on the URLs still to come. outUnreachable: the server could not be connected
+// to or did not answer in time (its plain copy is then not asked for either).
+McResult fetchFile(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected, bool& outUnreachable)
 {
     McResult retVal;
+    outUnreachable = false;
     Engine& engine = Engine::instance();
     // Everything lands beside the destination first; only a checked file gets its name.
     const QString compressed = QxBase::File::temporaryPathBeside(inDestination);
@@ -267,6 +302,8 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     const bool check = !inExpected.isNull();
     const QString folder = folderOf(inUrl);
     QxDownload::Request first = requestFor(inUrl + QStringLiteral(".lzma"), compressed, false);
+    first.headBytes = 13;
+    first.limitOfHead = &packedLimitOf;
     // Apart from the decoded copy: a fallback fetched together may finish before the copy fails.
     // Without a name, if the file system allows: it is named once checked, without a rename.
     QxDownload::Request second = requestFor(inUrl, QxBase::File::temporaryPathBeside(inDestination), check);
@@ -289,16 +326,31 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     QString packedWhy = packed.why;
     if (packed.done)
     {
-        // A corrupt copy is not a failure yet: the plain file may still be right.
-        McResult quiet;
-        quiet << fileUncompress(decoded, compressed);
-        got.done = quiet.isOk();
-        packedWhy = QString::fromLatin1(quiet.text());
+        // A broken copy is not a failure yet: the plain file may still be right.
+        const McResult unpacked = fileUncompressBounded(decoded, compressed, &sReserve);
+        got.done = unpacked.isOk();
+        packedWhy = QString::fromLatin1(unpacked.text());
+        if (*unpacked.detail())
+            packedWhy += QStringLiteral(" (%1)").arg(QString::fromLatin1(unpacked.detail()));
         QFile::remove(compressed);
+        // Nor is a copy that decodes to other bytes: checked here, so the plain file can be tried.
+        if (got.done && check)
+        {
+            got.md5 = scanFile(decoded);
+            if (got.md5 != inExpected)
+            {
+                got.done = false;
+                packedWhy = QStringLiteral("the decoded copy does not match its digest");
+            }
+        }
         if (!got.done)
             QFile::remove(decoded);
     }
-    if (!got.done)
+    else
+        QFile::remove(compressed);
+    // A server that did not answer the first request is not asked the second.
+    const bool skipPlain = !got.done && packed.unreachable && !secondDone;
+    if (!got.done && !skipPlain)
     {
         plain = second.destination;
         if (secondDone)
@@ -328,26 +380,28 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
     } closer{nameless};
     if (!got.done)
     {
+        outUnreachable = got.unreachable;
         engine.trace(McLogLevelError, QStringLiteral("Failed to download %1").arg(inUrl));
         QFile::remove(plain);
         QString why = got.why;
         // A missing ".lzma" copy is normal; a broken one is worth saying.
-        if (packed.done || (!packedWhy.isEmpty() && packedWhy != QLatin1String("HTTP 404")))
+        if (!skipPlain && (packed.done || (!packedWhy.isEmpty() && packedWhy != QLatin1String("HTTP 404"))))
             why += QStringLiteral("; %1.lzma: %2").arg(inUrl, packedWhy);
-        MC_CHECK_TEXT(retVal, false, "download", QStringLiteral("Failed to download %1: %2").arg(inUrl, why));
-        return retVal;
+        return MC_FAILURE("download", QStringLiteral("Failed to download %1").arg(inUrl)).detailSet(mcMessageText(why));
     }
     if (check)
     {
-        // A plain download was hashed as it arrived; a decompressed copy is read once more.
+        // A plain download was hashed as it arrived; a decoded copy was hashed above.
         const QString content = nameless >= 0 ? QStringLiteral("/proc/self/fd/%1").arg(nameless) : plain;
         const McLib::MD5 md5 = got.md5.isNull() ? scanFile(content) : got.md5;
-        if (MC_CHECK(retVal, inExpected==md5,
-                     QStringLiteral("%1: the content does not match its digest%2")
-                         .arg(inUrl, got.timedOut ? QStringLiteral(" (%1)").arg(got.why) : QString())))
+        if (inExpected != md5)
         {
             QFile::remove(plain);
-            return retVal;
+            // A stalled transfer that ends short is the server's fault, not only this item's.
+            outUnreachable = got.timedOut;
+            const QString why = got.timedOut ? QStringLiteral("the content does not match its digest (%1)").arg(got.why)
+                                             : QStringLiteral("the content does not match its digest");
+            return MC_FAILURE("inExpectedHash==md5", inUrl).detailSet(mcMessageText(why));
         }
     }
     if (nameless >= 0)
@@ -355,13 +409,39 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
         // Named in one step, replacing an older file of that name.
         const int fd = nameless;
         nameless = -1;
-        MC_CHECK_TEXT(retVal, QxBase::File::linkNameless(fd, inDestination, true), "rename", inDestination);
+        if (!QxBase::File::linkNameless(fd, inDestination, true))
+            return MC_FAILURE("rename", inDestination).detailSet(McLib::osDetail(QFile::encodeName(inDestination).toStdString(), errno));
         return retVal;
     }
     // rename(2) replaces an older file of that name in the same step.
-    if (MC_CHECK_TEXT(retVal, ::rename(QFile::encodeName(plain).constData(), QFile::encodeName(inDestination).constData()) == 0,
-                      "rename", inDestination))
+    if (::rename(QFile::encodeName(plain).constData(), QFile::encodeName(inDestination).constData()) != 0)
+    {
+        const int err = errno;
         QFile::remove(plain);
+        return MC_FAILURE("rename", inDestination).detailSet(McLib::osDetail(QFile::encodeName(inDestination).toStdString(), err));
+    }
+    return retVal;
+}
+}
+
+McResult Cache::retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl, bool& outUnreachable)
+{
+    outUnreachable = false;
+    const QString item = itemFilePath(inBufferId);
+    if (QFileInfo(item).isFile())
+        return McResult();
+    QString base = inUrl;
+    while (base.endsWith(QLatin1Char('/')))
+        base.chop(1);
+    const QString url = QStringLiteral("%1/%2").arg(base, inBufferId.toString());
+    return fetchFile(item, url, inBufferId.md5(), outUnreachable);
+}
+
+McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected)
+{
+    bool unreachable = false;
+    const McResult retVal = fetchFile(inDestination, inUrl, inExpected, unreachable);
+    Ks::fail(retVal);
     return retVal;
 }
 
@@ -398,7 +478,8 @@ McResult Cache::retrieveFromDirectory(const QString& inDirPath, bool inRecursive
     McResult retVal;
     Engine::instance().progress().taskStartNext(tr("Precache files"));
     QDir dir(inDirPath);
-    if (MC_CHECK(retVal, dir.exists(), QStringLiteral("directory '%1' does not exist").arg(inDirPath)))
+    if (MC_CHECK_DETAIL(retVal, dir.exists(), "Internal Error",
+                        McLib::osDetail(QFile::encodeName(inDirPath).toStdString(), QFileInfo::exists(inDirPath) ? ENOTDIR : ENOENT)))
         return retVal;
     // Walked with an explicit list of folders, not recursion.
     QStringList pending{dir.absolutePath()};

@@ -50,13 +50,21 @@ public:
 
     static McResult loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected);
 
+    // The limits of every download: no byte for inStallMs ends one (default 30 s); inTotalMs, when
+    // above 0, bounds a whole transfer (default: none). The host sets them from its environment.
+    static void downloadLimitsSet(int inStallMs, int inTotalMs);
+
     // Where the item lives in the cache folder (whether it is there or not).
     QString itemFilePath(const BufferID& inBufferId) const;
 
 private:
     friend class Engine;
     Cache();
+    // One base URL; outUnreachable tells that it could not be connected to or timed out.
+    McResult retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl, bool& outUnreachable);
 
     QList<QString> mListOfUrl;
+    // Base URLs that did not answer: skipped for the rest of the run.
+    QSet<QString> mListOfUnreachableUrl;
 };
 }

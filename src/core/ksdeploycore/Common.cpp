@@ -153,7 +153,85 @@ McResult convertFile(const QString& inDst, const QString& inSrc, bool inCompress
 }
 
 McResult KsDeploy::fileCompress(const QString& inDst, const QString& inSrc) { return convertFile(inDst, inSrc, true); }
-McResult KsDeploy::fileUncompress(const QString& inDst, const QString& inSrc) { return convertFile(inDst, inSrc, false); }
+McResult KsDeploy::fileUncompress(const QString& inDst, const QString& inSrc)
+{
+    const McResult retVal = fileUncompressBounded(inDst, inSrc, nullptr);
+    Ks::fail(retVal);
+    return retVal;
+}
+
+McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve)
+{
+    const QByteArray src = QFile::encodeName(inSrc);
+    const int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
+    if (in < 0)
+        return MC_FAILURE("fileSrc.open( QIODevice::ReadOnly )", inSrc).detailSet(McLib::osDetail(src.toStdString(), errno));
+    ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
+    // Written beside the destination and renamed into place: never a half-written file.
+    const QByteArray temp = QFile::encodeName(QxBase::File::temporaryPathBeside(inDst));
+    const int out = ::open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (out < 0)
+    {
+        const int err = errno;
+        ::close(in);
+        return MC_FAILURE("fileDst.open( QIODevice::WriteOnly | QIODevice::Truncate )", inDst)
+            .detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), err));
+    }
+    McResult failure; // of the reading or writing side, which the codec cannot tell
+    const LzmaSource source = [&](unsigned char* outData, size_t inRoom) -> int64_t {
+        for (;;)
+        {
+            const ssize_t got = ::read(in, outData, inRoom);
+            if (got >= 0)
+                return got;
+            if (errno != EINTR)
+            {
+                failure = MC_FAILURE("read", inSrc).detailSet(McLib::osDetail(src.toStdString(), errno));
+                return -1;
+            }
+        }
+    };
+    long long written = 0;
+    long long nextCheck = 0;
+    const LzmaSink sink = [&](const unsigned char* inData, size_t inSize) {
+        if (inReserve && written >= nextCheck)
+        {
+            QString why;
+            if (!inReserve->check(out, why))
+            {
+                failure = MC_FAILURE("space", inDst).detailSet(mcMessageText(why));
+                return false;
+            }
+            nextCheck = written + QxBase::DiskReserve::checkInterval();
+        }
+        while (inSize > 0)
+        {
+            const ssize_t n = ::write(out, inData, inSize);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+            {
+                failure = MC_FAILURE("write", inDst).detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), n < 0 ? errno : ENOSPC));
+                return false;
+            }
+            inData += n;
+            inSize -= static_cast<size_t>(n);
+            written += n;
+        }
+        return true;
+    };
+    McResult retVal = lzmaUncompressStream(sink, source);
+    if (retVal.isBad() && failure.isBad())
+        retVal = failure;
+    ::close(in);
+    if (::close(out) != 0 && retVal.isOk())
+        retVal = MC_FAILURE("write", inDst).detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), errno));
+    if (retVal.isOk() && ::rename(temp.constData(), QFile::encodeName(inDst).constData()) != 0)
+        retVal = MC_FAILURE("rename", inDst).detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), errno));
+    if (retVal.isBad())
+        ::unlink(temp.constData());
+    return retVal;
+}
 
 McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
 {

@@ -1,5 +1,6 @@
 #pragma once
 #include "KsGlobal.h"
+#include "QxDiskReserve.h"
 #include "QxFile.h"
 
 #include <QString>
@@ -17,6 +18,10 @@ void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5, const 
 // Whole-file LZMA compression and decompression (destination first).
 McResult fileCompress(const QString& inDst, const QString& inSrc);
 McResult fileUncompress(const QString& inDst, const QString& inSrc);
+// The decompression alone, in bounded memory and without reporting a failure (the caller decides
+// whether it is one). With a reserve, the decoded output may not eat into the destination's free
+// space; it never exceeds the size the stream's header states. No partial destination is left.
+McResult fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve);
 
 // Proves that a directory is writable by creating, writing and removing a file in it.
 McResult probeFileUpdate(const QString& inDirPath);

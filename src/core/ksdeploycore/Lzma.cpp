@@ -163,3 +163,105 @@ McResult KsDeploy::lzmaUncompressTo(const LzmaSink& inSink, const unsigned char*
         return retVal;
     return runTo(stream, inSink, inData, inSize, "lzma decompression");
 }
+
+namespace
+{
+// An unreported failure with the same message and condition as the reporting checks above.
+McResult streamFailure(const char* inCondition, const QString& inMessage)
+{
+    const QByteArray text = inMessage.toLatin1();
+    return McResult(McResult::CodeFailMessage, __LINE__, "Lzma:KsDeploy::lzmaUncompressStream", text.constData(),
+                    inCondition);
+}
+
+// Fills inoutData up to inWanted bytes from the source; false on a read error.
+bool sourceFill(const LzmaSource& inSource, unsigned char* inoutData, size_t inWanted, size_t& inoutHave, bool& outEnded)
+{
+    while (inoutHave < inWanted)
+    {
+        const int64_t got = inSource(inoutData + inoutHave, inWanted - inoutHave);
+        if (got < 0)
+            return false;
+        if (got == 0)
+        {
+            outEnded = true;
+            break;
+        }
+        inoutHave += static_cast<size_t>(got);
+    }
+    return true;
+}
+}
+
+McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource& inSource)
+{
+    const size_t bufLen = 1 << 20;
+    std::unique_ptr<unsigned char[]> in(new unsigned char[bufLen]);
+    std::unique_ptr<unsigned char[]> out(new unsigned char[bufLen]);
+    size_t have = 0;
+    bool ended = false;
+    if (!sourceFill(inSource, in.get(), 13, have, ended))
+        return streamFailure("cond[read]", QStringLiteral("lzma decompression: the input cannot be read"));
+    if (have < 13)
+        return streamFailure("cond[inSize >= 13]", QStringLiteral("lzma decompression: truncated data"));
+    uint64_t claimed = 0;
+    for (int i = 0; i < 8; ++i)
+        claimed |= static_cast<uint64_t>(in[5 + i]) << (8 * i);
+    const bool known = claimed != UINT64_MAX;
+    if (known && claimed > sMaxClaimedSize)
+        return streamFailure("cond[claimedSize <= sMaxClaimedSize]",
+                             QStringLiteral("lzma decompression: the stream claims %1 bytes").arg(claimed));
+    lzma_stream stream = LZMA_STREAM_INIT;
+    if (lzma_alone_decoder(&stream, sDecoderMemLimit) != LZMA_OK)
+        return streamFailure("cond[lzma_alone_decoder() == LZMA_OK]", QStringLiteral("lzma decompression could not start"));
+    struct Ender
+    {
+        lzma_stream& s;
+        ~Ender() { lzma_end(&s); }
+    } ender{stream};
+    stream.next_in = in.get();
+    stream.avail_in = have;
+    uint64_t produced = 0;
+    lzma_ret ret = LZMA_OK;
+    for (;;)
+    {
+        if (stream.avail_in == 0 && !ended)
+        {
+            have = 0;
+            if (!sourceFill(inSource, in.get(), bufLen, have, ended))
+                return streamFailure("cond[read]", QStringLiteral("lzma decompression: the input cannot be read"));
+            stream.next_in = in.get();
+            stream.avail_in = have;
+        }
+        stream.next_out = out.get();
+        stream.avail_out = bufLen;
+        ret = lzma_code(&stream, ended ? LZMA_FINISH : LZMA_RUN);
+        const size_t n = bufLen - stream.avail_out;
+        produced += n;
+        // The decoder stops at the stated size itself; this keeps it so whatever it does.
+        if (known && produced > claimed)
+            return streamFailure("cond[produced <= claimedSize]",
+                                 QStringLiteral("lzma decompression: more data than the %1 bytes the header states").arg(claimed));
+        if (n > 0 && (ret == LZMA_OK || ret == LZMA_STREAM_END) && !inSink(out.get(), n))
+        {
+            McResult retVal;
+            retVal.makeBad(1); // the sink has its own reason
+            return retVal;
+        }
+        if (ret != LZMA_OK)
+            break;
+    }
+    if (ret != LZMA_STREAM_END)
+        return streamFailure("cond[ret == LZMA_STREAM_END]", QStringLiteral("lzma decompression: %1").arg(whyOf(ret)));
+    // Whatever follows the end is no part of the item: an endless body behind a short stream.
+    if (stream.avail_in == 0 && !ended)
+    {
+        have = 0;
+        if (!sourceFill(inSource, in.get(), 1, have, ended))
+            return streamFailure("cond[read]", QStringLiteral("lzma decompression: the input cannot be read"));
+        stream.avail_in = have;
+    }
+    if (stream.avail_in > 0)
+        return streamFailure("cond[trailing == 0]", QStringLiteral("lzma decompression: data after the end of the stream"));
+    return McResult();
+}

@@ -17,4 +17,12 @@ McResult lzmaUncompress(McDArray<unsigned char>& outData, const unsigned char* i
 using LzmaSink = std::function<bool(const unsigned char* inData, size_t inSize)>;
 McResult lzmaCompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize);
 McResult lzmaUncompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize);
+
+// Decoding with bounded memory, input and output both piece by piece: inSource fills up to
+// inRoom bytes and returns how many, 0 at the end of the input, -1 when it cannot read (it keeps
+// its own reason). The output never exceeds the size the header states, and nothing may follow
+// the stream's end. Reports nothing itself: the caller decides whether a failure is one (a
+// broken copy that has a fallback is not).
+using LzmaSource = std::function<int64_t(unsigned char* outData, size_t inRoom)>;
+McResult lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource& inSource);
 }

@@ -6,6 +6,8 @@
 #include <QElapsedTimer>
 #include <QFile>
 
+#include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -148,9 +150,10 @@ private:
 
 struct Sink
 {
-    CURL* curl;
+    CURL* curl = nullptr;
     QByteArray path;
-    std::vector<char>* buffer;
+    std::vector<char>* buffer = nullptr;
+    QxDownload::Request* request = nullptr;
     StreamHasher* md5 = nullptr; // only when the caller wants the digest
     bool nameless = false;       // try a file without a name first
     FILE* file = nullptr;
@@ -159,7 +162,49 @@ struct Sink
     bool checked = false;
     bool errorPage = false;
     size_t discarded = 0;
+    long long total = 0;         // bytes of the body written
+    long long maxBytes = -1;
+    std::string head;            // the body's first bytes, while Request::limitOfHead waits for them
+    long long nextCheck = 0;     // when the disk reserve is looked at again
+    bool tooLarge = false;
+    bool noSpace = false;
+    int writeErrno = 0;
+    QString why;
 };
+
+// The limits of a good body: its length against maxBytes (lowered by what its head tells), the
+// disk against the reserve every few MiB. False refuses the bytes, which ends the transfer.
+bool sinkWithinLimits(Sink& inoutSink, const char* inData, size_t inSize)
+{
+    const QxDownload::Request& r = *inoutSink.request;
+    const size_t wanted = r.headBytes > 0 ? static_cast<size_t>(r.headBytes) : 0;
+    if (wanted > 0 && inoutSink.head.size() < wanted)
+    {
+        inoutSink.head.append(inData, std::min(inSize, wanted - inoutSink.head.size()));
+        if (inoutSink.head.size() == wanted && r.limitOfHead)
+        {
+            const long long limit = r.limitOfHead(inoutSink.head.data(), inoutSink.head.size());
+            if (limit >= 0 && (inoutSink.maxBytes < 0 || limit < inoutSink.maxBytes))
+                inoutSink.maxBytes = limit;
+        }
+    }
+    if (inoutSink.maxBytes >= 0 && inoutSink.total + static_cast<long long>(inSize) > inoutSink.maxBytes)
+    {
+        inoutSink.tooLarge = true;
+        inoutSink.why = QStringLiteral("the body is larger than the %1 bytes it can be").arg(inoutSink.maxBytes);
+        return false;
+    }
+    if (r.reserve && inoutSink.total >= inoutSink.nextCheck)
+    {
+        if (!r.reserve->check(::fileno(inoutSink.file), inoutSink.why))
+        {
+            inoutSink.noSpace = true;
+            return false;
+        }
+        inoutSink.nextCheck = inoutSink.total + QxBase::DiskReserve::checkInterval();
+    }
+    return true;
+}
 
 void sinkOpen(Sink& inoutSink)
 {
@@ -217,7 +262,12 @@ size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inSink)
     }
     if (!sink.file)
         return 0;
+    if (!sinkWithinLimits(sink, inData, n))
+        return 0;
     const size_t written = std::fwrite(inData, 1, n, sink.file);
+    if (written < n)
+        sink.writeErrno = errno;
+    sink.total += static_cast<long long>(written);
     if (sink.md5)
         sink.md5->add(inData, written);
     return written;
@@ -231,7 +281,7 @@ struct Transfer
 {
     QxDownload::Request* request = nullptr;
     CURL* curl = nullptr;
-    Sink sink{nullptr, QByteArray(), nullptr};
+    Sink sink;
     std::unique_ptr<StreamHasher> md5;
     QByteArray url;
     char errorText[CURL_ERROR_SIZE] = {0};
@@ -250,14 +300,19 @@ void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffe
     if (inoutBuffer.empty())
         inoutBuffer.resize(1 << 20);
     inoutT.url = inoutRequest.url.toUtf8();
-    inoutT.sink = Sink{inCurl, QFile::encodeName(temp), &inoutBuffer};
+    inoutT.sink = Sink();
+    inoutT.sink.curl = inCurl;
+    inoutT.sink.path = QFile::encodeName(temp);
+    inoutT.sink.buffer = &inoutBuffer;
+    inoutT.sink.request = &inoutRequest;
+    inoutT.sink.maxBytes = inoutRequest.maxBytes;
     inoutT.sink.nameless = inoutRequest.flags & QxDownload::FlagNameless;
     if (inoutRequest.flags & QxDownload::FlagDigest)
     {
         inoutT.md5.reset(new StreamHasher);
         inoutT.sink.md5 = inoutT.md5.get();
     }
-    const int limit = inoutRequest.ms > 0 ? inoutRequest.ms : 60000;
+    const long stallMs = inoutRequest.stallMs > 0 ? inoutRequest.stallMs : 30000;
     CURL* c = inCurl;
     curl_easy_reset(c);
     curl_easy_setopt(c, CURLOPT_URL, inoutT.url.constData());
@@ -266,8 +321,16 @@ void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffe
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, inoutT.errorText);
     curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(c, CURLOPT_MAXREDIRS, 10L);
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(limit));
-    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limit));
+    // A stall is less than a byte a second for that long (libcurl counts in whole seconds); a
+    // slow but steady body runs on.
+    curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, (stallMs + 999) / 1000);
+    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, stallMs);
+    if (inoutRequest.totalMs > 0)
+        curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(inoutRequest.totalMs));
+    // A stated length beyond the limit is refused before a byte is written.
+    if (inoutRequest.maxBytes >= 0)
+        curl_easy_setopt(c, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(inoutRequest.maxBytes));
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
@@ -276,13 +339,6 @@ void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffe
     curl_easy_setopt(c, CURLOPT_USERAGENT, "ksdeploy");
     // Fewer, larger reads for big items.
     curl_easy_setopt(c, CURLOPT_BUFFERSIZE, 256L * 1024L);
-}
-
-long connectionsOf(CURL* inCurl)
-{
-    long made = 0;
-    curl_easy_getinfo(inCurl, CURLINFO_NUM_CONNECTS, &made);
-    return made;
 }
 
 // The verdict of a finished transfer: result, error text, digest and time into its request.
@@ -311,6 +367,12 @@ void transferFinish(Transfer& inoutT)
     int result = QxDownload::ResultOk;
     if (status >= 400)
         result = QxDownload::ResultHttpError;
+    else if (sink.tooLarge || rc == CURLE_FILESIZE_EXCEEDED)
+        result = QxDownload::ResultTooLarge;
+    else if (sink.noSpace)
+        result = QxDownload::ResultNoSpace;
+    else if (rc == CURLE_COULDNT_CONNECT || rc == CURLE_COULDNT_RESOLVE_HOST || rc == CURLE_COULDNT_RESOLVE_PROXY)
+        result = QxDownload::ResultUnreachable;
     else if (rc == CURLE_OPERATION_TIMEDOUT)
         result = QxDownload::ResultTimeout;
     else if ((rc == CURLE_WRITE_ERROR || rc == CURLE_OK) && !written)
@@ -322,8 +384,13 @@ void transferFinish(Transfer& inoutT)
     r.error.clear();
     if (result == QxDownload::ResultHttpError)
         r.error = QStringLiteral("HTTP %1").arg(status);
-    else if (!written)
-        r.error = QStringLiteral("cannot write '%1'").arg(r.destination);
+    else if (result == QxDownload::ResultTooLarge && !sink.tooLarge)
+        r.error = QStringLiteral("the stated length is larger than the %1 bytes the body can be").arg(r.maxBytes);
+    else if (sink.tooLarge || sink.noSpace)
+        r.error = sink.why;
+    else if (!written || sink.writeErrno)
+        r.error = QStringLiteral("cannot write '%1'%2")
+                      .arg(r.destination, sink.writeErrno ? QStringLiteral(": %1").arg(QString::fromLocal8Bit(std::strerror(sink.writeErrno))) : QString());
     else if (rc != CURLE_OK)
         r.error = QString::fromUtf8(inoutT.errorText[0] ? inoutT.errorText : curl_easy_strerror(rc));
     const bool kept = result == QxDownload::ResultOk || result == QxDownload::ResultTimeout;
@@ -349,6 +416,7 @@ void transferFinish(Transfer& inoutT)
     r.md5.clear();
     if (inoutT.md5 && kept)
         r.md5 = inoutT.md5->finish();
+    r.bytes = sink.total;
     r.result = result;
     r.ms = static_cast<int>(inoutT.timer.elapsed());
 }
@@ -434,19 +502,6 @@ void transfersRun(CURLM* inMulti, Transfer& inoutFirst, Transfer* inoutSecond)
 }
 }
 
-int QxDownload::download(const QString& inUrl, const QString& inDestination, int* inoutMs, unsigned inFlags)
-{
-    Request request;
-    request.url = inUrl;
-    request.destination = inDestination;
-    request.flags = inFlags & ~FlagNameless; // nobody here to take the file
-    request.ms = inoutMs ? *inoutMs : 0; // no limit given: the default one
-    download(request);
-    if (inoutMs)
-        *inoutMs = request.ms;
-    return request.result;
-}
-
 void QxDownload::download(Request& inoutRequest)
 {
     inoutRequest.file = -1;
@@ -461,17 +516,12 @@ void QxDownload::download(Request& inoutRequest)
         Transfer t;
         transferStart(t, d->curl[0], d->fileBuffer[0], inoutRequest);
         transfersRun(d->multi, t, nullptr);
-        mConnections += connectionsOf(t.curl);
         transferFinish(t);
     }
-    mLastError = inoutRequest.error;
-    mLastMd5 = inoutRequest.md5;
 }
 
 void QxDownload::downloadPair(Request& inoutFirst, Request& inoutSecond)
 {
-    mLastError.clear();
-    mLastMd5.clear();
     if (!d->multi || !d->curl[0] || !d->curl[1])
     {
         for (Request* r : {&inoutFirst, &inoutSecond})
@@ -487,7 +537,6 @@ void QxDownload::downloadPair(Request& inoutFirst, Request& inoutSecond)
     transferStart(first, d->curl[0], d->fileBuffer[0], inoutFirst);
     transferStart(second, d->curl[1], d->fileBuffer[1], inoutSecond);
     transfersRun(d->multi, first, &second);
-    mConnections += connectionsOf(first.curl) + connectionsOf(second.curl);
     transferFinish(first);
     if (second.dropped)
         transferDrop(second);

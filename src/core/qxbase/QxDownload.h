@@ -1,9 +1,11 @@
 #pragma once
 #include "QxGlobal.h"
 #include "McMD5.h"
+#include "QxDiskReserve.h"
 
 #include <QString>
 
+#include <functional>
 #include <memory>
 
 // Downloads a URL (http, https with certificate checks, file) into a file. Successive
@@ -20,6 +22,12 @@ public:
         ResultWriteError = 4,
         // Of downloadPair's fallback, given up because the preferred answer came good.
         ResultDropped = 5,
+        // No connection could be made (refused, unknown host).
+        ResultUnreachable = 6,
+        // The body grew beyond Request::maxBytes.
+        ResultTooLarge = 7,
+        // The body would have eaten into Request::reserve.
+        ResultNoSpace = 8,
     };
 
     enum Flag
@@ -27,10 +35,9 @@ public:
         // The destination is the caller's own temporary file: written directly, and removed
         // again when the transfer fails. Spares a second temporary name per download.
         FlagInPlace = 1,
-        // The MD5 of the body is computed as it arrives (lastMd5), so nobody reads it again.
+        // The MD5 of the body is computed as it arrives (Request::md5), so nobody reads it again.
         FlagDigest = 2,
-        // With FlagInPlace, for requests (not the plain download call): the body goes into a
-        // file without a name in the destination's folder, handed back open in Request::file
+        // With FlagInPlace: the body goes into a file without a name in the destination's folder, handed back open in Request::file
         // for the caller to name (QxBase::File::linkNameless) once it is found good. Where the
         // file system has no such files, the destination is written in place and
         // Request::file stays -1.
@@ -40,35 +47,37 @@ public:
     // The process-wide instance (so that connections are kept between downloads).
     static QxDownload* createInstance();
 
-    // inoutMs: the time limit in milliseconds on entry, the time taken on return.
-    // The destination is written through a temporary file beside it and renamed into place
-    // once the transfer ended (after a timeout, with what arrived).
-    int download(const QString& inUrl, const QString& inDestination, int* inoutMs, unsigned inFlags = 0);
-    // One download of a pair: what to fetch where, and on return how it went.
+    // One download: what to fetch where, within which limits, and on return how it went.
     struct Request
     {
         QString url;
         QString destination;
         unsigned flags = 0;
-        int ms = 60000;        // the time limit on entry, the time taken on return
+        // No byte for this long ends the transfer as a timeout; also the limit for connecting.
+        int stallMs = 30000;
+        // The whole transfer's limit, 0 for none: a slow but steady line is no fault.
+        int totalMs = 0;
+        // A body longer than this is refused while it arrives (ResultTooLarge); -1 for no limit.
+        long long maxBytes = -1;
+        // Called once the body's first headBytes bytes are in: its answer, when not negative,
+        // lowers maxBytes (a header that tells how large the rest can be).
+        int headBytes = 0;
+        std::function<long long(const char* inHead, size_t inSize)> limitOfHead;
+        // Kept free on the destination's file system while the body arrives (ResultNoSpace).
+        const QxBase::DiskReserve* reserve = nullptr;
+        int ms = 0;            // on return: the time taken
         int result = ResultFailed;
-        QString error;         // as lastError
-        McLib::MD5 md5;        // as lastMd5
+        QString error;         // the failure in words ("HTTP 404", "Couldn't connect to server", ...)
+        McLib::MD5 md5;        // with FlagDigest and a kept body: the MD5 of the bytes written
+        long long bytes = 0;   // the body's bytes written
         int file = -1;         // with FlagNameless and a good result: the nameless file, the caller's to close
     };
-    // The same for a request, which can also hand back a nameless file (FlagNameless).
     void download(Request& inoutRequest);
     // Fetches a preferred copy and its fallback over two connections at once, so that the
     // fallback's answer need not wait for the preferred one's. As soon as the preferred answer
     // turns out good, the fallback is given up (ResultDropped, its file removed); otherwise it
     // runs to its end as download() would have run it.
     void downloadPair(Request& inoutFirst, Request& inoutSecond);
-    // With FlagDigest: the MD5 of the bytes the last download wrote, else all zero.
-    const McLib::MD5& lastMd5() const { return mLastMd5; }
-    // The last failure in words ("HTTP 404", "Couldn't connect to server", ...).
-    QString lastError() const { return mLastError; }
-    // Number of transfers and of new connections made so far (for tests and benchmarks).
-    long long connectionsOpened() const { return mConnections; }
 
     ~QxDownload();
 
@@ -76,7 +85,4 @@ private:
     QxDownload();
     struct Private;
     std::unique_ptr<Private> d;
-    QString mLastError;
-    McLib::MD5 mLastMd5;
-    long long mConnections = 0;
 };

@@ -1,0 +1,157 @@
+// The piecewise LZMA reader: the same bytes whatever the size of the pieces the input comes in,
+// nothing after the stream's end, no report of its own; and every input the fuzzer kept
+// (fuzz/regressions/lzma) replayed.
+#include "KsTestSupport.h"
+#include "Lzma.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <cstring>
+
+using namespace KsDeploy;
+
+namespace
+{
+struct Decoded
+{
+    McResult result;
+    QByteArray out;
+};
+
+Decoded streamDecode(const QByteArray& inData, size_t inPiece)
+{
+    Decoded d;
+    size_t at = 0;
+    const size_t size = static_cast<size_t>(inData.size());
+    d.result = lzmaUncompressStream(
+        [&](const unsigned char* inOut, size_t inSize) {
+            d.out.append(reinterpret_cast<const char*>(inOut), static_cast<qsizetype>(inSize));
+            return d.out.size() <= (8 << 20);
+        },
+        [&](unsigned char* outData, size_t inRoom) -> int64_t {
+            const size_t n = std::min({inRoom, inPiece, size - at});
+            std::memcpy(outData, inData.constData() + at, n);
+            at += n;
+            return static_cast<int64_t>(n);
+        });
+    return d;
+}
+
+Decoded wholeDecode(const QByteArray& inData)
+{
+    Decoded d;
+    d.result = lzmaUncompressTo(
+        [&](const unsigned char* inOut, size_t inSize) {
+            d.out.append(reinterpret_cast<const char*>(inOut), static_cast<qsizetype>(inSize));
+            return d.out.size() <= (8 << 20);
+        },
+        reinterpret_cast<const unsigned char*>(inData.constData()), inData.size());
+    return d;
+}
+
+QByteArray packed(const QByteArray& inPlain)
+{
+    McDArray<unsigned char> out;
+    EXPECT_TRUE(lzmaCompress(out, reinterpret_cast<const unsigned char*>(inPlain.constData()), inPlain.size()).isOk());
+    return QByteArray(reinterpret_cast<const char*>(out.data()), static_cast<qsizetype>(out.size()));
+}
+
+QByteArray text(int inLines)
+{
+    QByteArray t;
+    for (int i = 0; i < inLines; ++i)
+        t += QByteArray::number(i * 7919) + " some words to make it compressible\n";
+    return t;
+}
+}
+
+TEST(LzmaStream, PiecesOfAnySizeGiveTheSameBytes)
+{
+    const QByteArray plain = text(20000);
+    const QByteArray stream = packed(plain);
+    // Pieces smaller than the header, ending inside it, and larger than the reader's buffer.
+    for (size_t piece : {size_t(1), size_t(5), size_t(13), size_t(4096), size_t(3) << 20})
+    {
+        SCOPED_TRACE(piece);
+        const Decoded d = streamDecode(stream, piece);
+        EXPECT_TRUE(d.result.isOk()) << d.result.text();
+        EXPECT_TRUE(d.out == plain);
+    }
+}
+
+TEST(LzmaStream, RefusesWhatFollowsTheEndAndReportsNothing)
+{
+    KsTest::FailureRecorder failures;
+    const QByteArray stream = packed(text(100));
+    const Decoded trailing = streamDecode(stream + QByteArray(1, '\0'), 64);
+    EXPECT_TRUE(trailing.result.isBad());
+    EXPECT_STREQ("lzma decompression: data after the end of the stream", trailing.result.text());
+
+    const Decoded cut = streamDecode(stream.left(stream.size() - 3), 64);
+    EXPECT_STREQ("lzma decompression: truncated data", cut.result.text());
+
+    // A source that cannot read, and a sink that gives up: failures, not hangs.
+    const McResult unreadable = lzmaUncompressStream([](const unsigned char*, size_t) { return true; },
+                                                     [](unsigned char*, size_t) -> int64_t { return -1; });
+    EXPECT_STREQ("lzma decompression: the input cannot be read", unreadable.text());
+    size_t at = 0;
+    const McResult stopped = lzmaUncompressStream(
+        [](const unsigned char*, size_t) { return false; },
+        [&](unsigned char* outData, size_t inRoom) -> int64_t {
+            const size_t n = std::min(inRoom, static_cast<size_t>(stream.size()) - at);
+            std::memcpy(outData, stream.constData() + at, n);
+            at += n;
+            return static_cast<int64_t>(n);
+        });
+    EXPECT_TRUE(stopped.isBad());
+    // The caller decides what is a failure: a broken copy with a fallback is none.
+    EXPECT_TRUE(failures.failures().empty());
+}
+
+TEST(LzmaRegressions, EveryKeptInputIsReadAsItsNameSays)
+{
+    // The fuzzer's format: one byte choosing the piece size, then the ".lzma" bytes. Inputs named
+    // "bad-..." must be refused, "good-..." accepted; all keep the fuzzer's rules.
+    QDirIterator it(QStringLiteral(KSDEPLOY_SOURCE_DIR "/fuzz/regressions/lzma"), QDir::Files);
+    int replayed = 0;
+    while (it.hasNext())
+    {
+        const QString path = it.next();
+        const QString name = QFileInfo(path).fileName();
+        SCOPED_TRACE(name.toStdString());
+        const QByteArray input = KsTest::readFile(path);
+        ASSERT_FALSE(input.isEmpty());
+        const size_t piece = 1 + static_cast<unsigned char>(input[0]) % 97;
+        const QByteArray data = input.mid(1);
+        const Decoded streamed = streamDecode(data, piece);
+        const Decoded whole = wholeDecode(data);
+        if (data.size() >= 13)
+        {
+            quint64 claimed = 0;
+            for (int i = 0; i < 8; ++i)
+                claimed |= static_cast<quint64>(static_cast<unsigned char>(data[5 + i])) << (8 * i);
+            if (claimed != ~quint64(0))
+            {
+                EXPECT_LE(static_cast<quint64>(streamed.out.size()), claimed);
+            }
+        }
+        if (streamed.result.isOk())
+        {
+            EXPECT_TRUE(whole.result.isOk());
+            EXPECT_TRUE(whole.out == streamed.out);
+        }
+        if (name.startsWith(QLatin1String("bad-")))
+        {
+            EXPECT_TRUE(streamed.result.isBad());
+        }
+        if (name.startsWith(QLatin1String("good-")))
+        {
+            EXPECT_TRUE(streamed.result.isOk()) << streamed.result.text();
+        }
+        ++replayed;
+    }
+    EXPECT_GE(replayed, 4);
+}
