@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "Engine.h"
+#include "Configuration.h"
+#include "ResourceFactory.h"
 
 #include <algorithm>
 #include <atomic>
@@ -71,6 +73,121 @@ void Resource::notifyDelete()
 }
 
 McResult Resource::scan() { return McResult(); }
+
+namespace
+{
+QString controlProblem(const QString& inText)
+{
+    for (const QChar c : inText)
+    {
+        const ushort u = c.unicode();
+        if (u < 0x20 || (u >= 0x7f && u < 0xa0))
+            return QStringLiteral("holds the control character 0x%1").arg(u, 2, 16, QLatin1Char('0'));
+    }
+    return QString();
+}
+
+// A whole path may hold separators, but never a step up.
+QString pathProblem(const QString& inPath, QChar inSeparator)
+{
+    const QString control = controlProblem(inPath);
+    if (!control.isEmpty())
+        return control;
+    for (const QString& part : inPath.split(inSeparator))
+        if (part == QLatin1String(".."))
+            return QStringLiteral("holds a \"..\" component");
+    return QString();
+}
+
+QString ruleProblem(Resource::NameRule inRule, const QString& inName)
+{
+    switch (inRule)
+    {
+    case Resource::NameFolderRoot:
+        return pathProblem(inName, QLatin1Char('/'));
+    case Resource::NameKeyRoot:
+        return pathProblem(inName, QLatin1Char('\\'));
+    case Resource::NameFile:
+    case Resource::NameKey:
+        // An empty name gives an empty path, which the resource itself refuses.
+        return inName.isEmpty() ? QString() : Resource::nameComponentProblem(inName);
+    case Resource::NameValue:
+        return controlProblem(inName);
+    case Resource::NameFree:
+        break;
+    }
+    return QString();
+}
+
+QString describe(const Resource& inResource)
+{
+    return QStringLiteral("%1 %2").arg(ResourceFactory::className(&inResource),
+                                       inResource.uuid().toString(QUuid::WithBraces));
+}
+
+std::string detailOf(const QString& inText, const QString& inProblem)
+{
+    return mcMessageText(QStringLiteral("%1: %2").arg(inText, inProblem));
+}
+}
+
+QString Resource::nameComponentProblem(const QString& inName)
+{
+    if (inName == QLatin1String(".") || inName == QLatin1String(".."))
+        return QStringLiteral("is not one path component (it is \"%1\")").arg(inName);
+    if (inName.contains(QLatin1Char('/')))
+        return QStringLiteral("is not one path component (it holds '/')");
+    if (inName.contains(QLatin1Char('\\')))
+        return QStringLiteral("is not one path component (it holds '\\')");
+    return controlProblem(inName);
+}
+
+McResult Resource::nameCheck() const
+{
+    McResult retVal;
+    const QString problem = ruleProblem(nameRule(), name());
+    MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(name(), describe(*this)),
+                    detailOf(name(), problem));
+    return retVal;
+}
+
+McResult Resource::nameResolvableCheck() const
+{
+    Configuration& configuration = Engine::instance().configuration();
+    QString resolved = name();
+    if (configuration.resolveQuietly(resolved))
+        return McResult();
+    // Reported once, by the resolution itself, with the keys that have no value.
+    QString again = name();
+    return configuration.resolve(again);
+}
+
+McResult Resource::pathCheck() const
+{
+    McResult retVal;
+    const NameRule rule = nameRule();
+    if (rule == NameFree)
+        return retVal;
+    QString resolved = name();
+    Engine::instance().configuration().resolveQuietly(resolved);
+    QString problem = ruleProblem(rule, resolved);
+    if (problem.isEmpty() && rule == NameFolderRoot && !resolved.startsWith(QLatin1Char('/')))
+        problem = QStringLiteral("is not an absolute path");
+    if (MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(name(), describe(*this)),
+                        detailOf(resolved, problem)))
+        return retVal;
+    if (rule != NameFolderRoot && rule != NameFile)
+        return retVal;
+    // The whole path once more, in case a name's pieces only together form a step up.
+    const QString full = path();
+    if (full.isEmpty())
+        return retVal;
+    problem = full.startsWith(QLatin1Char('/')) ? pathProblem(full, QLatin1Char('/'))
+                                                : QStringLiteral("is not an absolute path");
+    MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused path of %1").arg(describe(*this)),
+                    detailOf(full, problem));
+    return retVal;
+}
 QString Resource::path() const { return QString(); }
 
 void KsDeploy::propertyTableInsert(Resource::PropertyTable& inoutTable, const char* inName,

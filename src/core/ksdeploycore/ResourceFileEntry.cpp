@@ -8,9 +8,13 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
+
 using namespace KsDeploy;
 
 ResourceFileEntry::~ResourceFileEntry() = default;
+
+Resource::NameRule ResourceFileEntry::nameRule() const { return NameFile; }
 
 const Resource::PropertyTable& ResourceFileEntry::properties() const
 {
@@ -154,9 +158,15 @@ McResult ResourceFileEntry::verify()
         MC_CHECK_TEXT(retVal, !info.exists(), "!qFile.exists()", "Internal Error");
         return retVal;
     }
-    if (MC_CHECK_TEXT(retVal, info.exists(), "qFile.exists()", "Internal Error"))
+    if (!info.exists())
+    {
+        const QFile qFile(fullPath);
+        MC_CHECK_DETAIL(retVal, qFile.exists(), "Internal Error", McLib::osDetail(mcMessageText(fullPath), ENOENT));
         return retVal;
+    }
     const McLib::MD5 md5Scanned = scanFile(fullPath);
-    MC_CHECK(retVal, md5Scanned==bufferId().md5(), QStringLiteral("content differs: '%1'").arg(fullPath));
+    MC_CHECK_DETAIL(retVal, md5Scanned==bufferId().md5(), "Internal Error",
+                    mcMessageText(QStringLiteral("%1: content differs (MD5 %2, expected %3)")
+                                      .arg(fullPath, BufferID(md5Scanned).toString(), bufferId().toString())));
     return retVal;
 }
