@@ -7,6 +7,8 @@
 #include "Configuration.h"
 #include "ResourceFactory.h"
 
+#include <QFileInfo>
+
 #include <algorithm>
 #include <atomic>
 
@@ -76,14 +78,26 @@ McResult Resource::scan() { return McResult(); }
 
 namespace
 {
+bool isControl(QChar inChar)
+{
+    const ushort u = inChar.unicode();
+    return u < 0x20 || (u >= 0x7f && u < 0xa0);
+}
+
+// A name as it can be shown on one line: control characters written as \xNN.
+QString printable(const QString& inText)
+{
+    QString out;
+    for (const QChar c : inText)
+        out += isControl(c) ? QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0')) : QString(c);
+    return out;
+}
+
 QString controlProblem(const QString& inText)
 {
     for (const QChar c : inText)
-    {
-        const ushort u = c.unicode();
-        if (u < 0x20 || (u >= 0x7f && u < 0xa0))
-            return QStringLiteral("holds the control character 0x%1").arg(u, 2, 16, QLatin1Char('0'));
-    }
+        if (isControl(c))
+            return QStringLiteral("holds the control character 0x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
     return QString();
 }
 
@@ -127,8 +141,20 @@ QString describe(const Resource& inResource)
 
 std::string detailOf(const QString& inText, const QString& inProblem)
 {
-    return mcMessageText(QStringLiteral("%1: %2").arg(inText, inProblem));
+    return mcMessageText(QStringLiteral("%1: %2").arg(printable(inText), inProblem));
 }
+}
+
+bool Resource::folderIsSymbolicLink(const QString& inPath)
+{
+    const QFileInfo info(inPath);
+    if (!info.isSymLink())
+        return false;
+    McResult report;
+    MC_CHECK_DETAIL(report, !info.isSymLink(), "refused to use a symbolic link as a folder",
+                    mcMessageText(QStringLiteral("%1: a symbolic link to %2; links are never followed")
+                                      .arg(inPath, info.symLinkTarget())));
+    return true;
 }
 
 QString Resource::nameComponentProblem(const QString& inName)
@@ -146,7 +172,7 @@ McResult Resource::nameCheck() const
 {
     McResult retVal;
     const QString problem = ruleProblem(nameRule(), name());
-    MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(name(), describe(*this)),
+    MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(printable(name()), describe(*this)),
                     detailOf(name(), problem));
     return retVal;
 }
@@ -173,11 +199,14 @@ McResult Resource::pathCheck() const
     QString problem = ruleProblem(rule, resolved);
     if (problem.isEmpty() && rule == NameFolderRoot && !resolved.startsWith(QLatin1Char('/')))
         problem = QStringLiteral("is not an absolute path");
-    if (MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(name(), describe(*this)),
+    if (MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(printable(name()), describe(*this)),
                         detailOf(resolved, problem)))
         return retVal;
     if (rule != NameFolderRoot && rule != NameFile)
         return retVal;
+    // Where the product's files go is looked at before any of them is fetched.
+    if (rule == NameFolderRoot && folderIsSymbolicLink(resolved))
+        return retVal.makeBad(1);
     // The whole path once more, in case a name's pieces only together form a step up.
     const QString full = path();
     if (full.isEmpty())

@@ -58,6 +58,8 @@ public:
     // Refuses a resolved name that does not fit its rule, and a resolved file-system path that
     // is not absolute or holds "..": asked before anything of a product is touched.
     McResult pathCheck() const;
+    // True, after saying so, when a folder's path is a symbolic link: it is never followed.
+    static bool folderIsSymbolicLink(const QString& inPath);
 
     QString name() const { return mName; }
     void nameSet(const QString& inName)

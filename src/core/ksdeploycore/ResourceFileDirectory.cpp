@@ -57,19 +57,7 @@ namespace
 {
 // A link or junction in the place of a directory is never followed. The refusal's result has no
 // message; what the user reads is reported beside it.
-bool refused(const QString& inPath)
-{
-    if (inPath.isEmpty())
-        return true;
-    const QFileInfo info(inPath);
-    if (!info.isSymLink())
-        return false;
-    McResult report;
-    MC_CHECK_DETAIL(report, !info.isSymLink(), QStringLiteral("refused to use a symbolic link as a folder"),
-                    mcMessageText(QStringLiteral("%1: a symbolic link to %2; links are never followed")
-                                      .arg(inPath, info.symLinkTarget())));
-    return true;
-}
+bool refused(const QString& inPath) { return inPath.isEmpty() || Resource::folderIsSymbolicLink(inPath); }
 
 McResult bad()
 {
