@@ -169,7 +169,8 @@ McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
     if (MC_CHECK(retVal, dir.exists(), inDirPath))
         return retVal;
     QFile file(QStringLiteral("%1/%2").arg(dir.canonicalPath(), QUuid::createUuid().toString(QUuid::WithBraces)));
-    if (MC_CHECK(retVal, file.open( QIODevice::ReadWrite ), file.fileName()))
+    if (MC_CHECK_DETAIL(retVal, file.open( QIODevice::ReadWrite ), file.fileName(),
+                        mcMessageText(QStringLiteral("%1: %2").arg(inDirPath, file.errorString()))))
         return retVal;
     retVal << QxBase::File::writeAll(file, QByteArray("ThisIsATest"));
     file.close();
@@ -180,7 +181,8 @@ McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
     }
     if (MC_CHECK(retVal, file.exists(), file.fileName()))
         return retVal;
-    if (MC_CHECK(retVal, file.remove(), file.fileName()))
+    if (MC_CHECK_DETAIL(retVal, file.remove(), file.fileName(),
+                        mcMessageText(QStringLiteral("%1: %2").arg(file.fileName(), file.errorString()))))
         return retVal;
     MC_CHECK(retVal, !file.exists(), file.fileName());
     return retVal;
