@@ -336,7 +336,7 @@ class UnresolvedConfigurationTest(HostileCase):
         d.file("f", d.root, self.PAYLOAD)
         r = self.load_and(d.xml(), "install", "A=${B}", "B=${A}")
         self.assertFails(r)
-        self.assertIn("never settle (they refer to each other)", r.err)
+        self.assertRegex(r.err, r"\n  \$\{A\}: [AB] never settles \(its value leads back to itself\)\n")
         self.assertFalse(os.path.exists(self.target))
 
 

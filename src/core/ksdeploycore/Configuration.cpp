@@ -248,7 +248,7 @@ std::string Configuration::unresolvedDetail(const QString& inGiven, const QStrin
     if (!missing.isEmpty())
         why = QStringLiteral("no value for %1").arg(missing.join(QLatin1String(", ")));
     if (!cyclic.isEmpty())
-        why += QStringLiteral("%1the values of %2 never settle (they refer to each other)").arg(why.isEmpty() ? QString() : QStringLiteral("; "),
+        why += QStringLiteral("%1%2 never settles (its value leads back to itself)").arg(why.isEmpty() ? QString() : QStringLiteral("; "),
                                                               cyclic.join(QLatin1String(", ")));
     if (why.isEmpty())
         why = QStringLiteral("an unterminated reference");
