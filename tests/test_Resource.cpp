@@ -207,6 +207,10 @@ TEST_F(ResourceTest, NamesCannotLeaveTheirRoot)
     EXPECT_TRUE(sub->nameCheck().isOk());
     sub->nameSet("/opt/../etc");
     EXPECT_TRUE(sub->nameCheck().isBad());
+    sub->nameSet("/opt/..");
+    EXPECT_TRUE(sub->nameCheck().isBad());
+    sub->nameSet("/opt/a..b/..c/d..");
+    EXPECT_TRUE(sub->nameCheck().isOk()) << "dots inside a name are no step up";
     sub->nameSet("bin");
     sub->containerSet(root);
 

@@ -107,9 +107,14 @@ QString pathProblem(const QString& inPath, QChar inSeparator)
     const QString control = controlProblem(inPath);
     if (!control.isEmpty())
         return control;
-    for (const QString& part : inPath.split(inSeparator))
-        if (part == QLatin1String(".."))
+    // Looked for in place: this runs for every file of a product.
+    for (qsizetype at = inPath.indexOf(QLatin1String("..")); at >= 0; at = inPath.indexOf(QLatin1String(".."), at + 1))
+    {
+        const bool starts = at == 0 || inPath.at(at - 1) == inSeparator;
+        const bool ends = at + 2 == inPath.size() || inPath.at(at + 2) == inSeparator;
+        if (starts && ends)
             return QStringLiteral("holds a \"..\" component");
+    }
     return QString();
 }
 
