@@ -8,6 +8,8 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <cerrno>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -237,4 +239,33 @@ TEST_F(QxFileTest, LinkNamelessNamesAFileOnlyOnceAndReplacesOnlyWhenAsked)
     EXPECT_EQ(QByteArray("third"), KsTest::readFile(path("item")));
     // No second name is left behind, and a file never named is gone with its descriptor.
     EXPECT_EQ(QStringList({"item"}), tree(mDir.path()));
+}
+
+TEST_F(QxFileTest, MakePathNamesWhatStoodInTheWay)
+{
+    QFile blocker(path("file"));
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    QString failed;
+    errno = 0;
+    EXPECT_FALSE(File::makePath(path("file/sub/deeper"), &failed));
+    EXPECT_EQ(ENOTDIR, errno);
+    EXPECT_EQ(path("file"), failed) << "the file in the way, not the folder that could not be looked at";
+    errno = 0;
+    EXPECT_FALSE(File::makePath(path("file"), &failed));
+    EXPECT_EQ(ENOTDIR, errno);
+    EXPECT_EQ(path("file"), failed);
+
+    // A folder that may not be written: the folder that could not be made is named.
+    ASSERT_TRUE(QDir().mkpath(path("closed")));
+    ASSERT_EQ(0, ::chmod(QFile::encodeName(path("closed")).constData(), 0500));
+    const bool bites = ::access(QFile::encodeName(path("closed")).constData(), W_OK) != 0;
+    if (bites)
+    {
+        EXPECT_FALSE(File::makePath(path("closed/a/b"), &failed));
+        EXPECT_EQ(EACCES, errno);
+        EXPECT_EQ(path("closed/a"), failed);
+    }
+    ::chmod(QFile::encodeName(path("closed")).constData(), 0700);
+    EXPECT_TRUE(File::makePath(path("closed/a/b"), &failed));
 }

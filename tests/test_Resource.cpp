@@ -240,3 +240,71 @@ TEST_F(ResourceTest, PathsResolveThroughTheConfiguration)
     ASSERT_EQ(1u, failures.failures().size());
     EXPECT_EQ("cond[myDir.isNotNull()]", failures.failures()[0].condition);
 }
+
+TEST_F(ResourceTest, NamesCannotLeaveTheirRoot)
+{
+    KsTest::FailureRecorder failures;
+    Configuration& configuration = Engine::instance().configuration();
+    configuration.valueSet("APP", "/opt/app", false);
+    McHandle<ResourceFileDirectory> root(new ResourceFileDirectory);
+    root->nameSet("${APP}");
+    McHandle<ResourceFileDirectory> sub(new ResourceFileDirectory);
+    sub->nameSet("bin");
+    sub->containerSet(root);
+    McHandle<ResourceFileEntry> file(new ResourceFileEntry);
+    file->nameSet("tool");
+    file->containerSet(sub);
+    for (Resource* r : {static_cast<Resource*>(root.ptr()), static_cast<Resource*>(sub.ptr()), static_cast<Resource*>(file.ptr())})
+    {
+        EXPECT_TRUE(r->nameCheck().isOk());
+        EXPECT_TRUE(r->nameResolvableCheck().isOk());
+        EXPECT_TRUE(r->pathCheck().isOk());
+    }
+    EXPECT_TRUE(failures.failures().empty());
+
+    // A root is a whole path; the same name below a root is refused.
+    sub->nameSet("a/b");
+    EXPECT_TRUE(sub->nameCheck().isBad());
+    sub->containerSet(McHandle<ResourceFileDirectory>());
+    EXPECT_TRUE(sub->nameCheck().isOk());
+    sub->nameSet("/opt/../etc");
+    EXPECT_TRUE(sub->nameCheck().isBad());
+    sub->nameSet("/opt/..");
+    EXPECT_TRUE(sub->nameCheck().isBad());
+    sub->nameSet("/opt/a..b/..c/d..");
+    EXPECT_TRUE(sub->nameCheck().isOk()) << "dots inside a name are no step up";
+    sub->nameSet("bin");
+    sub->containerSet(root);
+
+    // A value is judged by what it becomes.
+    file->nameSet("${F}");
+    configuration.valueSet("F", "../../etc/passwd", false);
+    EXPECT_TRUE(file->nameCheck().isOk());
+    EXPECT_TRUE(file->nameResolvableCheck().isOk());
+    failures.clear();
+    const McResult refused = file->pathCheck();
+    EXPECT_TRUE(refused.isBad());
+    EXPECT_STREQ("../../etc/passwd: is not one path component (it holds '/')", refused.detail());
+    configuration.valueClear("F");
+    EXPECT_TRUE(file->nameResolvableCheck().isBad());
+    ASSERT_FALSE(failures.failures().empty());
+    EXPECT_EQ("${F}: no value for F", failures.failures().back().detail);
+
+    // A relative root would install wherever the program happens to run.
+    configuration.valueSet("APP", "opt/app", false);
+    EXPECT_TRUE(root->pathCheck().isBad());
+
+    McHandle<ResourceRegistryKey> hive(new ResourceRegistryKey);
+    hive->nameSet("HKEY_CURRENT_USER\\Software");
+    McHandle<ResourceRegistryKey> key(new ResourceRegistryKey);
+    key->nameSet("Vendor\\..\\Other");
+    key->containerSet(hive);
+    McHandle<ResourceRegistryValue> value(new ResourceRegistryValue);
+    value->nameSet("C:\\lib\\shared.dll");
+    value->containerSet(key);
+    EXPECT_TRUE(hive->nameCheck().isOk());
+    EXPECT_TRUE(key->nameCheck().isBad());
+    EXPECT_TRUE(value->nameCheck().isOk());
+    value->nameSet(QStringLiteral("tab\there"));
+    EXPECT_TRUE(value->nameCheck().isBad());
+}

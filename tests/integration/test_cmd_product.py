@@ -96,7 +96,8 @@ class ProductTest(ksharness.KsTestCase):
                 self.write("target/lib/data.bin", b"damaged")
                 r = self.product("verify")
                 self.assertFails(r)
-                self.assertIn("error: content differs: '%s'" % self.path("target/lib/data.bin"), r.err)
+                self.assertIn("error: Internal Error\n  %s: content differs (MD5 %s, expected %s)\n"
+                              % (self.path("target/lib/data.bin"), md5(b"damaged"), md5(FILES["lib/data.bin"])), r.err)
                 self.assertOk(self.install())
                 self.assertInstalled()
 

@@ -37,7 +37,7 @@ QHash<QString, MemoEntry>& memo()
 
 // Hashes what the open descriptor reads, in 1 MiB blocks. The checks keep the texts callers
 // know from reading through a file object.
-McLib::MD5 hashDescriptor(int inFd, McResult& outResult)
+McLib::MD5 hashDescriptor(int inFd, const QString& inPath, McResult& outResult)
 {
     McLib::MD5 result;
     McCoder coder;
@@ -53,7 +53,7 @@ McLib::MD5 hashDescriptor(int inFd, McResult& outResult)
         ssize_t numBytesRead = ::read(inFd, buf, static_cast<size_t>(bufLen));
         if (numBytesRead < 0 && errno == EINTR)
             continue;
-        if (MC_CHECK(outResult, numBytesRead>=0, "Internal Error"))
+        if (MC_CHECK_DETAIL(outResult, numBytesRead>=0, "Internal Error", McLib::osDetail(mcMessageText(inPath), errno)))
             return McLib::MD5();
         if (numBytesRead == 0)
             break;
@@ -70,18 +70,24 @@ McLib::MD5 KsDeploy::scanFile(const QString& inFilePath)
     // One descriptor serves the existence check, the stamp before and after, and the reading:
     // verifying a product of many files then costs no extra look-ups by name.
     const int fd = QxBase::File::openForReading(inFilePath);
+    const int openErrno = errno;
     const bool missing = fd < 0 && (errno == ENOENT || errno == ENOTDIR);
     MC_DBC_TEXT(DbCPrecondition, !missing, "QFile::exists(inFilePath)");
     McResult retVal;
     McLib::MD5 md5;
     do
     {
-        if (MC_CHECK_TEXT(retVal, !missing, "qFile.exists()", "Internal Error"))
+        const auto why = [&] { return McLib::osDetail(mcMessageText(inFilePath), fd < 0 ? openErrno : EISDIR); };
+        // The condition texts are those of reading through a file object; the line under them
+        // says why this one could not be read.
+        if (::McLib::checkStep(retVal, !missing, __LINE__, __FILE__, __PRETTY_FUNCTION__, "Internal Error",
+                               "cond[qFile.exists()]", false, missing ? why() : std::string()))
             break;
         // A folder opens here, but it is no file to hash.
         FileStamp before;
         const bool isFile = fd >= 0 && QxBase::File::stampOf(fd, before);
-        if (MC_CHECK_TEXT(retVal, isFile, "qFile.open(QIODevice::ReadOnly)", "Internal Error"))
+        if (::McLib::checkStep(retVal, isFile, __LINE__, __FILE__, __PRETTY_FUNCTION__, "Internal Error",
+                               "cond[qFile.open(QIODevice::ReadOnly)]", false, isFile ? std::string() : why()))
             break;
         auto it = memo().constFind(inFilePath);
         if (it != memo().constEnd() && it.value().stamp == before)
@@ -90,7 +96,7 @@ McLib::MD5 KsDeploy::scanFile(const QString& inFilePath)
             break;
         }
         ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-        md5 = hashDescriptor(fd, retVal);
+        md5 = hashDescriptor(fd, inFilePath, retVal);
         // Remember it only when the file did not change while it was read.
         FileStamp after;
         if (!md5.isNull() && QxBase::File::stampOf(fd, after) && after == before)
@@ -241,7 +247,8 @@ McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
     if (MC_CHECK(retVal, dir.exists(), inDirPath))
         return retVal;
     QFile file(QStringLiteral("%1/%2").arg(dir.canonicalPath(), QUuid::createUuid().toString(QUuid::WithBraces)));
-    if (MC_CHECK(retVal, file.open( QIODevice::ReadWrite ), file.fileName()))
+    if (MC_CHECK_DETAIL(retVal, file.open( QIODevice::ReadWrite ), file.fileName(),
+                        mcMessageText(QStringLiteral("%1: %2").arg(inDirPath, file.errorString()))))
         return retVal;
     retVal << QxBase::File::writeAll(file, QByteArray("ThisIsATest"));
     file.close();
@@ -252,7 +259,8 @@ McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
     }
     if (MC_CHECK(retVal, file.exists(), file.fileName()))
         return retVal;
-    if (MC_CHECK(retVal, file.remove(), file.fileName()))
+    if (MC_CHECK_DETAIL(retVal, file.remove(), file.fileName(),
+                        mcMessageText(QStringLiteral("%1: %2").arg(file.fileName(), file.errorString()))))
         return retVal;
     MC_CHECK(retVal, !file.exists(), file.fileName());
     return retVal;

@@ -202,6 +202,59 @@ void Configuration::substituteDefined(QString& inoutExpression) const
     inoutExpression = out;
 }
 
+bool Configuration::resolveQuietly(QString& inoutExpression) const
+{
+    // As many passes as resolve allows; a cycle ends unresolved.
+    for (int pass = 0; pass <= 1000 && !isResolved(inoutExpression); ++pass)
+    {
+        const QString before = inoutExpression;
+        substituteDefined(inoutExpression);
+        if (inoutExpression == before)
+            break;
+    }
+    return isResolved(inoutExpression);
+}
+
+QStringList Configuration::unresolvedKeys(const QString& inExpression) const
+{
+    QStringList keys;
+    const QLatin1String open("${");
+    qsizetype start = inExpression.indexOf(open);
+    while (start >= 0)
+    {
+        const qsizetype end = inExpression.indexOf(QLatin1Char('}'), start + 2);
+        if (end < 0)
+            break;
+        const qsizetype inner = inExpression.indexOf(open, start + 2);
+        if (inner >= 0 && inner < end)
+        {
+            start = inner;
+            continue;
+        }
+        const QString key = inExpression.mid(start + 2, end - start - 2);
+        if (!keys.contains(key))
+            keys.append(key);
+        start = inExpression.indexOf(open, end + 1);
+    }
+    return keys;
+}
+
+std::string Configuration::unresolvedDetail(const QString& inGiven, const QString& inLeft) const
+{
+    QStringList missing, cyclic;
+    for (const QString& key : unresolvedKeys(inLeft))
+        (valueIsDefined(key) ? cyclic : missing).append(key);
+    QString why;
+    if (!missing.isEmpty())
+        why = QStringLiteral("no value for %1").arg(missing.join(QLatin1String(", ")));
+    if (!cyclic.isEmpty())
+        why += QStringLiteral("%1%2 never settles (its value leads back to itself)").arg(why.isEmpty() ? QString() : QStringLiteral("; "),
+                                                              cyclic.join(QLatin1String(", ")));
+    if (why.isEmpty())
+        why = QStringLiteral("an unterminated reference");
+    return mcMessageText(QStringLiteral("%1: %2").arg(inGiven, why));
+}
+
 McResult Configuration::resolve(QString& inoutExpression)
 {
     const QString given = inoutExpression;
@@ -237,7 +290,8 @@ McResult Configuration::resolve(QString& inoutExpression)
         if (inoutExpression == before)
             break;
     }
-    if (MC_CHECK(retVal, isResolved(inoutExpression), "Internal Error"))
+    // Our line under the report names the keys that have no value.
+    if (MC_CHECK_DETAIL(retVal, isResolved(inoutExpression), "Internal Error", unresolvedDetail(given, inoutExpression)))
         engine.trace(McLogLevelError, QStringLiteral("resolve(): unable to resolve: [%1]").arg(given));
     MC_DBC_TEXT(DbCPostcondition, !retVal.isOk() || isResolved(inoutExpression),
                 "ifThen( retVal.isOk(), isResolved(inoutExpression) )");

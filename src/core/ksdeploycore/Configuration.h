@@ -5,6 +5,9 @@
 #include <QList>
 #include <QPair>
 #include <QString>
+#include <QStringList>
+
+#include <string>
 
 namespace KsDeploy
 {
@@ -96,9 +99,16 @@ public:
     bool isResolved(const QString& inExpression) const;
     McResult resolve(QString& inoutExpression);
     McResult resolve(QString& inoutExpression, const QString& inTargetKey);
+    // Resolves as far as the defined values allow without reporting anything; true when the
+    // result holds no reference any more. For checking many texts before any of them is used.
+    bool resolveQuietly(QString& inoutExpression) const;
+    // The keys of the references left in a text, each once, in order of appearance.
+    QStringList unresolvedKeys(const QString& inExpression) const;
 
 private:
     void substituteDefined(QString& inoutExpression) const;
+    // "<text>: no value for KEY", the line under a failed resolution.
+    std::string unresolvedDetail(const QString& inGiven, const QString& inLeft) const;
     QHash<QString, QPair<bool, QString>> mListOfValue;
 };
 }

@@ -63,6 +63,25 @@ struct ProductGraph
 };
 }
 
+namespace
+{
+// Plan first, then act: every name of the product resolved and every path checked, before a
+// plugin is asked, a snapshot taken, a byte downloaded or a file touched. Stops at the first
+// refusal, so a forgotten value is one report, not one per file.
+McResult productPlan(const Engine& inEngine, const QString& inKey)
+{
+    McResult retVal;
+    McDArray<McHandle<Resource>> all;
+    inEngine.productResources(inKey, all);
+    // Names first: a path built on an unresolved folder would fail once for each file in it.
+    for (int64_t i = 0; i < all.size() && retVal.isOk(); ++i)
+        retVal << all[i]->nameResolvableCheck();
+    for (int64_t i = 0; i < all.size() && retVal.isOk(); ++i)
+        retVal << all[i]->pathCheck();
+    return retVal;
+}
+}
+
 McHandle<ResourceProduct> Engine::productResource(const QString& inKey) const
 {
     // Of several products with the key, the one registered last.
@@ -118,6 +137,8 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
     RegistryTransaction registryChanges;
     const McHandle<ResourceProduct> resProduct = productResource(inKey);
     if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    if (!inRollbackMode && (retVal << productPlan(*this, inKey)).isBad())
         return retVal;
 
     if (!inRollbackMode)
@@ -306,6 +327,8 @@ McResult Engine::productUninstall(const QString& inKey)
     const McHandle<ResourceProduct> resProduct = productResource(inKey);
     if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
         return retVal;
+    if ((retVal << productPlan(*this, inKey)).isBad())
+        return retVal;
     retVal << productTransactionBegin(inKey);
     if (retVal.isOk())
     {
@@ -328,7 +351,7 @@ McResult Engine::productUninstall(const QString& inKey)
             Resource* r = graph.nodes[static_cast<size_t>(inIndex)];
             if (r->deleteOnUninstall())
             {
-                trace(McLogLevelInfo, QStringLiteral("uninstall: ") + r->path());
+                trace(McLogLevelInfo, QStringLiteral("uninstall:") + r->path());
                 retVal << r->uninstall();
             }
             progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
@@ -372,6 +395,8 @@ McResult Engine::productVerify(const QString& inKey)
     McResult retVal;
     const McHandle<ResourceProduct> resProduct = productResource(inKey);
     if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    if ((retVal << productPlan(*this, inKey)).isBad())
         return retVal;
     progress().taskStartNext(tr("Verification"));
     McDArray<McHandle<Resource>> all;

@@ -4,6 +4,10 @@
 #include <vector>
 
 #include "Engine.h"
+#include "Configuration.h"
+#include "ResourceFactory.h"
+
+#include <QFileInfo>
 
 #include <algorithm>
 #include <atomic>
@@ -71,6 +75,153 @@ void Resource::notifyDelete()
 }
 
 McResult Resource::scan() { return McResult(); }
+
+namespace
+{
+bool isControl(QChar inChar)
+{
+    const ushort u = inChar.unicode();
+    return u < 0x20 || (u >= 0x7f && u < 0xa0);
+}
+
+// A name as it can be shown on one line: control characters written as \xNN.
+QString printable(const QString& inText)
+{
+    QString out;
+    for (const QChar c : inText)
+        out += isControl(c) ? QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0')) : QString(c);
+    return out;
+}
+
+QString controlProblem(const QString& inText)
+{
+    for (const QChar c : inText)
+        if (isControl(c))
+            return QStringLiteral("holds the control character 0x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
+    return QString();
+}
+
+// A whole path may hold separators, but never a step up.
+QString pathProblem(const QString& inPath, QChar inSeparator)
+{
+    const QString control = controlProblem(inPath);
+    if (!control.isEmpty())
+        return control;
+    // Looked for in place: this runs for every file of a product.
+    for (qsizetype at = inPath.indexOf(QLatin1String("..")); at >= 0; at = inPath.indexOf(QLatin1String(".."), at + 1))
+    {
+        const bool starts = at == 0 || inPath.at(at - 1) == inSeparator;
+        const bool ends = at + 2 == inPath.size() || inPath.at(at + 2) == inSeparator;
+        if (starts && ends)
+            return QStringLiteral("holds a \"..\" component");
+    }
+    return QString();
+}
+
+QString ruleProblem(Resource::NameRule inRule, const QString& inName)
+{
+    switch (inRule)
+    {
+    case Resource::NameFolderRoot:
+        return pathProblem(inName, QLatin1Char('/'));
+    case Resource::NameKeyRoot:
+        return pathProblem(inName, QLatin1Char('\\'));
+    case Resource::NameFile:
+    case Resource::NameKey:
+        // An empty name gives an empty path, which the resource itself refuses.
+        return inName.isEmpty() ? QString() : Resource::nameComponentProblem(inName);
+    case Resource::NameValue:
+        return controlProblem(inName);
+    case Resource::NameFree:
+        break;
+    }
+    return QString();
+}
+
+QString describe(const Resource& inResource)
+{
+    return QStringLiteral("%1 %2").arg(ResourceFactory::className(&inResource),
+                                       inResource.uuid().toString(QUuid::WithBraces));
+}
+
+std::string detailOf(const QString& inText, const QString& inProblem)
+{
+    return mcMessageText(QStringLiteral("%1: %2").arg(printable(inText), inProblem));
+}
+}
+
+bool Resource::folderIsSymbolicLink(const QString& inPath)
+{
+    const QFileInfo info(inPath);
+    if (!info.isSymLink())
+        return false;
+    McResult report;
+    MC_CHECK_DETAIL(report, !info.isSymLink(), "refused to use a symbolic link as a folder",
+                    mcMessageText(QStringLiteral("%1: a symbolic link to %2; links are never followed")
+                                      .arg(inPath, info.symLinkTarget())));
+    return true;
+}
+
+QString Resource::nameComponentProblem(const QString& inName)
+{
+    if (inName == QLatin1String(".") || inName == QLatin1String(".."))
+        return QStringLiteral("is not one path component (it is \"%1\")").arg(inName);
+    if (inName.contains(QLatin1Char('/')))
+        return QStringLiteral("is not one path component (it holds '/')");
+    if (inName.contains(QLatin1Char('\\')))
+        return QStringLiteral("is not one path component (it holds '\\')");
+    return controlProblem(inName);
+}
+
+McResult Resource::nameCheck() const
+{
+    McResult retVal;
+    const QString problem = ruleProblem(nameRule(), name());
+    MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(printable(name()), describe(*this)),
+                    detailOf(name(), problem));
+    return retVal;
+}
+
+McResult Resource::nameResolvableCheck() const
+{
+    Configuration& configuration = Engine::instance().configuration();
+    QString resolved = name();
+    if (configuration.resolveQuietly(resolved))
+        return McResult();
+    // Reported once, by the resolution itself, with the keys that have no value.
+    QString again = name();
+    return configuration.resolve(again);
+}
+
+McResult Resource::pathCheck() const
+{
+    McResult retVal;
+    const NameRule rule = nameRule();
+    if (rule == NameFree)
+        return retVal;
+    QString resolved = name();
+    Engine::instance().configuration().resolveQuietly(resolved);
+    QString problem = ruleProblem(rule, resolved);
+    if (problem.isEmpty() && rule == NameFolderRoot && !resolved.startsWith(QLatin1Char('/')))
+        problem = QStringLiteral("is not an absolute path");
+    if (MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused name [%1] of %2").arg(printable(name()), describe(*this)),
+                        detailOf(resolved, problem)))
+        return retVal;
+    if (rule != NameFolderRoot && rule != NameFile)
+        return retVal;
+    // Where the product's files go is looked at before any of them is fetched.
+    if (rule == NameFolderRoot && folderIsSymbolicLink(resolved))
+        return retVal.makeBad(1);
+    // The whole path once more, in case a name's pieces only together form a step up.
+    const QString full = path();
+    if (full.isEmpty())
+        return retVal;
+    problem = full.startsWith(QLatin1Char('/')) ? pathProblem(full, QLatin1Char('/'))
+                                                : QStringLiteral("is not an absolute path");
+    MC_CHECK_DETAIL(retVal, problem.isEmpty(), QStringLiteral("refused path of %1").arg(describe(*this)),
+                    detailOf(full, problem));
+    return retVal;
+}
 QString Resource::path() const { return QString(); }
 
 void KsDeploy::propertyTableInsert(Resource::PropertyTable& inoutTable, const char* inName,

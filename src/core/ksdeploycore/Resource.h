@@ -34,6 +34,33 @@ public:
     virtual QString path() const;
     virtual const PropertyTable& properties() const;
 
+    // What a name stands for, which decides what it may hold: a root folder's name is a whole
+    // path, a root registry key's name a key path; any name below a root is one component, so
+    // that nothing a description says can reach outside the place it installs to.
+    enum NameRule
+    {
+        NameFree,       // a product key: never part of a path
+        NameFolderRoot, // an absolute path once resolved, without ".." in it
+        NameFile,       // one component of a file-system path
+        NameKeyRoot,    // a registry key path
+        NameKey,        // one component of a registry key path
+        NameValue,      // a registry value name: any text but control characters
+    };
+    virtual NameRule nameRule() const { return NameFree; }
+    // Why inName cannot be one path component, or an empty text when it can.
+    static QString nameComponentProblem(const QString& inName);
+    // Refuses a name that does not fit its rule (as written, references left in place); asked
+    // by the loader once the containers are linked.
+    McResult nameCheck() const;
+    // Refuses a name that has no value for one of its references, reporting it the way a
+    // failed resolution is reported; for checking every name before any path is built.
+    McResult nameResolvableCheck() const;
+    // Refuses a resolved name that does not fit its rule, and a resolved file-system path that
+    // is not absolute or holds "..": asked before anything of a product is touched.
+    McResult pathCheck() const;
+    // True, after saying so, when a folder's path is a symbolic link: it is never followed.
+    static bool folderIsSymbolicLink(const QString& inPath);
+
     QString name() const { return mName; }
     void nameSet(const QString& inName)
     {

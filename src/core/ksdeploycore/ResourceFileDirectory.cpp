@@ -8,9 +8,17 @@
 #include <QSet>
 #include <QStringList>
 
+#include <cerrno>
+#include <cstring>
+
 using namespace KsDeploy;
 
 ResourceFileDirectory::~ResourceFileDirectory() = default;
+
+Resource::NameRule ResourceFileDirectory::nameRule() const
+{
+    return container().isNull() ? NameFolderRoot : NameFile;
+}
 
 QString ResourceFileDirectory::path() const
 {
@@ -47,14 +55,38 @@ QString ResourceFileDirectory::path() const
 
 namespace
 {
-// A link or junction in the place of a directory is never followed.
-bool refused(const QString& inPath) { return inPath.isEmpty() || QFileInfo(inPath).isSymLink(); }
+// A link or junction in the place of a directory is never followed. The refusal's result has no
+// message; what the user reads is reported beside it.
+bool refused(const QString& inPath) { return inPath.isEmpty() || Resource::folderIsSymbolicLink(inPath); }
 
 McResult bad()
 {
     McResult r;
     r.makeBad(1);
     return r;
+}
+
+// Folders are made by the file helpers, which remember the ones they made empty; errno and the
+// path concerned say why one could not be made.
+struct FolderMaker
+{
+    mutable QString failed;
+    bool mkpath(const QString& inPath) const { return QxBase::File::makePath(inPath, &failed); }
+};
+
+// What keeps a folder that cannot be removed: up to five of the names in it.
+std::string keptBy(const QString& inPath, int inErrno)
+{
+    if (inErrno != ENOTEMPTY && inErrno != EEXIST)
+        return McLib::osDetail(mcMessageText(inPath), inErrno);
+    QDir dir(inPath);
+    const QStringList names =
+        dir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System, QDir::Name);
+    QStringList shown = names.mid(0, 5);
+    if (names.size() > 5)
+        shown.append(QStringLiteral("and %1 more").arg(names.size() - 5));
+    return mcMessageText(QStringLiteral("%1: %2, still holds %3")
+                             .arg(inPath, QString::fromLocal8Bit(std::strerror(inErrno)), shown.join(QLatin1String(", "))));
 }
 }
 
@@ -64,7 +96,8 @@ McResult ResourceFileDirectory::install()
     const QString fullPath = path();
     if (refused(fullPath))
         return bad();
-    MC_CHECK(retVal, QxBase::File::makePath(fullPath), "Internal Error");
+    const FolderMaker qDir;
+    MC_CHECK_DETAIL(retVal, qDir.mkpath(fullPath), "Internal Error", McLib::osDetail(mcMessageText(qDir.failed), errno));
     return retVal;
 }
 
@@ -77,8 +110,9 @@ McResult ResourceFileDirectory::uninstall()
     QDir qDir;
     if (!qDir.exists(fullPath))
         return retVal;
-    // Never recursive: a directory that still holds files stays, and says so.
-    MC_CHECK(retVal, qDir.rmdir(fullPath), QStringLiteral("failed to remove dir '%1'").arg(fullPath));
+    // Never recursive: a directory that still holds files stays, and says which.
+    MC_CHECK_DETAIL(retVal, qDir.rmdir(fullPath), QStringLiteral("failed to remove dir '%1'").arg(fullPath),
+                    keptBy(fullPath, errno));
     return retVal;
 }
 
@@ -89,6 +123,7 @@ McResult ResourceFileDirectory::verify()
     if (refused(fullPath))
         return bad();
     QDir qDir(fullPath);
-    MC_CHECK(retVal, qDir.exists(), "Internal Error");
+    MC_CHECK_DETAIL(retVal, qDir.exists(), "Internal Error",
+                    McLib::osDetail(mcMessageText(fullPath), QFileInfo::exists(fullPath) ? ENOTDIR : ENOENT));
     return retVal;
 }

@@ -18,6 +18,7 @@ public:
     McResult uninstall() override;
     McResult verify() override;
     QString path() const override;
+    NameRule nameRule() const override;
 
 private:
     // The resolved path, kept while nothing it depends on has changed; a copy starts empty.

@@ -8,9 +8,28 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
+
 using namespace KsDeploy;
 
+namespace
+{
+std::string linkDetail(const QString& inPath)
+{
+    return mcMessageText(QStringLiteral("%1: a symbolic link; links are never followed").arg(inPath));
+}
+}
+
+// An "Internal Error" step whose condition is spelt as written against a fresh file object,
+// while the code asks the one it already holds; the line under it is built only on failure.
+#define KS_CHECK_AS(RESULT, OK, COND_TEXT, DETAIL)                                                       \
+    (static_cast<bool>(OK) ? false                                                                       \
+                           : ::McLib::checkStep((RESULT), false, __LINE__, __FILE__, __PRETTY_FUNCTION__, \
+                                                "Internal Error", "cond[" COND_TEXT "]", false, (DETAIL)))
+
 ResourceFileEntry::~ResourceFileEntry() = default;
+
+Resource::NameRule ResourceFileEntry::nameRule() const { return NameFile; }
 
 const Resource::PropertyTable& ResourceFileEntry::properties() const
 {
@@ -49,7 +68,7 @@ McResult ResourceFileEntry::install()
         return retVal;
     if (absence())
     {
-        if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+        if (MC_CHECK_DETAIL(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error", linkDetail(fullPath)))
             return retVal;
         return QxBase::File::removeFile(fullPath);
     }
@@ -61,7 +80,7 @@ McResult ResourceFileEntry::install()
     retVal << cache.itemCreateFile(bufferId(), fullPath, existed);
     if (existed)
     {
-        if (MC_CHECK(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error"))
+        if (MC_CHECK_DETAIL(retVal, !QFileInfo(fullPath).isSymLink(), "Internal Error", linkDetail(fullPath)))
             return retVal;
         retVal << cache.itemWriteOverFile(bufferId(), fullPath, true);
     }
@@ -119,7 +138,7 @@ McResult ResourceFileEntry::scan()
     // One look at the path serves the link check, existence and the mode.
     const QFileInfo info(fullPath);
     if (!MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error") &&
-        !MC_CHECK(retVal, !info.isSymLink(), "Internal Error"))
+        !KS_CHECK_AS(retVal, !info.isSymLink(), "!QFileInfo(fullPath).isSymLink()", linkDetail(fullPath)))
     {
         if (!info.exists())
             absenceFound();
@@ -147,16 +166,19 @@ McResult ResourceFileEntry::verify()
         return retVal;
     // One look at the path answers both questions.
     const QFileInfo info(fullPath);
-    if (MC_CHECK(retVal, !info.isSymLink(), "Internal Error"))
+    if (KS_CHECK_AS(retVal, !info.isSymLink(), "!QFileInfo(fullPath).isSymLink()", linkDetail(fullPath)))
         return retVal;
     if (absence())
     {
-        MC_CHECK_TEXT(retVal, !info.exists(), "!qFile.exists()", "Internal Error");
+        KS_CHECK_AS(retVal, !info.exists(), "!qFile.exists()",
+                    mcMessageText(QStringLiteral("%1: present, where nothing may be").arg(fullPath)));
         return retVal;
     }
-    if (MC_CHECK_TEXT(retVal, info.exists(), "qFile.exists()", "Internal Error"))
+    if (KS_CHECK_AS(retVal, info.exists(), "qFile.exists()", McLib::osDetail(mcMessageText(fullPath), ENOENT)))
         return retVal;
     const McLib::MD5 md5Scanned = scanFile(fullPath);
-    MC_CHECK(retVal, md5Scanned==bufferId().md5(), QStringLiteral("content differs: '%1'").arg(fullPath));
+    MC_CHECK_DETAIL(retVal, md5Scanned==bufferId().md5(), "Internal Error",
+                    mcMessageText(QStringLiteral("%1: content differs (MD5 %2, expected %3)")
+                                      .arg(fullPath, BufferID(md5Scanned).toString(), bufferId().toString())));
     return retVal;
 }

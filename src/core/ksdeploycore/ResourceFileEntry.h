@@ -33,6 +33,7 @@ public:
     // What scan finds for a file that is not there, for a caller that already knows it is not.
     void absenceFound();
     QString path() const override;
+    NameRule nameRule() const override;
     const PropertyTable& properties() const override;
 
 private:

@@ -10,6 +10,8 @@ using namespace KsDeploy;
 
 ResourceFileShortcut::~ResourceFileShortcut() = default;
 
+Resource::NameRule ResourceFileShortcut::nameRule() const { return NameFile; }
+
 const Resource::PropertyTable& ResourceFileShortcut::properties() const
 {
     static const PropertyTable sTable = [this] {
@@ -88,7 +90,8 @@ McResult ResourceFileShortcut::uninstall()
         return retVal;
     QFile qFile(linkPath);
     if (qFile.exists())
-        MC_CHECK(retVal, qFile.remove(), "Internal Error");
+        MC_CHECK_DETAIL(retVal, qFile.remove(), "Internal Error",
+                        mcMessageText(QStringLiteral("%1: %2").arg(linkPath, qFile.errorString())));
     return retVal;
 }
 

@@ -27,6 +27,7 @@ public:
     McResult uninstall() override;
     McResult verify() override;
     QString path() const override;
+    NameRule nameRule() const override;
     const PropertyTable& properties() const override;
 
 private:

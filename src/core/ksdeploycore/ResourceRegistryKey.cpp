@@ -11,6 +11,11 @@ using namespace KsDeploy;
 
 ResourceRegistryKey::~ResourceRegistryKey() = default;
 
+Resource::NameRule ResourceRegistryKey::nameRule() const
+{
+    return container().isNull() ? NameKeyRoot : NameKey;
+}
+
 QString ResourceRegistryKey::path() const
 {
     // Walked without recursion: a damaged file may chain containers in a circle.

@@ -24,6 +24,7 @@ public:
     McResult uninstall() override;
     McResult verify() override;
     QString path() const override;
+    NameRule nameRule() const override;
 
     // New key resources for the live subkeys, each with this key as container.
     McResult querySubKeys(McDArray<McHandle<ResourceRegistryKey>>& outKeys) const;

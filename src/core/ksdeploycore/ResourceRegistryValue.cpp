@@ -25,6 +25,10 @@ const char* const sTypeNames[] = {"TYPE_NONE",
 
 ResourceRegistryValue::~ResourceRegistryValue() = default;
 
+// A value name is no path: a backslash in it (a file path, as Windows programs store them) stays
+// inside its key.
+Resource::NameRule ResourceRegistryValue::nameRule() const { return NameValue; }
+
 QString ResourceRegistryValue::Type2String(Type inType)
 {
     if (inType >= TYPE_NONE && inType <= TYPE_QWORD)

@@ -48,6 +48,7 @@ public:
     McResult uninstall() override;
     McResult verify() override;
     QString path() const override;
+    NameRule nameRule() const override;
     const PropertyTable& properties() const override;
 
     // The live type and data (text form) of this value under inKey.

@@ -1,5 +1,6 @@
 #include "XmlSerializer.h"
 
+#include "Engine.h"
 #include "Resource.h"
 #include "ResourceFactory.h"
 
@@ -26,6 +27,32 @@ XmlSerializer::~XmlSerializer() = default;
 
 // The file and stream state belong to one document at a time and are not copied.
 XmlSerializer& XmlSerializer::operator=(const XmlSerializer&) { return *this; }
+
+McResult XmlSerializer::deserialize(const QString& inPath, McDArray<McHandle<Resource>>& inoutResources)
+{
+    const int64_t first = inoutResources.size();
+    McResult retVal = Serializer::deserialize(inPath, inoutResources);
+    // Judged once the links are resolved: only then is it known which folder or key is a root.
+    bool refused = false;
+    for (int64_t i = first; i < inoutResources.size(); ++i)
+    {
+        const McResult name = inoutResources[i]->nameCheck();
+        refused = refused || name.isBad();
+        retVal << name;
+    }
+    if (!refused)
+        return retVal;
+    // A description that names a place outside its own is not half-trusted: all of it goes.
+    Engine& engine = Engine::instance();
+    for (int64_t i = first; i < inoutResources.size(); ++i)
+    {
+        inoutResources[i]->linkRemoveTo(nullptr);
+        engine.resourceUnregister(inoutResources[i]);
+    }
+    inoutResources.resize(first);
+    engine.trace(McLogLevelError, QStringLiteral("load: %1 refused, nothing of it is kept").arg(inPath));
+    return retVal;
+}
 
 McResult XmlSerializer::openDocument(const QString& inPath, bool inForReading)
 {
@@ -88,6 +115,10 @@ bool XmlSerializer::seekToNextElement()
     while (!r.atEnd())
     {
         const QXmlStreamReader::TokenType t = r.readNext();
+        // Declarations could make a small file expand to any size; our files never hold one,
+        // so one ends the reading like any other error, before an entity is ever used.
+        if (t == QXmlStreamReader::DTD)
+            r.raiseError(QStringLiteral("document type declarations are not read (entities are never expanded)"));
         if (r.hasError())
         {
             std::printf("\nXML error\n desc: %s\n  line: %d\n  near: %s\n", r.errorString().toLatin1().constData(),

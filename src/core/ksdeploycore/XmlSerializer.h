@@ -14,6 +14,10 @@ public:
     ~XmlSerializer() override;
     XmlSerializer& operator=(const XmlSerializer& inOther);
 
+    // Reads as the base does, then refuses the whole description when a name could reach
+    // outside its place: none of its resources stays in the pool.
+    McResult deserialize(const QString& inPath, McDArray<McHandle<Resource>>& inoutResources) override;
+
     McResult openDocument(const QString& inPath, bool inForReading) override;
     McResult closeDocument() override;
     bool seekToNextElement() override;

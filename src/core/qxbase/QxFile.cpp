@@ -293,7 +293,32 @@ bool mustLookFirst(const QString& inTarget)
 }
 }
 
-bool File::makePath(const QString& inPath)
+namespace
+{
+// A failed step of makePath: errno kept, the path concerned handed out. A file in the way is
+// named itself, not the folder below it that could not be looked at.
+bool makePathFailed(const QString& inAt, QString* outFailed)
+{
+    const int why = errno;
+    if (outFailed)
+    {
+        *outFailed = inAt;
+        struct stat st;
+        if (why == ENOTDIR)
+            for (QString up = inAt; up != folderOf(up); up = folderOf(up))
+                if (::stat(QFile::encodeName(up).constData(), &st) == 0)
+                {
+                    if (!S_ISDIR(st.st_mode))
+                        *outFailed = up;
+                    break;
+                }
+    }
+    errno = why;
+    return false;
+}
+}
+
+bool File::makePath(const QString& inPath, QString* outFailed)
 {
     QStringList missing;
     QString at = QDir::cleanPath(inPath);
@@ -303,21 +328,31 @@ bool File::makePath(const QString& inPath)
         const bool absent = errno == ENOENT;
         const QString up = folderOf(at);
         if (!absent || up == at)
-            return false;
+            return makePathFailed(at, outFailed);
         missing.prepend(at);
         at = up;
     }
     // The usual case of a folder that is there already: one look.
     if (missing.isEmpty())
-        return S_ISDIR(st.st_mode);
+    {
+        if (S_ISDIR(st.st_mode))
+            return true;
+        errno = ENOTDIR;
+        return makePathFailed(at, outFailed);
+    }
     for (const QString& folder : missing)
     {
         if (::mkdir(QFile::encodeName(folder).constData(), 0777) == 0)
             foldersMadeEmpty().insert(folder);
         else if (errno != EEXIST)
-            return false;
+            return makePathFailed(folder, outFailed);
     }
-    return ::stat(QFile::encodeName(inPath).constData(), &st) == 0 && S_ISDIR(st.st_mode);
+    if (::stat(QFile::encodeName(inPath).constData(), &st) != 0)
+        return makePathFailed(inPath, outFailed);
+    if (S_ISDIR(st.st_mode))
+        return true;
+    errno = ENOTDIR;
+    return makePathFailed(inPath, outFailed);
 }
 
 namespace

@@ -61,8 +61,10 @@ public:
                                FileStamp* outStamp = nullptr);
     // Creates a folder and any missing parents (true when it exists afterwards). The folders
     // it made itself are remembered as made empty, which spares copyCreate the look at a target
-    // in them: the final link still refuses anything that appeared there since.
-    static bool makePath(const QString& inPath);
+    // in them: the final link still refuses anything that appeared there since. On failure
+    // errno says why and outFailed, when given, names the path concerned: the folder that
+    // could not be made, or the file standing where a folder should be.
+    static bool makePath(const QString& inPath, QString* outFailed = nullptr);
     // Opens a file for reading without updating its access time where the owner may ask for
     // that (it would cost a journal write per file read); -1 on failure, errno set.
     static int openForReading(const QString& inPath);
