@@ -2,6 +2,7 @@
 #include "BufferID.h"
 #include "KsGlobal.h"
 
+#include <QDateTime>
 #include <QList>
 #include <QSet>
 #include <QString>
@@ -49,6 +50,10 @@ public:
     McResult retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl);
 
     static McResult loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected);
+
+    // Removes the temporary files of writes into the cache folder that were cut short before
+    // inStart (a process killed while downloading); younger ones may be another process's.
+    void temporaryFilesRemove(const QDateTime& inStart);
 
     // Where the item lives in the cache folder (whether it is there or not).
     QString itemFilePath(const BufferID& inBufferId) const;
