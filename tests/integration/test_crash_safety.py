@@ -1,0 +1,285 @@
+"""Product changes that a process does not live to finish: killed (SIGKILL, counted system
+calls and times), interrupted (SIGINT, SIGTERM, SIGHUP), or whose rollback fails. After the next
+start the machine must be exactly as before the change: files, modes, folders, shortcut and the
+registry store (read with sqlite3), with no temporary files left anywhere."""
+import hashlib
+import os
+import shutil
+import signal
+import sqlite3
+import subprocess
+import sys
+import time
+import uuid
+import xml.etree.ElementTree as ET
+
+import ksharness
+
+# v1 -> v2: changed, added (also in a new folder) and dropped files; one executable each.
+V1 = {
+    "bin/app": b"#!/bin/sh\necho v1\n",
+    "README.txt": b"readme v1\n",
+    "lib/same.dat": b"same in both\n" * 40,
+    "lib/changed.dat": bytes(range(256)) * 20,
+    "lib/dropped.txt": b"only in v1\n",
+    "doc/a.txt": b"a v1\n",
+    "doc/b.txt": b"b, the same\n",
+}
+for i in range(8):
+    V1["data/item%02d.txt" % i] = (b"v1 item %d\n" % i) * (i + 1)
+
+V2 = dict(V1)
+del V2["lib/dropped.txt"]
+V2.update({
+    "bin/app": b"#!/bin/sh\necho v2\n",
+    "lib/changed.dat": bytes(reversed(range(256))) * 30,
+    "doc/a.txt": b"a v2\n",
+    "lib/added.txt": b"new in v2\n",
+    "plugins/one.txt": b"plugin one\n",
+    "plugins/deep/two.txt": b"plugin two\n",
+})
+for i in range(0, 8, 2):
+    V2["data/item%02d.txt" % i] = (b"v2 item %d\n" % i) * (i + 2)
+
+# (key below HKEY_CURRENT_USER, value name, type, text) per version.
+REG_V1 = [("Software\\Kestra\\App", "Version", "TYPE_SZ", "1.0"),
+          ("Software\\Kestra\\App", "Size", "TYPE_DWORD", "10"),
+          ("Software\\Kestra\\App", "Window", "TYPE_BINARY", "0A0B")]
+REG_V2 = [("Software\\Kestra\\App", "Version", "TYPE_SZ", "2.0"),
+          ("Software\\Kestra\\App", "Size", "TYPE_DWORD", "20"),
+          ("Software\\Kestra\\App", "Window", "TYPE_BINARY", "0A0B"),
+          ("Software\\Kestra\\App", "Added", "TYPE_SZ", "new"),
+          ("Software\\Kestra\\App\\Plugins", "Count", "TYPE_DWORD", "2")]
+
+
+def braced():
+    return "{%s}" % uuid.uuid4()
+
+
+class CrashSafetyTest(ksharness.KsTestCase):
+    def setUp(self):
+        super().setUp()
+        if shutil.which("strace") is None:
+            self.fail("'strace' is missing (scripts/bootstrap.sh installs it)")
+        self.store = self.path("registry.sqlite")
+        self.env["KSDEPLOY_REGISTRY"] = self.store
+        self.target = self.path("target")
+        self.menu = self.path("menu")
+        self.maint = os.path.join(self.tmp, "Kestra Imaging", "Auto Update")
+        os.makedirs(self.path("publish"))
+        self.describe("v1", V1, REG_V1)
+        self.describe("v2", V2, REG_V2)
+
+    # ---- the product ------------------------------------------------------------------
+    def describe(self, version, files, values):
+        tree = self.path("src-" + version)
+        for rel, data in files.items():
+            self.write(os.path.join("src-" + version, rel), data)
+            digest = hashlib.md5(data).hexdigest()
+            with open(self.path("publish", digest), "wb") as f:
+                f.write(data)
+        os.chmod(os.path.join(tree, "bin/app"), 0o755)
+        r = self.run_ks("--generate", "type=directory", "path=" + tree, "name=${TARGET}", "product=App",
+                        "--save", "target=gen-%s.xml" % version)
+        self.assertOk(r)
+        doc = ET.parse(self.path("gen-%s.xml" % version))
+        root = doc.getroot()
+        found = {(el.tag, el.get("Name")): el.get("UUID") for el in root if el.tag != "Link"}
+        product = found[("ResourceProduct", "App")]
+        top = found[("ResourceFileDirectory", "${TARGET}")]
+        program = found[("ResourceFileEntry", "app")]
+        links = []
+
+        def add(tag, name, container=None, delete=True, **props):
+            el = ET.SubElement(root, tag, {"UUID": braced(), "Absence": "false",
+                                           "DeleteOnUninstall": "true" if delete else "false", "Name": name})
+            for k, v in props.items():
+                el.set(k, v)
+            if container:
+                links.append((el.get("UUID"), container, "Container"))
+            return el.get("UUID")
+
+        menu = add("ResourceFileDirectory", "${MENU}")
+        link = add("ResourceFileShortcut", "start-app.desktop", menu, Args="--fast", Desc="Starts App")
+        links += [(link, program, "Target"), (link, top, "Directory")]
+        keys = {}
+        hkcu = add("ResourceRegistryKey", "HKEY_CURRENT_USER\\Software", delete=False)
+        links.append((product, hkcu, "Registry"))
+        for key, name, vtype, text in values:
+            parent = hkcu
+            path = "Software"
+            for part in key.split("\\")[1:]:
+                path += "\\" + part
+                if path not in keys:
+                    keys[path] = add("ResourceRegistryKey", part, parent)
+                parent = keys[path]
+            add("ResourceRegistryValue", name, parent, Type=vtype, Value=text)
+        for source, target, name in links:
+            ET.SubElement(root, "Link", {"Source": source, "Target": target, "Name": name})
+        doc.write(self.path("%s.xml" % version), encoding="UTF-8", xml_declaration=True)
+
+    def args(self, version, action="install"):
+        extra = ["url=file://" + self.path("publish")] if action == "install" else []
+        return ["--load", "file=%s.xml" % version, "--config", "TARGET=" + self.target, "--config",
+                "MENU=" + self.menu, "--product", "action=" + action] + extra
+
+    def ks(self, version, action="install"):
+        return self.run_ks(*self.args(version, action))
+
+    # ---- the machine's state ----------------------------------------------------------
+    def state(self):
+        """Every file (bytes and mode), folder and link below target and menu, and every registry
+        key and value by path, plus any temporary file anywhere in the work folder."""
+        files = {}
+        for root in (self.target, self.menu):
+            for dirpath, dirnames, filenames in os.walk(root):
+                for name in dirnames + filenames:
+                    p = os.path.join(dirpath, name)
+                    st = os.lstat(p)
+                    if os.path.isdir(p):
+                        files[p] = ("dir", st.st_mode)
+                    else:
+                        with open(p, "rb") as f:
+                            files[p] = (f.read(), st.st_mode)
+        registry = set()
+        if os.path.exists(self.store):
+            db = sqlite3.connect("file:%s?mode=ro" % self.store, uri=True)
+            keys = {row[0]: (row[1], row[2]) for row in db.execute("SELECT id, parent, name FROM registry_key")}
+
+            def full(kid):
+                parts = []
+                while kid in keys:
+                    parent, name = keys[kid]
+                    parts.append(name)
+                    kid = parent
+                return "\\".join(reversed(parts))
+            for kid in keys:
+                registry.add(("key", full(kid)))
+            for key, name, vtype, data in db.execute("SELECT key, name, type, data FROM registry_value"):
+                registry.add(("value", full(key), name, vtype, bytes(data)))
+            db.close()
+        return files, registry
+
+    def temporary_files(self):
+        found = []
+        for dirpath, _, filenames in os.walk(self.work):
+            found += [os.path.join(dirpath, n) for n in filenames if n.endswith(".part") or n.endswith(".new")]
+        return found
+
+    def journals(self):
+        folder = os.path.join(self.maint, "Journal")
+        return sorted(n for n in os.listdir(folder) if n.endswith(".journal")) if os.path.isdir(folder) else []
+
+    def save_machine(self):
+        self.saved = self.path("saved")
+        shutil.rmtree(self.saved, ignore_errors=True)
+        os.makedirs(self.saved)
+        for name in ("target", "menu"):
+            shutil.copytree(self.path(name), os.path.join(self.saved, name), symlinks=True)
+        shutil.copy2(self.store, os.path.join(self.saved, "registry.sqlite"))
+
+    def restore_machine(self):
+        for name in ("target", "menu"):
+            shutil.rmtree(self.path(name), ignore_errors=True)
+            shutil.copytree(os.path.join(self.saved, name), self.path(name), symlinks=True)
+        for suffix in ("", "-journal", "-wal", "-shm"):
+            if os.path.exists(self.store + suffix):
+                os.remove(self.store + suffix)
+        shutil.copy2(os.path.join(self.saved, "registry.sqlite"), self.store)
+        # Every run takes its snapshot and downloads afresh, so that both can be cut short.
+        shutil.rmtree(os.path.join(self.maint, "Cache"), ignore_errors=True)
+
+    def start_v1(self):
+        r = self.ks("v1")
+        self.assertOk(r)
+        self.v1 = self.state()
+        self.assertIn(("value", "HKEY_CURRENT_USER\\Software\\Kestra\\App", "Version", 1, b"1.0"), self.v1[1])
+        self.save_machine()
+
+    def assertBackAtV1(self, what, version="v2", action="install"):
+        """The next start (any command) puts the machine back, then the change succeeds."""
+        r = self.run_ks("--config", "X=1")
+        self.assertEqual(0, r.code, "%s: recovery run\n%r" % (what, r))
+        self.assertEqual([], self.journals(), what)
+        self.assertEqual([], self.temporary_files(), what)
+        files, registry = self.state()
+        self.assertEqual(self.v1[1], registry, what)
+        self.assertEqual(sorted(self.v1[0]), sorted(files), what)
+        self.assertEqual(self.v1[0], files, what)
+        r = self.ks(version, action)
+        self.assertEqual(0, r.code, "%s: %s again\n%r" % (what, action, r))
+        self.restore_machine()
+
+    # ---- kills ------------------------------------------------------------------------
+    def strace_run(self, inject, args):
+        cmd = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=" + inject.split(":")[0], "-e", "inject=" + inject,
+               ksharness.BIN] + args
+        return subprocess.run(cmd, cwd=self.work, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=120)
+
+    def call_counts(self, args, calls):
+        """How often a whole run makes each call (counted over all threads, as the injection does)."""
+        out = self.path("counts.txt")
+        cmd = ["strace", "-f", "-qq", "-c", "-U", "name,calls", "-o", out, "-e", "trace=" + ",".join(calls),
+               ksharness.BIN] + args
+        subprocess.run(cmd, cwd=self.work, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                       timeout=120, check=True)
+        counts = {}
+        with open(out) as f:
+            for line in f:
+                parts = line.split()
+                if len(parts) == 2 and parts[1].isdigit():
+                    counts[parts[0]] = int(parts[1])
+        return counts
+
+    def points(self, counts, total):
+        """total injection points spread evenly over each call's invocations, by its share."""
+        calls = sorted(c for c in counts if counts[c] > 0)
+        chosen = []
+        per = max(1, total // len(calls))
+        for c in calls:
+            n = counts[c]
+            k = min(n, per)
+            chosen += [(c, 1 + (n - 1) * j // max(1, k - 1)) for j in range(k)]
+        return chosen
+
+    def kill_matrix(self, version, action, total, timed):
+        self.start_v1()
+        calls = ["rename", "linkat", "unlink", "write", "fsync", "syncfs"]
+        counts = self.call_counts(self.args(version, action), calls)
+        self.restore_machine()
+        chosen = self.points(counts, total - len(timed))
+        passed = 0
+        for call, n in chosen:
+            what = "%s %s killed at %s #%d of %d" % (action, version, call, n, counts[call])
+            p = self.strace_run("%s:signal=KILL:when=%d" % (call, n), self.args(version, action))
+            self.assertNotEqual(0, p.returncode, what)
+            self.assertBackAtV1(what, version, action)
+            passed += 1
+        for delay in timed:
+            what = "%s %s killed after %.3f s" % (action, version, delay)
+            proc = subprocess.Popen([ksharness.BIN] + self.args(version, action), cwd=self.work, env=self.env,
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            time.sleep(delay)
+            proc.send_signal(signal.SIGKILL)
+            proc.wait()
+            if proc.returncode == 0:
+                # Finished before the kill: nothing to recover; the point is then not counted.
+                self.restore_machine()
+                continue
+            self.assertBackAtV1(what, version, action)
+            passed += 1
+        sys.stderr.write("\n%s: %d of %d kill points restored v1 exactly\n" % (action, passed, passed))
+        return passed
+
+    def test_upgrade_killed_at_60_points(self):
+        n = self.kill_matrix("v2", "install", 60, [0.05, 0.1, 0.15, 0.2, 0.25, 0.3])
+        self.assertGreaterEqual(n, 50)
+
+    def test_uninstall_killed_at_20_points(self):
+        n = self.kill_matrix("v1", "uninstall", 20, [0.05, 0.1])
+        self.assertGreaterEqual(n, 15)
+
+
+if __name__ == "__main__":
+    ksharness.main()
