@@ -52,10 +52,12 @@ struct FailureReportsHold
 // How many of the paths that could not be restored the report names.
 const int sRollbackPathsShown = 3;
 
-// The temporary names that file writes use beside their targets (QxBase::File::temporaryPathBeside).
+// The temporary names that writes use beside their targets: files (QxBase::File::temporaryPathBeside)
+// and shortcuts (KsPlatform::shortcutWrite).
 bool isTemporaryName(const QString& inName)
 {
-    static const QRegularExpression sPattern(QStringLiteral("^\\..+\\.[0-9a-f]{16}\\.part$"));
+    static const QRegularExpression sPattern(
+        QStringLiteral("^(\\..+\\.[0-9a-f]{16}\\.part|\\.ksdeploy-shortcut-[A-Za-z0-9]{6})$"));
     return sPattern.match(inName).hasMatch();
 }
 }
@@ -509,7 +511,7 @@ void Engine::productTransactionRollback(const QString& inKey)
     if (journal)
         for (const QString& folder : journal->tempFolders)
         {
-            const QStringList names = QDir(folder).entryList(QStringList() << QStringLiteral(".*.part"),
+            const QStringList names = QDir(folder).entryList(QStringList() << QStringLiteral(".*"),
                                                              QDir::Files | QDir::Hidden | QDir::System);
             for (const QString& name : names)
                 if (isTemporaryName(name))
@@ -564,6 +566,21 @@ McResult Engine::productTransactionRecoverAll()
     for (const QString& path : TransactionJournal::journalsIn(folder))
         if (QFileInfo(path).ownerId() == ::geteuid())
             retVal << productTransactionRecover(path);
+    // What a process killed while writing its journal left: a journal is only ever complete under
+    // its final name, so without one the rest is of no use, once nobody holds the product.
+    const QFileInfoList left = QDir(folder).entryInfoList(QDir::Files | QDir::Hidden | QDir::System);
+    for (const QFileInfo& info : left)
+    {
+        const QString name = info.fileName();
+        const QString stem = name.section(QLatin1Char('.'), 0, 0);
+        if (info.ownerId() != ::geteuid() || name.endsWith(QLatin1String(".lock")) ||
+            name.endsWith(QLatin1String(".journal")) || QFileInfo::exists(folder + QLatin1Char('/') + stem + QStringLiteral(".journal")))
+            continue;
+        KsPlatform::ProductLock lock;
+        long owner = 0;
+        if (lock.acquire(local(folder + QLatin1Char('/') + stem + QStringLiteral(".lock")), owner).isOk())
+            QFile::remove(info.filePath());
+    }
     return retVal;
 }
 
