@@ -57,6 +57,9 @@ def braced():
 
 
 class CrashSafetyTest(ksharness.KsTestCase):
+    # A whole machine state is too long to show; the message of each check says which point failed.
+    maxDiff = 2000
+
     def setUp(self):
         super().setUp()
         if shutil.which("strace") is None:
@@ -300,6 +303,126 @@ class CrashSafetyTest(ksharness.KsTestCase):
 
     def test_uninstall_killed_at_20_points(self):
         self.assertEqual(20, self.kill_matrix("v1", "uninstall", 20, [0.05, 0.1]))
+
+    # ---- interrupts -------------------------------------------------------------------
+    def test_interrupts_roll_back_and_say_so(self):
+        """SIGINT at 10 counted writes (over snapshot, download and installation), then SIGTERM
+        and SIGHUP: the change stops at the next resource, is rolled back in the same run, and the
+        exit status is 128 + the signal. Every run must be rolled back or complete, never between."""
+        self.outcomes = {"committed": 0, "rolled back": 0}
+        self.start_v1()
+        counts = self.call_counts(self.args("v2"), ["write"])
+        self.restore_machine()
+        n = counts["write"]
+        points = [("SIGINT", 1 + (n - 1) * j // 9) for j in range(10)]
+        points += [("SIGTERM", n // 2), ("SIGHUP", n // 3)]
+        rolled_back = 0
+        for sig, when in points:
+            what = "%s at write #%d of %d" % (sig, when, n)
+            p = self.strace_run("write:signal=%s:when=%d" % (sig, when), self.args("v2"))
+            err = p.stderr.decode("latin-1")
+            files, registry = self.state()
+            self.assertEqual([], self.journals(), what)
+            self.assertEqual([], self.temporary_files(), what)
+            if p.returncode == -getattr(signal, sig):
+                # Came once the change was committed: done, and then the signal's usual effect.
+                self.assertNotIn("rolled back", err, what)
+                self.assertEqual(self.done, (files, registry), what)
+            else:
+                code = 128 + getattr(signal, sig)
+                self.assertEqual(code, p.returncode, "%s\n%s" % (what, err))
+                self.assertIn("install interrupted by %s: rolled back" % sig, err, what)
+                self.assertNotIn("error:", err, what)
+                self.assertEqual(self.v1, (files, registry), what)
+                rolled_back += 1
+            self.restore_machine()
+        sys.stderr.write("\ninterrupts: %d of %d runs rolled back\n" % (rolled_back, len(points)))
+        self.assertGreaterEqual(rolled_back, 10)
+
+    def test_a_second_interrupt_during_the_rollback_is_ignored(self):
+        self.start_v1()
+        # Every unlink from the first on brings a SIGINT: the first stops the change, the rest
+        # come while its rollback removes the files the change added.
+        p = self.strace_run("unlink:signal=SIGINT:when=1+", self.args("v2"))
+        err = p.stderr.decode("latin-1")
+        # Once the rollback is done the signals have their usual effect again, and the unlinks
+        # of the shutdown bring more of them.
+        self.assertIn(p.returncode, (130, -signal.SIGINT), err)
+        self.assertIn("interrupt ignored: rolling back", err)
+        self.assertIn("install interrupted by SIGINT: rolled back", err)
+        self.assertEqual(self.v1, self.state())
+        self.assertEqual([], self.journals())
+
+    # ---- a rollback that fails ----------------------------------------------------------
+    def test_a_failed_rollback_says_so_keeps_its_journal_and_is_finished_by_the_next_start(self):
+        self.start_v1()
+        counts = self.call_counts(self.args("v2"), ["rename"])
+        self.restore_machine()
+        # From some rename on, every one fails as on a full disk: the installation stops and its
+        # rollback cannot put the replaced files back. The first such point is searched for.
+        for k in range(1, counts["rename"] + 1):
+            p = self.strace_run("rename:error=ENOSPC:when=%d+" % k, self.args("v2"))
+            err = p.stderr.decode("latin-1")
+            if "rollback incomplete" in err and self.state() != self.v1:
+                break
+            self.restore_machine()
+        else:
+            self.fail("no rename point made the rollback fail")
+        self.assertEqual(1, p.returncode, err)
+        lines = [l for l in err.splitlines() if "rollback incomplete" in l]
+        self.assertEqual(1, len(lines), err)
+        detail = err.splitlines()[err.splitlines().index(lines[0]) + 1]
+        self.assertIn(self.work, detail)
+        self.assertIn("No space left on device", detail)
+        # One report, not one per file.
+        self.assertLessEqual(err.count("error:"), 3, err)
+        self.assertEqual(["App.journal"], self.journals())
+        # The fault is gone: the next start finishes the rollback.
+        r = self.run_ks("--config", "X=1")
+        self.assertOk(r)
+        self.assertIn("recovery: product 'App' is back", r.out)
+        self.assertTrue(self.v1 == self.state(), "not back at v1")
+        self.assertEqual([], self.journals())
+        self.assertEqual([], self.temporary_files())
+
+    # ---- two engines --------------------------------------------------------------------
+    def test_a_second_engine_is_refused_and_the_first_completes(self):
+        self.start_v1()
+        # The first engine stops itself in the middle of its installation (SIGSTOP at a file
+        # write), holding the product; it goes on when told to.
+        first = subprocess.Popen(["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=linkat", "-e",
+                                  "inject=linkat:signal=SIGSTOP:when=3", ksharness.BIN] + self.args("v2"),
+                                 cwd=self.work, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        lock = os.path.join(self.maint, "Journal", "App.lock")
+        pid = 0
+        for _ in range(3000):
+            if self.journals() and os.path.exists(lock):
+                with open(lock) as f:
+                    text = f.read().strip()
+                if not text:
+                    continue
+                with open("/proc/%s/stat" % text) as f:
+                    stopped = f.read().split()[2] in ("T", "t")
+                if stopped:
+                    pid = int(text)
+                    break
+            time.sleep(0.01)
+        self.assertTrue(pid, "the first engine never stopped")
+        try:
+            second = self.ks("v2")
+            self.assertEqual(1, second.code, repr(second))
+            self.assertIn("product 'App' is being changed by another process (pid %d)" % pid, second.err)
+            # Nor does any start touch the first one's transaction.
+            other = self.run_ks("--config", "X=1")
+            self.assertOk(other)
+            self.assertIn("left alone", other.out)
+            self.assertEqual(["App.journal"], self.journals())
+        finally:
+            os.kill(pid, signal.SIGCONT)
+        out, err = first.communicate(timeout=120)
+        self.assertEqual(0, first.returncode, err.decode("latin-1"))
+        self.assertEqual(self.done, self.state())
+        self.assertEqual([], self.journals())
 
 
 if __name__ == "__main__":

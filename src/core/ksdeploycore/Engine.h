@@ -151,7 +151,8 @@ private:
     // Called by the install and uninstall loops: true (and the result bad) once a signal asked
     // to stop.
     bool productInterrupted(McResult& inoutResult, const QString& inOperation);
-    // Notes a resource the running rollback could not put back, with the reason.
+    // Notes a resource the running rollback could not put back, with the reason (given every
+    // resource's result; good ones are not noted).
     void rollbackFailureAdd(const QString& inPath, const McResult& inResult);
 
     static Engine* sInstance;

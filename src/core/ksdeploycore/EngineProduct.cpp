@@ -270,7 +270,7 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
                 trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
                 const McResult one = installOne(r);
                 retVal << one;
-                if (inRollbackMode && one.isBad())
+                if (inRollbackMode)
                     rollbackFailureAdd(r->path(), one);
                 progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
                 take(idx);
@@ -305,8 +305,7 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
             Resource* r = graph.nodes[static_cast<size_t>(idx)];
             trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
             const McResult forced = r->install();
-            if (forced.isBad())
-                rollbackFailureAdd(r->path(), forced);
+            rollbackFailureAdd(r->path(), forced);
             take(idx);
             pending.pop_back();
         }

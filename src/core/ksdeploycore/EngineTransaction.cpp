@@ -41,13 +41,44 @@ QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::E
 std::string local(const QString& inPath) { return QFile::encodeName(inPath).toStdString(); }
 
 int sFailureReportsHeld = 0;
+// The first failure reported while held since it was last taken: it carries the system's reason,
+// which the results passed up do not.
+std::string sFirstHeldReport;
+
+bool keepFirstHeldReport(const McResult& inResult)
+{
+    if (sFailureReportsHeld > 0 && sFirstHeldReport.empty())
+        sFirstHeldReport = *inResult.detail() ? inResult.detail() : inResult.text();
+    return true;
+}
 
 // Failures are gathered, not reported one by one, while one of these lives.
 struct FailureReportsHold
 {
-    FailureReportsHold() { ++sFailureReportsHeld; }
-    ~FailureReportsHold() { --sFailureReportsHeld; }
+    FailureReportsHold()
+    {
+        if (sFailureReportsHeld++ == 0)
+        {
+            sFirstHeldReport.clear();
+            McResult::notificationCallbackAdd(&keepFirstHeldReport);
+        }
+    }
+    ~FailureReportsHold()
+    {
+        if (--sFailureReportsHeld == 0)
+            McResult::notificationCallbackRemove(&keepFirstHeldReport);
+    }
 };
+
+// "... (No space left on device)" gives the reason alone; other texts stay whole.
+QString reasonOf(const std::string& inReport)
+{
+    const QString text = QString::fromLocal8Bit(inReport.c_str());
+    const int open = text.lastIndexOf(QStringLiteral(" ("));
+    if (text.endsWith(QLatin1Char(')')) && open > 0)
+        return text.mid(open + 2, text.size() - open - 3);
+    return text;
+}
 
 // How many of the paths that could not be restored the report names.
 const int sRollbackPathsShown = 3;
@@ -542,7 +573,17 @@ void Engine::productTransactionRollback(const QString& inKey)
 
 void Engine::rollbackFailureAdd(const QString& inPath, const McResult& inResult)
 {
-    const QString why = QString::fromLocal8Bit(*inResult.detail() ? inResult.detail() : inResult.text());
+    // Called for every resource the rollback installs: what a good one reported is not kept.
+    if (inResult.isOk())
+    {
+        sFirstHeldReport.clear();
+        return;
+    }
+    const std::string report = !sFirstHeldReport.empty() ? sFirstHeldReport
+                               : *inResult.detail()        ? std::string(inResult.detail())
+                                                           : std::string(inResult.text());
+    sFirstHeldReport.clear();
+    const QString why = reasonOf(report);
     mRollbackFailures << (why.startsWith(inPath) ? why : inPath + QStringLiteral(": ") + why);
 }
 
