@@ -16,6 +16,7 @@ PACKAGES=(
   liblnk-utils desktop-file-utils
   clang-14 libclang-rt-14-dev
   xvfb
+  strace
 )
 
 missing=()
