@@ -248,6 +248,18 @@ class CrashSafetyTest(ksharness.KsTestCase):
                     counts[parts[0]] = int(parts[1])
         return counts
 
+    def journal_removal(self, args):
+        """Which unlink removes the journal: killed there, the registry is committed and the files
+        are not, the one moment when only the journal knows the old registry values."""
+        out = self.path("unlinks.txt")
+        subprocess.run(["strace", "-f", "-qq", "-o", out, "-e", "trace=unlink", ksharness.BIN] + args, cwd=self.work,
+                       env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120, check=True)
+        with open(out) as f:
+            calls = [line for line in f if "unlink(" in line and "resumed>" not in line]
+        found = [i + 1 for i, line in enumerate(calls) if '/App.journal")' in line and "ENOENT" not in line]
+        self.assertEqual(1, len(found), "".join(calls))
+        return found[0]
+
     def points(self, counts, total):
         """total injection points, dealt to the calls in turn and spread evenly over each one's
         invocations (from its first to its last)."""
@@ -286,7 +298,11 @@ class CrashSafetyTest(ksharness.KsTestCase):
         calls = ["rename", "linkat", "unlink", "write", "fsync", "syncfs"]
         counts = self.call_counts(self.args(version, action), calls)
         self.restore_machine()
-        chosen = self.points(counts, total - passed)
+        self.restore_machine()
+        critical = ("unlink", self.journal_removal(self.args(version, action)))
+        self.restore_machine()
+        chosen = [p for p in self.points(counts, total - passed) if p != critical][:total - passed - 1]
+        chosen.append(critical)
         self.assertEqual(total - passed, len(chosen), counts)
         for call, n in chosen:
             what = "%s %s killed at %s #%d of %d" % (action, version, call, n, counts[call])
@@ -317,6 +333,9 @@ class CrashSafetyTest(ksharness.KsTestCase):
         points = [("SIGINT", 1 + (n - 1) * j // 9) for j in range(10)]
         points += [("SIGTERM", n // 2), ("SIGHUP", n // 3)]
         rolled_back = 0
+        stopped_midway = 0
+        total_lines = self.ks("v2").out.count("\ninstall: ")
+        self.restore_machine()
         for sig, when in points:
             what = "%s at write #%d of %d" % (sig, when, n)
             p = self.strace_run("write:signal=%s:when=%d" % (sig, when), self.args("v2"))
@@ -335,9 +354,14 @@ class CrashSafetyTest(ksharness.KsTestCase):
                 self.assertNotIn("error:", err, what)
                 self.assertEqual(self.v1, (files, registry), what)
                 rolled_back += 1
+                # Stopped at the next resource, not at the end of the installation.
+                out = p.stdout.decode("latin-1")
+                before = out[:out.find("Transaction Rollback")].count("\ninstall: ")
+                stopped_midway += 0 < before < total_lines
             self.restore_machine()
         sys.stderr.write("\ninterrupts: %d of %d runs rolled back\n" % (rolled_back, len(points)))
         self.assertGreaterEqual(rolled_back, 10)
+        self.assertGreaterEqual(stopped_midway, 2)
 
     def test_a_second_interrupt_during_the_rollback_is_ignored(self):
         self.start_v1()
