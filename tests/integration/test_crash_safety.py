@@ -192,9 +192,9 @@ class CrashSafetyTest(ksharness.KsTestCase):
         # Every run takes its snapshot and downloads afresh, so that both can be cut short.
         shutil.rmtree(os.path.join(self.maint, "Cache"), ignore_errors=True)
 
-    def start_v1(self, version="v2", action="install"):
+    def start_v1(self, version="v2", action="install", base="v1"):
         """v1 installed and saved; the state that the change completes to is taken once too."""
-        r = self.ks("v1")
+        r = self.ks(base)
         self.assertOk(r)
         self.v1 = self.state()
         self.assertIn(("value", "HKEY_CURRENT_USER\\Software\\Kestra\\App", "Version", 1, b"1.0"), self.v1[1])
@@ -319,6 +319,39 @@ class CrashSafetyTest(ksharness.KsTestCase):
 
     def test_uninstall_killed_at_20_points(self):
         self.assertEqual(20, self.kill_matrix("v1", "uninstall", 20, [0.05, 0.1]))
+
+    def test_many_files_written_by_worker_threads(self):
+        """A product big enough for the installation's writer threads: killed while they write,
+        or interrupted, it comes back exactly too (the threads are drained before the rollback)."""
+        big1 = {"many/f%03d.txt" % i: (b"one %d\n" % i) * (i % 7 + 1) for i in range(90)}
+        big1["bin/app"] = V1["bin/app"]
+        big2 = {k: (v + b"two\n" if i % 2 else v) for i, (k, v) in enumerate(sorted(big1.items()))}
+        big2.update({"added/g%02d.txt" % i: b"added %d\n" % i for i in range(20)})
+        self.describe("b1", big1, REG_V1)
+        self.describe("b2", big2, REG_V2)
+        self.outcomes = {"committed": 0, "rolled back": 0}
+        self.start_v1("b2", "install", base="b1")
+        counts = self.call_counts(self.args("b2"), ["linkat", "write"])
+        self.restore_machine()
+        # The injection counts each thread's calls: points low enough for any one writer to reach.
+        for call, n in self.points({"linkat": max(6, counts["linkat"] // 4)}, 6):
+            p = self.strace_run("%s:signal=KILL:when=%d" % (call, n), self.args("b2"))
+            self.assertNotEqual(0, p.returncode)
+            self.assertBackAtV1("many files killed at %s #%d of %d" % (call, n, counts[call]), "b2", "install")
+        rolled_back = 0
+        for n in (counts["write"] // 3, counts["write"] // 2, 2 * counts["write"] // 3):
+            p = self.strace_run("write:signal=SIGINT:when=%d" % n, self.args("b2"))
+            err = p.stderr.decode("latin-1")
+            if p.returncode == 130:
+                self.assertIn("install interrupted by SIGINT: rolled back", err)
+                self.assertTrue(self.v1 == self.state(), "many files, SIGINT at write #%d" % n)
+                rolled_back += 1
+            else:
+                self.assertEqual(-signal.SIGINT, p.returncode, err)
+                self.assertTrue(self.done == self.state(), "many files, SIGINT at write #%d" % n)
+            self.assertEqual([], self.temporary_files())
+            self.restore_machine()
+        self.assertGreaterEqual(rolled_back, 2)
 
     # ---- interrupts -------------------------------------------------------------------
     def test_interrupts_roll_back_and_say_so(self):
