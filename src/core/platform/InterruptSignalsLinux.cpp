@@ -32,8 +32,9 @@ void onSignal(int inSignal)
         std::raise(inSignal);
         return;
     }
+    // During a rollback a signal is not even noted: afterwards it must not end the process either.
     int none = 0;
-    if (sPending.compare_exchange_strong(none, inSignal) && !sRollingBack.load())
+    if (!sRollingBack.load() && sPending.compare_exchange_strong(none, inSignal))
         return;
     say("interrupt ignored: rolling back\n");
 }
