@@ -8,10 +8,13 @@
 
 #include <QCoreApplication>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -57,6 +60,36 @@ std::string product(const std::string& inName, const std::string& inTmp, const s
                          "' --product action=" + inAction);
 }
 
+// What the journal and its flushes cost a fresh install: the same install with them (A) and with
+// the benchmark-only setting that leaves both out (B), taking turns A B A B over inRounds rounds.
+// The write-back that B leaves behind is done untimed before the next run.
+void durability(const std::string& inName, const std::string& inTmp, const std::string& inTarget,
+                const std::string& inLabel, int inRounds)
+{
+    std::vector<double> a, b;
+    for (int round = 0; round < inRounds; ++round)
+    {
+        for (int side = 0; side < 2; ++side)
+        {
+            const bool full = (side == 0) == (round % 2 == 0);
+            KsBench::run("rm -rf '" + inTarget + "'; sync");
+            const std::string prefix = full ? "" : "KSDEPLOY_BENCH_NO_FLUSH=journal ";
+            (full ? a : b).push_back(KsBench::timeCommand(prefix + product(inName, inTmp, inTarget, "install"), 1));
+            KsBench::run("sync");
+        }
+    }
+    const auto median = [](std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+    };
+    const double ma = median(a), mb = median(b);
+    std::printf("%-44s journal+flush %.3f s (min %.3f, max %.3f)  none %.3f s (min %.3f, max %.3f)  ratio %.3f"
+                "  [%d rounds]\n",
+                inLabel.c_str(), ma, *std::min_element(a.begin(), a.end()), *std::max_element(a.begin(), a.end()), mb,
+                *std::min_element(b.begin(), b.end()), *std::max_element(b.begin(), b.end()), ma / mb, inRounds);
+    std::fflush(stdout);
+}
+
 double planning(const std::string& inName, const std::string& inTarget)
 {
     Engine::instanceInit(environ);
@@ -94,6 +127,25 @@ int main(int argc, char** argv)
     const int smallFiles = static_cast<int>(100000 * scale);
     sBin = std::string(QCoreApplication::applicationDirPath().toStdString()) + "/ksdeploy";
     sDir = KsBench::scratchDir("install");
+
+    // KSDEPLOY_BENCH_ONLY=durability: only the cost of surviving a crash, on both product sizes.
+    const char* only = std::getenv("KSDEPLOY_BENCH_ONLY");
+    if (only && std::strcmp(only, "durability") == 0)
+    {
+        const int rounds = std::max(5, std::atoi(std::getenv("KSDEPLOY_BENCH_ROUNDS") ? std::getenv("KSDEPLOY_BENCH_ROUNDS") : "5"));
+        const std::string src = sDir + "/src", tmp = sDir + "/tmp", target = sDir + "/target";
+        makeTree(src, bigFiles, 100, 1024, 204800);
+        prepare("mixed", src, tmp);
+        durability("mixed", tmp, target, "install " + std::to_string(bigFiles) + " files", rounds);
+        KsBench::run("rm -rf '" + target + "' '" + tmp + "' '" + src + "'");
+        const std::string small = sDir + "/small", tmpSmall = sDir + "/tmp-small";
+        makeTree(small, smallFiles, 1000, 1024, 0);
+        prepare("small", small, tmpSmall);
+        durability("small", tmpSmall, sDir + "/target-small", "install " + std::to_string(smallFiles) + " x 1 KiB",
+                   rounds);
+        KsBench::run("rm -rf '" + sDir + "'");
+        return 0;
+    }
 
     const std::string src = sDir + "/src";
     const std::string tmp = sDir + "/tmp";

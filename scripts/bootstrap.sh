@@ -18,6 +18,7 @@ PACKAGES=(
   xvfb
   clang-format-14 clang-tidy-14 cppcheck
   dpkg-dev lintian man-db groff-base
+  strace
 )
 
 missing=()

@@ -1,7 +1,8 @@
 // The ksdeploy host: creates the engine from the process environment, runs the commands of
 // the command line in order, and shuts the engine down.
 //
-// Exit status: 0 success, 1 a command failed, 2 the arguments are not a valid command line.
+// Exit status: 0 success, 1 a command failed, 2 the arguments are not a valid command line,
+// 128 + the signal number when SIGINT, SIGTERM or SIGHUP stopped a change that was rolled back.
 #include "Cache.h"
 #include "Command_commands.h"
 #include "ConsoleProgress.h"
@@ -9,6 +10,8 @@
 #include "KsCommand.h"
 #include "QxCommand.h"
 #include "RegistryStore.h"
+
+#include "InterruptSignals.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -24,6 +27,9 @@ namespace
 // Every failure reported through Ks::fail reaches the user on standard error.
 bool printFailure(const McResult& inResult)
 {
+    // A rollback gathers its failures and reports them once.
+    if (KsDeploy::Engine::failureReportsHeld())
+        return true;
     // Progress lines written before the failure come first when both streams share one file.
     std::fflush(stdout);
     std::fprintf(stderr, "error: %s\n", inResult.text());
@@ -91,6 +97,7 @@ int main(int argc, char** argv)
     }
 
     McResult::notificationCallbackAdd(&printFailure);
+    KsPlatform::InterruptSignals::install();
     KsDeploy::Engine::instanceInit(environ);
     KsDeploy::Engine& engine = KsDeploy::Engine::instance();
     // The library reads no environment key; the host chooses the registry store's file.
@@ -99,6 +106,11 @@ int main(int argc, char** argv)
     // optional limit on a whole transfer. Not set, or not a number above 0: the defaults.
     KsDeploy::Cache::downloadLimitsSet(engine.environmentLookup(QStringLiteral("KSDEPLOY_STALL_TIMEOUT_MS")).toInt(),
                                        engine.environmentLookup(QStringLiteral("KSDEPLOY_DOWNLOAD_TIMEOUT_MS")).toInt());
+    // For benchmarks only: "1" leaves out the flushes that make a change survive a power loss,
+    // "journal" the journal too (then a change does not survive the process either).
+    const QByteArray noFlush = qgetenv("KSDEPLOY_BENCH_NO_FLUSH");
+    if (!noFlush.isEmpty() && noFlush != "0")
+        engine.transactionDurabilitySet(false, noFlush != "journal");
 
     QxBase::CommandLine commandLine(&expandStream);
     const QxBase::CommandLine::Outcome outcome = commandLine.run(arguments);
@@ -107,6 +119,15 @@ int main(int argc, char** argv)
     {
         std::fprintf(stderr, "ksdeploy: %s\n", commandLine.syntaxError().toLocal8Bit().constData());
         exitCode = 2;
+    }
+    else if (outcome == QxBase::CommandLine::OutcomeFailed && !engine.interruptedOperation().isEmpty() &&
+             !engine.rollbackIncomplete())
+    {
+        const int signal = KsPlatform::InterruptSignals::pending();
+        std::fflush(stdout);
+        std::fprintf(stderr, "%s interrupted by %s: rolled back\n", engine.interruptedOperation().toLatin1().constData(),
+                     KsPlatform::InterruptSignals::name(signal));
+        exitCode = 128 + signal;
     }
     else if (outcome == QxBase::CommandLine::OutcomeFailed)
     {

@@ -12,6 +12,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 
 #include <cerrno>
 #include <cstdio>
@@ -160,6 +161,23 @@ bool Cache::itemsCached(QSet<QString>& outNames) const
         outNames.insert(it.fileName());
     }
     return true;
+}
+
+void Cache::temporaryFilesRemove(const QDateTime& inStart)
+{
+    QString dir;
+    if (Engine::instance().pathToCache(dir).isBad())
+        return;
+    // The names QxBase::File::temporaryPathBeside gives: ".<item>.<16 hex digits>.part".
+    static const QRegularExpression sPattern(QStringLiteral("^\\..+\\.[0-9a-f]{16}\\.part$"));
+    QDirIterator it(dir, QStringList() << QStringLiteral(".*.part"), QDir::Files | QDir::Hidden | QDir::System);
+    while (it.hasNext())
+    {
+        it.next();
+        const QFileInfo info = it.fileInfo();
+        if (sPattern.match(info.fileName()).hasMatch() && info.lastModified() < inStart)
+            QFile::remove(info.filePath());
+    }
 }
 
 void Cache::itemRemove(const BufferID& inBufferId) { QFile::remove(itemFilePath(inBufferId)); }

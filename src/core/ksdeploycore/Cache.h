@@ -2,6 +2,7 @@
 #include "BufferID.h"
 #include "KsGlobal.h"
 
+#include <QDateTime>
 #include <QList>
 #include <QSet>
 #include <QString>
@@ -53,6 +54,10 @@ public:
     // The limits of every download: no byte for inStallMs ends one (default 30 s); inTotalMs, when
     // above 0, bounds a whole transfer (default: none). The host sets them from its environment.
     static void downloadLimitsSet(int inStallMs, int inTotalMs);
+
+    // Removes the temporary files of writes into the cache folder that were cut short before
+    // inStart (a process killed while downloading); younger ones may be another process's.
+    void temporaryFilesRemove(const QDateTime& inStart);
 
     // Where the item lives in the cache folder (whether it is there or not).
     QString itemFilePath(const BufferID& inBufferId) const;

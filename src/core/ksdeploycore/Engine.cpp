@@ -71,7 +71,10 @@ void Engine::instanceInit(char** inKeyValueList)
     sInstance = new Engine;
     sInstance->sandboxRemovePending();
     if (!inKeyValueList || !inKeyValueList[0])
+    {
+        sInstance->startRecover();
         return;
+    }
     for (char** entry = inKeyValueList; *entry; ++entry)
     {
         const QString text = QString::fromLatin1(*entry);
@@ -83,6 +86,7 @@ void Engine::instanceInit(char** inKeyValueList)
         MC_DBC_TEXT(DbCCheck, !sInstance->mListOfEnvVal.contains(key), "!sInstance->mListOfEnvVal.contains(key)");
         sInstance->mListOfEnvVal.insert(key, text.mid(posEq + 1));
     }
+    sInstance->startRecover();
 }
 
 Engine& Engine::instance()

@@ -11,6 +11,11 @@
 
 #include <memory>
 
+namespace KsPlatform
+{
+class ProductLock;
+}
+
 namespace KsDeploy
 {
 class Cache;
@@ -19,6 +24,7 @@ class Resource;
 class ResourceProduct;
 class Plugin;
 class ResourcePoolIndex;
+class TransactionJournal;
 
 // The one process-wide object of the deployment library.
 class Engine
@@ -105,6 +111,22 @@ public:
     void productTransactionRollback(const QString& inKey);
     void productUnregisterResources(const QString& inKey);
 
+    // ---- surviving the process's death (EngineTransaction) -------------------------------
+    // Rolls back every product change that a process of this user began and never finished
+    // (it left its journal), unless a living process still holds that product. Runs at start.
+    McResult productTransactionRecoverAll();
+    // Makes everything the change of a product wrote durable: run before its commit.
+    McResult productTransactionFlush(const QString& inKey);
+    // For benchmarks only: without flushes (and with inJournal false, without a journal) a
+    // change is as fast as it can be, and as unsafe.
+    void transactionDurabilitySet(bool inFlush, bool inJournal);
+    // True when the last rollback could not restore everything (its journal was kept).
+    bool rollbackIncomplete() const { return mRollbackIncomplete; }
+    // The operation ("install", "uninstall") that the last interrupt stopped, empty if none.
+    QString interruptedOperation() const { return mInterruptedOperation; }
+    // While held, failures are gathered by the engine instead of being reported one by one.
+    static bool failureReportsHeld();
+
 private:
     friend class Resource;
 
@@ -116,6 +138,22 @@ private:
     void resourcePoolCompact();
 
     McResult productCloneResources(const QString& inKey, const QString& inCloneKey);
+    McResult pathOfJournalDir(QString& outValue) const;
+    // The product's lock, held from before its snapshot until its commit or rollback.
+    McResult productLock(const QString& inKey);
+    void productUnlock(const QString& inKey);
+    McResult productTransactionJournalWrite(const QString& inKey, const QString& inOperation,
+                                            const McDArray<McHandle<Resource>>& inSnapshot);
+    McResult productTransactionRecover(const QString& inJournalPath);
+    // What every start does before the command line: changes that a dead process left half
+    // done are rolled back, and temporary files it left in the cache are removed.
+    void startRecover();
+    // Called by the install and uninstall loops: true (and the result bad) once a signal asked
+    // to stop.
+    bool productInterrupted(McResult& inoutResult, const QString& inOperation);
+    // Notes a resource the running rollback could not put back, with the reason (given every
+    // resource's result; good ones are not noted).
+    void rollbackFailureAdd(const QString& inPath, const McResult& inResult);
 
     static Engine* sInstance;
     static bool sIsShutdown;
@@ -134,6 +172,19 @@ private:
     QHash<QString, QStringList> mListOfTransactionNewDirs;
     bool mQuiet = false;
     McDArray<McHandle<Plugin>> mListOfPlugin;
+    // Per open transaction: its journal (none when journals are off) and the product's lock.
+    QHash<QString, std::shared_ptr<TransactionJournal>> mListOfJournal;
+    QHash<QString, std::shared_ptr<KsPlatform::ProductLock>> mListOfProductLock;
+    // Per open transaction that is a recovery at start: the registry is restored from the journal.
+    QHash<QString, bool> mListOfRecovering;
+    // Failures of the running rollback: "path: reason".
+    QStringList mRollbackFailures;
+    bool mRollbackIncomplete = false;
+    QString mInterruptedOperation;
+    // The product operation under way ("install", "uninstall"), for its journal and messages.
+    QString mOperationRunning;
+    bool mTransactionFlush = true;
+    bool mTransactionJournal = true;
 
     // Pool indexes kept beside mListOfResource so that look-up and removal stay near-constant
     // time per resource (EnginePool). Rebuilt, not shared, by copies.

@@ -11,6 +11,8 @@
 #include "ResourceFileEntry.h"
 #include "ResourceProduct.h"
 
+#include "InterruptSignals.h"
+
 #include <QCoreApplication>
 #include <QHash>
 #include <QSet>
@@ -26,6 +28,18 @@ using namespace KsDeploy;
 namespace
 {
 QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::Engine", inText); }
+
+// Signals are noted, not obeyed, while a product is changed: the loops stop at the next resource
+// and the change is rolled back. A signal that came too late to stop anything then has its usual
+// effect.
+struct InterruptScope
+{
+    InterruptScope() { KsPlatform::InterruptSignals::armedSet(true); }
+    ~InterruptScope()
+    {
+        KsPlatform::InterruptSignals::armedSet(false);
+    }
+};
 
 // The resources of one product, with the link structure among them as indexes, so that the
 // ordering loops run in time linear in resources and links per pass.
@@ -130,9 +144,28 @@ void Engine::productResources(const QString& inKey, McDArray<McHandle<Resource>>
     }
 }
 
+bool Engine::productInterrupted(McResult& inoutResult, const QString& inOperation)
+{
+    if (KsPlatform::InterruptSignals::pending() == 0)
+        return false;
+    // Not reported here: the host says in one line what happened once the rollback is done.
+    if (inoutResult.isOk() || mInterruptedOperation.isEmpty())
+        inoutResult << MC_FAILURE("!interrupted", QStringLiteral("%1 interrupted").arg(inOperation).toStdString());
+    mInterruptedOperation = inOperation;
+    return true;
+}
+
 McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
 {
     McResult retVal;
+    std::unique_ptr<InterruptScope> interrupts;
+    if (!inRollbackMode)
+    {
+        interrupts.reset(new InterruptScope);
+        mInterruptedOperation.clear();
+        mRollbackIncomplete = false;
+        mOperationRunning = QStringLiteral("install");
+    }
     // All registry changes of the operation land in one store transaction, or none of them.
     RegistryTransaction registryChanges;
     const McHandle<ResourceProduct> resProduct = productResource(inKey);
@@ -167,6 +200,8 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         const bool listed = n > 64 && cache().itemsCached(cached);
         for (size_t i = 0; i < n && retVal.isOk(); ++i)
         {
+            if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
+                break;
             const BufferID id = entries[i]->bufferId();
             if (!id.isValid())
                 continue;
@@ -247,10 +282,17 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
                 const int idx = pending[k];
                 if (pendingTargets[static_cast<size_t>(idx)] > 0)
                     continue;
+                if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
+                {
+                    stop = true;
+                    break;
+                }
                 Resource* r = graph.nodes[static_cast<size_t>(idx)];
                 trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
                 const McResult one = installOne(r);
                 retVal << one;
+                if (inRollbackMode)
+                    rollbackFailureAdd(r->path(), one);
                 progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
                 take(idx);
                 --left;
@@ -283,7 +325,8 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
             const int idx = pending.back();
             Resource* r = graph.nodes[static_cast<size_t>(idx)];
             trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
-            r->install();
+            const McResult forced = r->install();
+            rollbackFailureAdd(r->path(), forced);
             take(idx);
             pending.pop_back();
         }
@@ -301,7 +344,12 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         if (retVal.isOk())
             for (int64_t i = mListOfPlugin.size() - 1; i >= 0 && retVal.isOk(); --i)
                 retVal << mListOfPlugin[i]->onInstall(resProduct);
-        // The registry is committed before the snapshot goes, so a failed commit can still be undone.
+        if (retVal.isOk())
+            productInterrupted(retVal, mOperationRunning);
+        // Files on the device first, then the registry, then the journal goes: after a crash at
+        // any point the files and the registry are of the same version once recovery has run.
+        if (retVal.isOk())
+            retVal << productTransactionFlush(inKey);
         if (retVal.isOk())
             retVal << registryChanges.commit();
         if (retVal.isOk())
@@ -310,6 +358,9 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
             productTransactionRollback(inKey);
         for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
             mListOfPlugin[i]->onInstallPost(resProduct, retVal.isBad());
+        interrupts.reset();
+        if (mInterruptedOperation.isEmpty())
+            KsPlatform::InterruptSignals::deliverPending();
     }
     else
     {
@@ -323,6 +374,10 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
 McResult Engine::productUninstall(const QString& inKey)
 {
     McResult retVal;
+    std::unique_ptr<InterruptScope> interrupts(new InterruptScope);
+    mInterruptedOperation.clear();
+    mRollbackIncomplete = false;
+    mOperationRunning = QStringLiteral("uninstall");
     RegistryTransaction registryChanges;
     const McHandle<ResourceProduct> resProduct = productResource(inKey);
     if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
@@ -361,12 +416,18 @@ McResult Engine::productUninstall(const QString& inKey)
                 --pendingSources[static_cast<size_t>(t)];
         };
 
-        while (!pending.empty())
+        bool stop = false;
+        while (!pending.empty() && !stop)
         {
             const size_t numLeft0 = pending.size();
-            for (size_t k = pending.size(); k-- > 0;)
-                if (pendingSources[static_cast<size_t>(pending[k])] == 0)
+            for (size_t k = pending.size(); k-- > 0 && !stop;)
+            {
+                stop = productInterrupted(retVal, mOperationRunning);
+                if (!stop && pendingSources[static_cast<size_t>(pending[k])] == 0)
                     release(pending[k]);
+            }
+            if (stop)
+                break;
             std::vector<int> rest;
             rest.reserve(left);
             for (int idx : pending)
@@ -382,11 +443,18 @@ McResult Engine::productUninstall(const QString& inKey)
         }
     }
     if (retVal.isOk())
+        productInterrupted(retVal, mOperationRunning);
+    if (retVal.isOk())
+        retVal << productTransactionFlush(inKey);
+    if (retVal.isOk())
         retVal << registryChanges.commit();
     if (retVal.isOk())
         productTransactionCommit(inKey);
     else
         productTransactionRollback(inKey);
+    interrupts.reset();
+    if (mInterruptedOperation.isEmpty())
+        KsPlatform::InterruptSignals::deliverPending();
     return retVal;
 }
 

@@ -11,21 +11,89 @@
 #include "ResourceFileDirectory.h"
 #include "ResourceFileEntry.h"
 #include "ResourceProduct.h"
+#include "ResourceRegistryKey.h"
+#include "ResourceRegistryValue.h"
+#include "RegistryStore.h"
+#include "TransactionJournal.h"
+
+#include "Durability.h"
+#include "InterruptSignals.h"
+#include "ProductLock.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QHash>
+#include <QRegularExpression>
 #include <QSet>
 
 #include <algorithm>
+#include <map>
+
+#include <unistd.h>
 
 using namespace KsDeploy;
 
 namespace
 {
 QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::Engine", inText); }
+
+std::string local(const QString& inPath) { return QFile::encodeName(inPath).toStdString(); }
+
+int sFailureReportsHeld = 0;
+// The first failure reported while held since it was last taken: it carries the system's reason,
+// which the results passed up do not.
+std::string sFirstHeldReport;
+
+bool keepFirstHeldReport(const McResult& inResult)
+{
+    if (sFailureReportsHeld > 0 && sFirstHeldReport.empty())
+        sFirstHeldReport = *inResult.detail() ? inResult.detail() : inResult.text();
+    return true;
 }
+
+// Failures are gathered, not reported one by one, while one of these lives.
+struct FailureReportsHold
+{
+    FailureReportsHold()
+    {
+        if (sFailureReportsHeld++ == 0)
+        {
+            sFirstHeldReport.clear();
+            McResult::notificationCallbackAdd(&keepFirstHeldReport);
+        }
+    }
+    ~FailureReportsHold()
+    {
+        if (--sFailureReportsHeld == 0)
+            McResult::notificationCallbackRemove(&keepFirstHeldReport);
+    }
+};
+
+// "... (No space left on device)" gives the reason alone; other texts stay whole.
+QString reasonOf(const std::string& inReport)
+{
+    const QString text = QString::fromLocal8Bit(inReport.c_str());
+    const int open = text.lastIndexOf(QStringLiteral(" ("));
+    if (text.endsWith(QLatin1Char(')')) && open > 0)
+        return text.mid(open + 2, text.size() - open - 3);
+    return text;
+}
+
+// How many of the paths that could not be restored the report names.
+const int sRollbackPathsShown = 3;
+
+// The temporary names that writes use beside their targets: files (QxBase::File::temporaryPathBeside)
+// and shortcuts (KsPlatform::shortcutWrite).
+bool isTemporaryName(const QString& inName)
+{
+    static const QRegularExpression sPattern(
+        QStringLiteral("^(\\..+\\.[0-9a-f]{16}\\.part|\\.ksdeploy-shortcut-[A-Za-z0-9]{6})$"));
+    return sPattern.match(inName).hasMatch();
+}
+}
+
+bool Engine::failureReportsHeld() { return sFailureReportsHeld > 0; }
 
 McResult Engine::productCloneResources(const QString& inKey, const QString& inCloneKey)
 {
@@ -91,6 +159,9 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     McResult retVal;
     const QString cloneKey = QStringLiteral("_") + inKey;
     progress().taskStartNext(tr("Transaction Begin"));
+    retVal << productLock(inKey);
+    if (retVal.isBad())
+        return retVal;
     retVal << productCloneResources(inKey, cloneKey);
     if (retVal.isBad())
         return retVal;
@@ -146,6 +217,9 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     }
     if (retVal.isOk())
         retVal << cache().retrieveFromResources(clones, false);
+    // Written before the first change: from here on a later start can undo this one.
+    if (retVal.isOk())
+        retVal << productTransactionJournalWrite(inKey, mOperationRunning, clones);
     // An incomplete snapshot must never be installed back: it would hold the description's
     // contents instead of the machine's. Nothing was changed yet, so there is nothing to undo.
     if (retVal.isBad())
@@ -156,26 +230,450 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     return retVal;
 }
 
+McResult Engine::pathOfJournalDir(QString& outValue) const
+{
+    McResult retVal = pathOfMaintenanceDir(outValue);
+    if (retVal.isBad())
+        return retVal;
+    outValue += QStringLiteral("/Journal");
+    const bool made = QDir().mkpath(outValue);
+    MC_CHECK_DETAIL(retVal, made && QFileInfo(outValue).isDir(), "failed to create the transaction journal folder",
+                    local(outValue) + ": cannot be created");
+    if (retVal.isBad())
+        outValue.clear();
+    return retVal;
+}
+
+McResult Engine::productLock(const QString& inKey)
+{
+    McResult retVal;
+    if (mListOfProductLock.contains(inKey))
+        return retVal;
+    QString folder;
+    retVal << pathOfJournalDir(folder);
+    if (retVal.isBad())
+        return retVal;
+    const TransactionJournal names(folder, inKey);
+    auto lock = std::make_shared<KsPlatform::ProductLock>();
+    long owner = 0;
+    const KsPlatform::Status status = lock->acquire(local(names.lockPath()), owner);
+    if (status.isBad() && status.code == EWOULDBLOCK)
+    {
+        MC_CHECK_DETAIL(retVal, false,
+                        QStringLiteral("product '%1' is being changed by another process (pid %2)").arg(inKey).arg(owner),
+                        local(names.lockPath()) + ": locked by process " + std::to_string(owner));
+        return retVal;
+    }
+    if (MC_CHECK_DETAIL(retVal, status.isOk(), QStringLiteral("failed to lock product '%1'").arg(inKey), status.text))
+        return retVal;
+    mListOfProductLock.insert(inKey, lock);
+    return retVal;
+}
+
+void Engine::productUnlock(const QString& inKey)
+{
+    const std::shared_ptr<KsPlatform::ProductLock> lock = mListOfProductLock.take(inKey);
+    if (lock)
+        lock->release();
+}
+
+McResult Engine::productTransactionJournalWrite(const QString& inKey, const QString& inOperation,
+                                                const McDArray<McHandle<Resource>>& inSnapshot)
+{
+    McResult retVal;
+    mListOfJournal.remove(inKey);
+    if (!mTransactionJournal)
+        return retVal;
+    QString folder;
+    retVal << pathOfJournalDir(folder);
+    if (retVal.isBad())
+        return retVal;
+    auto journal = std::make_shared<TransactionJournal>(folder, inKey);
+    journal->operation = inOperation;
+    journal->processId = static_cast<qint64>(::getpid());
+    journal->newDirs = mListOfTransactionNewDirs.value(inKey);
+    bool anyFileKept = false;
+    QSet<QString> folders;
+    std::map<QString, bool> keys;
+    {
+        // A later start may not know this run's configuration: the snapshot is saved resolved.
+        // Texts that do not resolve are saved as they are, without a word.
+        FailureReportsHold quiet;
+        for (int64_t i = 0; i < inSnapshot.size(); ++i)
+        {
+            McDArray<PropertyBase<Resource>*> props;
+            inSnapshot[i]->properties(props);
+            for (int64_t p = 0; p < props.size(); ++p)
+            {
+                QString text = props[p]->read(inSnapshot[i].ptr());
+                if (mConfiguration.isResolved(text))
+                    continue;
+                const QString before = text;
+                if (mConfiguration.resolve(text).isOk() && text != before)
+                    props[p]->write(inSnapshot[i].ptr(), text);
+            }
+        }
+    }
+    for (int64_t i = 0; i < inSnapshot.size() && retVal.isOk(); ++i)
+    {
+        Resource* r = inSnapshot[i].ptr();
+        if (auto* dir = dynamic_cast<ResourceFileDirectory*>(r))
+        {
+            const QString dirPath = QDir::cleanPath(dir->path());
+            if (!dirPath.isEmpty() && !folders.contains(dirPath))
+            {
+                folders.insert(dirPath);
+                journal->tempFolders << dirPath;
+            }
+        }
+        else if (auto* entry = dynamic_cast<ResourceFileEntry*>(r))
+            anyFileKept = anyFileKept || (!entry->absence() && entry->bufferId().isValid());
+        else if (auto* key = dynamic_cast<ResourceRegistryKey*>(r))
+        {
+            // The key and each missing parent: a rollback removes what the change created.
+            ResourceRegistryKey::Place at;
+            retVal << key->locate(at);
+            if (retVal.isBad())
+                break;
+            QString keyPath = key->path();
+            std::string sub = at.path;
+            while (!sub.empty() && !keys.count(keyPath))
+            {
+                const bool existed = at.registry->keyOpen(at.root, sub).isOk();
+                keys[keyPath] = existed;
+                journal->registryKeys.append({keyPath, existed});
+                if (existed)
+                    break;
+                const size_t cut = sub.rfind('\\');
+                if (cut == std::string::npos)
+                    break;
+                sub.resize(cut);
+                keyPath.truncate(keyPath.lastIndexOf(QLatin1Char('\\')));
+            }
+        }
+        else if (auto* value = dynamic_cast<ResourceRegistryValue*>(r))
+        {
+            const McHandle<ResourceRegistryKey> key = value->container();
+            if (key.isNull())
+                continue;
+            ResourceRegistryKey::Place at;
+            retVal << key->locate(at);
+            if (retVal.isBad())
+                break;
+            TransactionJournal::RegistryValueState state;
+            state.keyPath = key->path();
+            state.name = value->name();
+            FailureReportsHold quiet;
+            mConfiguration.resolve(state.name);
+            std::string data;
+            const KsPlatform::Status status =
+                at.registry->valueQuery(at.root, at.path, state.name.toLatin1().toStdString(), state.type, data);
+            if (status.isBad() && status.code != KsPlatform::RegistryNotFound)
+            {
+                KS_CHECK_REGISTRY(retVal, status);
+                break;
+            }
+            state.existed = status.isOk();
+            state.data = QByteArray(data.data(), static_cast<int>(data.size()));
+            journal->registryValues.append(state);
+        }
+    }
+    if (retVal.isBad())
+        return retVal;
+    // The old contents the snapshot points at must be on the device before the journal is.
+    if (mTransactionFlush && anyFileKept)
+    {
+        QString cachePath;
+        retVal << pathToCache(cachePath);
+        if (retVal.isOk())
+        {
+            const KsPlatform::Status status = KsPlatform::fileSystemFlush(local(cachePath));
+            MC_CHECK_DETAIL(retVal, status.isOk(), "failed to flush the content cache", status.text);
+        }
+        if (retVal.isBad())
+            return retVal;
+    }
+    retVal << journal->write(inSnapshot, mTransactionFlush);
+    if (retVal.isOk())
+        mListOfJournal.insert(inKey, journal);
+    return retVal;
+}
+
+McResult Engine::productTransactionFlush(const QString& inKey)
+{
+    McResult retVal;
+    const std::shared_ptr<TransactionJournal> journal = mListOfJournal.value(inKey);
+    if (!mTransactionFlush || !journal)
+        return retVal;
+    // One flush per file system the change wrote to, however many files it wrote.
+    QSet<unsigned long long> flushed;
+    for (QString folder : journal->tempFolders)
+    {
+        unsigned long long id = 0;
+        while (!KsPlatform::fileSystemId(local(folder), id))
+        {
+            const int cut = folder.lastIndexOf(QLatin1Char('/'));
+            if (cut <= 0)
+            {
+                folder = QStringLiteral("/");
+                break;
+            }
+            folder.truncate(cut);
+        }
+        if (!KsPlatform::fileSystemId(local(folder), id) || flushed.contains(id))
+            continue;
+        flushed.insert(id);
+        const KsPlatform::Status status = KsPlatform::fileSystemFlush(local(folder));
+        if (MC_CHECK_DETAIL(retVal, status.isOk(), "failed to flush the installed files", status.text))
+            return retVal;
+    }
+    return retVal;
+}
+
+void Engine::transactionDurabilitySet(bool inFlush, bool inJournal)
+{
+    mTransactionFlush = inFlush;
+    mTransactionJournal = inJournal;
+}
+
 void Engine::productTransactionCommit(const QString& inKey)
 {
     progress().taskStartNext(tr("Transaction Commit"));
     mListOfTransactionNewDirs.remove(inKey);
     productUnregisterResources(QStringLiteral("_") + inKey);
+    const std::shared_ptr<TransactionJournal> journal = mListOfJournal.take(inKey);
+    if (journal)
+        journal->remove(mTransactionFlush);
+    productUnlock(inKey);
 }
 
 void Engine::productTransactionRollback(const QString& inKey)
 {
     progress().taskStartNext(tr("Transaction Rollback"));
+    KsPlatform::InterruptSignals::rollingBackSet(true);
     const QString cloneKey = QStringLiteral("_") + inKey;
-    if (productResource(cloneKey).isNotNull())
-        productInstall(cloneKey, true);
-    productUnregisterResources(cloneKey);
+    const std::shared_ptr<TransactionJournal> journal = mListOfJournal.take(inKey);
+    const bool recovering = mListOfRecovering.take(inKey);
+    mRollbackFailures.clear();
+    {
+        FailureReportsHold quiet;
+        if (productResource(cloneKey).isNotNull())
+            productInstall(cloneKey, true);
+        productUnregisterResources(cloneKey);
+        // Within this process the registry store's own transaction undoes every change; after
+        // a crash that transaction is gone (or was committed), so the journal's values go back.
+        if (recovering && journal)
+        {
+            RegistryTransaction restore;
+            McResult res;
+            KsPlatform::Registry* registry = nullptr;
+            if (!journal->registryKeys.isEmpty() || !journal->registryValues.isEmpty())
+                res << RegistryStore::instance(registry);
+            const auto failed = [&](const QString& inPath, const KsPlatform::Status& inStatus) {
+                mRollbackFailures << inPath + QStringLiteral(": ") + QString::fromLocal8Bit(inStatus.text.c_str());
+            };
+            for (const TransactionJournal::RegistryKeyState& k : journal->registryKeys)
+            {
+                KsPlatform::RegistryRoot root;
+                std::string sub;
+                if (registry && k.existed && RegistryStore::splitPath(k.path, root, sub))
+                {
+                    const KsPlatform::Status status = registry->keyCreate(root, sub);
+                    if (status.isBad())
+                        failed(k.path, status);
+                }
+            }
+            for (const TransactionJournal::RegistryValueState& v : journal->registryValues)
+            {
+                KsPlatform::RegistryRoot root;
+                std::string sub;
+                if (!registry || !RegistryStore::splitPath(v.keyPath, root, sub))
+                    continue;
+                const std::string name = v.name.toLatin1().toStdString();
+                KsPlatform::Status status;
+                if (v.existed)
+                    status = registry->valueSet(root, sub, name, v.type, std::string(v.data.constData(), static_cast<size_t>(v.data.size())));
+                else
+                {
+                    status = registry->valueDelete(root, sub, name);
+                    if (status.code == KsPlatform::RegistryNotFound)
+                        status = KsPlatform::Status::ok();
+                }
+                if (status.isBad())
+                    failed(v.keyPath + QLatin1Char('\\') + v.name, status);
+            }
+            // Keys the change created, deepest first; one that holds someone else's subkeys stays.
+            QList<TransactionJournal::RegistryKeyState> created;
+            for (const TransactionJournal::RegistryKeyState& k : journal->registryKeys)
+                if (!k.existed)
+                    created.append(k);
+            std::sort(created.begin(), created.end(), [](const TransactionJournal::RegistryKeyState& a,
+                                                         const TransactionJournal::RegistryKeyState& b) {
+                return a.path.size() > b.path.size();
+            });
+            for (const TransactionJournal::RegistryKeyState& k : created)
+            {
+                KsPlatform::RegistryRoot root;
+                std::string sub;
+                if (registry && RegistryStore::splitPath(k.path, root, sub) && !sub.empty())
+                {
+                    const KsPlatform::Status status = registry->keyDelete(root, sub);
+                    if (status.isBad() && status.code != KsPlatform::RegistryNotFound &&
+                        status.code != KsPlatform::RegistryAccessDenied)
+                        failed(k.path, status);
+                }
+            }
+            if (res.isOk() && registry)
+            {
+                const McResult committed = restore.commit();
+                if (committed.isBad())
+                    mRollbackFailures << QString::fromLocal8Bit(RegistryStore::location().toLocal8Bit()) +
+                                             QStringLiteral(": ") + QString::fromLocal8Bit(committed.text());
+            }
+            else if (res.isBad())
+                mRollbackFailures << RegistryStore::location() + QStringLiteral(": ") + QString::fromLocal8Bit(res.text());
+        }
+    }
     // Deepest first, and only when empty: a folder that now holds someone else's files stays.
     QStringList newDirs = mListOfTransactionNewDirs.take(inKey);
     std::sort(newDirs.begin(), newDirs.end(),
               [](const QString& a, const QString& b) { return a.size() > b.size(); });
+    // Temporary files of writes that a crash or a failure cut short.
+    if (journal)
+        for (const QString& folder : journal->tempFolders)
+        {
+            const QStringList names = QDir(folder).entryList(QStringList() << QStringLiteral(".*"),
+                                                             QDir::Files | QDir::Hidden | QDir::System);
+            for (const QString& name : names)
+                if (isTemporaryName(name))
+                    QFile::remove(folder + QLatin1Char('/') + name);
+        }
     for (const QString& dirPath : newDirs)
         QDir().rmdir(dirPath);
+
+    mRollbackIncomplete = !mRollbackFailures.isEmpty();
+    if (mRollbackIncomplete)
+    {
+        // One report instead of one per file; the journal stays so that the next start tries again.
+        QStringList shown = mRollbackFailures.mid(0, sRollbackPathsShown);
+        if (mRollbackFailures.size() > sRollbackPathsShown)
+            shown << QStringLiteral("...");
+        McResult report;
+        MC_CHECK_DETAIL(report, false,
+                        QStringLiteral("rollback incomplete: %1 of the resources of product '%2' could not be restored")
+                            .arg(mRollbackFailures.size())
+                            .arg(inKey),
+                        local(shown.join(QStringLiteral("; "))));
+    }
+    else if (journal)
+        journal->remove(mTransactionFlush);
+    productUnlock(inKey);
+    KsPlatform::InterruptSignals::rollingBackSet(false);
+}
+
+void Engine::rollbackFailureAdd(const QString& inPath, const McResult& inResult)
+{
+    // Called for every resource the rollback installs: what a good one reported is not kept.
+    if (inResult.isOk())
+    {
+        sFirstHeldReport.clear();
+        return;
+    }
+    const std::string report = !sFirstHeldReport.empty() ? sFirstHeldReport
+                               : *inResult.detail()        ? std::string(inResult.detail())
+                                                           : std::string(inResult.text());
+    sFirstHeldReport.clear();
+    const QString why = reasonOf(report);
+    mRollbackFailures << (why.startsWith(inPath) ? why : inPath + QStringLiteral(": ") + why);
+}
+
+void Engine::startRecover()
+{
+    const QDateTime started = QDateTime::currentDateTime();
+    productTransactionRecoverAll();
+    cache().temporaryFilesRemove(started);
+}
+
+McResult Engine::productTransactionRecoverAll()
+{
+    McResult retVal;
+    QString folder;
+    if (pathOfMaintenanceDir(folder).isBad())
+        return retVal;
+    folder += QStringLiteral("/Journal");
+    if (!QFileInfo(folder).isDir())
+        return retVal;
+    // Only this user's: the maintenance folder may be shared, and another user's change is theirs.
+    for (const QString& path : TransactionJournal::journalsIn(folder))
+        if (QFileInfo(path).ownerId() == ::geteuid())
+            retVal << productTransactionRecover(path);
+    // What a process killed while writing its journal left: a journal is only ever complete under
+    // its final name, so without one the rest is of no use, once nobody holds the product.
+    const QFileInfoList left = QDir(folder).entryInfoList(QDir::Files | QDir::Hidden | QDir::System);
+    for (const QFileInfo& info : left)
+    {
+        const QString name = info.fileName();
+        const QString stem = name.section(QLatin1Char('.'), 0, 0);
+        if (info.ownerId() != ::geteuid() || name.endsWith(QLatin1String(".lock")) ||
+            name.endsWith(QLatin1String(".journal")) || QFileInfo::exists(folder + QLatin1Char('/') + stem + QStringLiteral(".journal")))
+            continue;
+        KsPlatform::ProductLock lock;
+        long owner = 0;
+        if (lock.acquire(local(folder + QLatin1Char('/') + stem + QStringLiteral(".lock")), owner).isOk())
+            QFile::remove(info.filePath());
+    }
+    return retVal;
+}
+
+McResult Engine::productTransactionRecover(const QString& inJournalPath)
+{
+    McResult retVal;
+    auto journal = std::make_shared<TransactionJournal>(QString(), QString());
+    retVal << TransactionJournal::read(inJournalPath, *journal);
+    if (retVal.isBad())
+        return retVal;
+    const QString key = journal->productKey();
+    // A living process that holds the product is still at work on it: not ours to undo.
+    auto lock = std::make_shared<KsPlatform::ProductLock>();
+    long owner = 0;
+    const KsPlatform::Status status = lock->acquire(local(journal->lockPath()), owner);
+    if (status.isBad())
+    {
+        if (status.code == EWOULDBLOCK)
+            trace(McLogLevelInfo, QStringLiteral("recovery: product '%1' is being changed by process %2; left alone")
+                                      .arg(key)
+                                      .arg(owner));
+        else
+            MC_CHECK_DETAIL(retVal, false, QStringLiteral("failed to lock product '%1'").arg(key), status.text);
+        return retVal;
+    }
+    // The file may have gone while we waited for nothing: its owner committed just now.
+    if (!QFileInfo::exists(inJournalPath))
+        return retVal;
+    trace(McLogLevelInfo, QStringLiteral("recovery: rolling back the unfinished %1 of product '%2' (process %3)")
+                              .arg(journal->operation)
+                              .arg(key)
+                              .arg(journal->processId));
+    const QString cloneKey = QStringLiteral("_") + key;
+    productUnregisterResources(cloneKey);
+    retVal << journal->loadSnapshot();
+    if (MC_CHECK_DETAIL(retVal, retVal.isOk() && productResource(cloneKey).isNotNull(),
+                        QStringLiteral("the snapshot of product '%1' cannot be read").arg(key),
+                        local(journal->snapshotPath()) + ": unreadable"))
+    {
+        productUnregisterResources(cloneKey);
+        return retVal;
+    }
+    mListOfProductLock.insert(key, lock);
+    mListOfJournal.insert(key, journal);
+    mListOfTransactionNewDirs.insert(key, journal->newDirs);
+    mListOfRecovering.insert(key, true);
+    productTransactionRollback(key);
+    if (mRollbackIncomplete)
+        retVal.makeBad(McResult::CodeFail);
+    else
+        trace(McLogLevelInfo, QStringLiteral("recovery: product '%1' is back in the state it had before").arg(key));
+    return retVal;
 }
 
 void Engine::productUnregisterResources(const QString& inKey)
