@@ -7,9 +7,11 @@
 #include "Engine.h"
 #include "KsCommand.h"
 #include "QxCommand.h"
+#include "WidgetProgress.h"
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QEventLoop>
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +22,16 @@ extern char** environ;
 namespace
 {
 // Every failure reported through Ks::fail reaches the user on standard error.
+KsDeploy::WidgetProgress* dialogFind()
+{
+    if (!KsDeploy::WidgetProgress::available())
+        return nullptr;
+    for (QWidget* widget : QApplication::topLevelWidgets())
+        if (auto* dialog = qobject_cast<KsDeploy::WidgetProgress*>(widget))
+            return dialog;
+    return nullptr;
+}
+
 bool printFailure(const McResult& inResult)
 {
     // Progress lines written before the failure come first when both streams share one file.
@@ -30,7 +42,44 @@ bool printFailure(const McResult& inResult)
     if (*inResult.condition())
         std::fprintf(stderr, "  %s at %s:%d\n", inResult.condition(), inResult.location(), inResult.line());
     std::fflush(stderr);
+    // A desktop user reads the failure in the dialog's log, which stays open after a failure.
+    if (KsDeploy::WidgetProgress* dialog = dialogFind())
+    {
+        dialog->print(QStringLiteral("error: ") + QString::fromLatin1(inResult.text()));
+        if (*inResult.detail())
+            dialog->print(QStringLiteral("  ") + QString::fromLatin1(inResult.detail()));
+    }
     return true;
+}
+
+// The run's end on the dialog: closed at once after success; after a failure it stays until
+// the user closes it, so the log can be read.
+void dialogFinish(bool inSucceeded)
+{
+    KsDeploy::WidgetProgress* dialog = dialogFind();
+    if (!dialog)
+        return;
+    dialog->makeCloseable();
+    if (inSucceeded)
+        dialog->close();
+    while (dialog->isVisible())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+}
+
+// The window system ends the process when the display goes away; say what happened in our words.
+bool sDisplayLost = false;
+QtMessageHandler sMessageHandlerPrevious = nullptr;
+void messageHandler(QtMsgType inType, const QMessageLogContext& inContext, const QString& inMessage)
+{
+    if (inMessage.contains(QLatin1String("connection broke")))
+        sDisplayLost = true;
+    if (sMessageHandlerPrevious)
+        sMessageHandlerPrevious(inType, inContext, inMessage);
+}
+void displayLostReport()
+{
+    if (sDisplayLost)
+        std::fputs("ksdeploy: the display went away; the run was stopped before its commands ended\n", stderr);
 }
 
 // A message box (the debug pause) needs a display; without one the host stays a console program.
@@ -61,7 +110,11 @@ int main(int argc, char** argv)
     QCoreApplication::setApplicationName(QStringLiteral("ksdeploy"));
     std::unique_ptr<QCoreApplication> app;
     if (displayAvailable())
+    {
+        sMessageHandlerPrevious = qInstallMessageHandler(&messageHandler);
+        std::atexit(&displayLostReport);
         app.reset(new QApplication(argc, argv));
+    }
     else
         app.reset(new QCoreApplication(argc, argv));
 
@@ -99,6 +152,7 @@ int main(int argc, char** argv)
         engine.trace(commandLine.result());
         exitCode = 1;
     }
+    dialogFinish(exitCode == 0);
 
     KsDeploy::Engine::instanceShutdown();
     McResult::notificationCallbackRemove(&printFailure);
