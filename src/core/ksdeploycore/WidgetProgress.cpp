@@ -11,6 +11,7 @@
 #include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QSignalBlocker>
 #include <QSpacerItem>
 #include <QTextCursor>
 #include <QVBoxLayout>
@@ -238,7 +239,11 @@ void WidgetProgress::slot_DetailsSetVisible(bool inVisible)
         QCoreApplication::processEvents();
     mSinceEvents.start();
     if (mUi->mButtonDetails->isChecked() != inVisible)
+    {
+        // Its toggled signal leads here; once is enough.
+        const QSignalBlocker blocker(mUi->mButtonDetails);
         mUi->mButtonDetails->setChecked(inVisible);
+    }
 }
 
 void WidgetProgress::changeEvent(QEvent* inEvent)

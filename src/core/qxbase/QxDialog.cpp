@@ -14,6 +14,7 @@ QxDialog::QxDialog(QWidget* inParent) : QDialog(inParent)
 {
     frameBuild();
     paletteApply();
+    QCoreApplication::instance()->installEventFilter(this);
 }
 
 QxDialog::~QxDialog() = default;
@@ -107,9 +108,11 @@ void QxDialog::paletteApply()
     mPaletteApplying = false;
 }
 
-void QxDialog::changeEvent(QEvent* inEvent)
+bool QxDialog::eventFilter(QObject* inWatched, QEvent* inEvent)
 {
-    if (inEvent->type() == QEvent::ApplicationPaletteChange && !mPaletteApplying)
+    // A top-level window hears of a new application palette only through the application.
+    if (inWatched == QCoreApplication::instance() && inEvent->type() == QEvent::ApplicationPaletteChange &&
+        !mPaletteApplying)
         paletteApply();
-    QDialog::changeEvent(inEvent);
+    return QDialog::eventFilter(inWatched, inEvent);
 }

@@ -28,7 +28,7 @@ public:
     void paletteApply();
 
 protected:
-    void changeEvent(QEvent* inEvent) override;
+    bool eventFilter(QObject* inWatched, QEvent* inEvent) override;
 
 private:
     void frameBuild();
