@@ -15,7 +15,7 @@ PACKAGES=(
   libxml2-utils graphviz
   liblnk-utils desktop-file-utils
   clang-14 libclang-rt-14-dev
-  xvfb
+  xvfb dbus x11-apps x11-utils xdotool netpbm qt6-qpa-plugins fonts-dejavu-core
 )
 
 missing=()
