@@ -256,6 +256,14 @@ TEST_F(WidgetProgressTest, GradientOnLightThemesOnlyAndBackAfterAPaletteChange)
 }
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+// Font and platform caches live as long as the process; see src/app/LeakSuppressions.cpp.
+extern "C" const char* __lsan_default_suppressions()
+{
+    return "leak:libfontconfig.so\n";
+}
+#endif
+
 // Widgets need a QApplication, which the shared test main does not create.
 int main(int argc, char** argv)
 {

@@ -79,7 +79,7 @@ void messageHandler(QtMsgType inType, const QMessageLogContext& inContext, const
 void displayLostReport()
 {
     if (sDisplayLost)
-        std::fputs("ksdeploy: the display went away; the run was stopped before its commands ended\n", stderr);
+        std::fputs("ksdeploy: the display went away; the run was stopped\n", stderr);
 }
 
 // A message box (the debug pause) needs a display; without one the host stays a console program.
