@@ -273,6 +273,24 @@ class ProgressDialogTest(ksharness.KsTestCase):
         self.assertOk(r)
         self.assertNotIn("no display", r.err)
 
+    def test_debug_flag_waits_in_a_message_box_until_ok(self):
+        proc = self.start(["--flags", "debug=true", "--help", "command=flags"], self.gui_env)
+        wait_for(lambda: self.xtool("xdotool", "search", "--onlyvisible", "--name", "^Debug$", check=False).split(),
+                 "the debug box")
+        self.screenshot()
+        self.assertIsNone(proc.poll(), "the run went on before OK")
+        # Return presses OK once the box has the keyboard focus, which it takes right after it shows.
+        for _ in range(20):
+            self.xtool("xdotool", "key", "Return")
+            try:
+                proc.wait(timeout=3)
+                break
+            except subprocess.TimeoutExpired:
+                pass
+        self.assertEqual(0, proc.wait(timeout=60), self.stderr_text())
+        with open(self.path("stdout.txt"), "rb") as f:
+            self.assertIn(b"attribute   : debug", f.read())
+
     def test_a_display_that_goes_away_ends_the_run_with_a_message_and_a_failure_status(self):
         # One item stalls mid-transfer, so the run is surely still busy when the display dies.
         stalled = "/" + md5(self.files["app/d2/f010.txt"])
