@@ -231,22 +231,36 @@ class ProgressDialogTest(ksharness.KsTestCase):
             for got, want in zip(bottom, (217, 227, 238)):
                 self.assertLessEqual(abs(got - want), 2, "bottom row at %d: %r" % (x, bottom))
         # The bar: a run of the highlight colour, far from white or the gradient.
+        bar_left, bar_right, bar_bottom = self.find_bar(shot)
+        self.assertGreater(bar_right - bar_left, shot.width // 2, "the bar is less than half full")
+
+        # "Show Details" sits under the bar's left end: the log folds out and the window grows.
+        window = self.window()
+        self.xtool("xdotool", "mousemove", "--window", window, str(bar_left + 7), str(bar_bottom + 20), "click", "1")
+        wait_for(lambda: self.window_height(window) > shot.height + 300, "the log pane")
+        shot = self.screenshot(window)
+        bar_left, bar_right, bar_bottom = self.find_bar(shot)
+
+        # Close sits right under the bar's right end.
+        self.xtool("xdotool", "mousemove", "--window", window, str(bar_right - 30), str(bar_bottom + 20),
+                   "click", "1")
+        self.assertEqual(1, proc.wait(timeout=60), self.stderr_text())
+        self.assertFalse(os.path.exists(self.path("target", "d0", "f000.txt")), "the install was not rolled back")
+
+    def window_height(self, window):
+        geometry = self.xtool("xdotool", "getwindowgeometry", "--shell", window, check=False)
+        found = re.search(r"HEIGHT=(\d+)", geometry)
+        return int(found.group(1)) if found else 0
+
+    def find_bar(self, shot):
+        """Left end, right end of the fill and bottom row of the progress bar."""
         rows = []
         for y in range(shot.height):
             fill = [x for x in range(shot.width) if self.is_bar_fill(shot.at(x, y))]
             if len(fill) > shot.width // 3:
                 rows.append((y, min(fill), max(fill)))
         self.assertGreater(len(rows), 5, "no filled bar in the screenshot")
-        bar_bottom = rows[-1][0]
-        bar_right = max(r[2] for r in rows)
-        self.assertGreater(bar_right - rows[0][1], shot.width // 2, "the bar is less than half full")
-
-        # Close sits right under the bar's right end.
-        window = self.window()
-        self.xtool("xdotool", "mousemove", "--window", window, str(bar_right - 30), str(bar_bottom + 20),
-                   "click", "1")
-        self.assertEqual(1, proc.wait(timeout=60), self.stderr_text())
-        self.assertFalse(os.path.exists(self.path("target", "d0", "f000.txt")), "the install was not rolled back")
+        return min(r[1] for r in rows), max(r[2] for r in rows), rows[-1][0]
 
     @staticmethod
     def is_bar_fill(rgb):
