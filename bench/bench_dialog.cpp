@@ -95,6 +95,13 @@ int main(int argc, char** argv)
     const std::string dialog = env + "'" + sBin + "' " + install;
     const std::string quiet = env + "'" + sBin + "' --flags quiet=true " + install;
 
+    // A round only counts when every file arrived.
+    const auto complete = [&] {
+        const bool ok = KsBench::run("test \"$(find '" + target + "' -type f | wc -l)\" -eq " + std::to_string(files)) == 0;
+        if (!ok)
+            std::fprintf(stderr, "bench: the install did not write all %d files\n", files);
+        return ok;
+    };
     std::vector<double> ratios;
     std::vector<double> timesDialog;
     std::vector<double> timesQuiet;
@@ -107,10 +114,14 @@ int main(int argc, char** argv)
         childCpuSeconds();
         const double a = KsBench::timeCommand(dialog, 1);
         const double cpuA = childCpuSeconds();
+        if (!complete())
+            return 2;
         KsBench::run("rm -rf '" + target + "'; sync");
         childCpuSeconds();
         const double b = KsBench::timeCommand(quiet, 1);
         const double cpuB = childCpuSeconds();
+        if (!complete())
+            return 2;
         timesDialog.push_back(a);
         timesQuiet.push_back(b);
         ratios.push_back(a / b);
