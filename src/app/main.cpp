@@ -21,7 +21,7 @@ extern char** environ;
 
 namespace
 {
-// Every failure reported through Ks::fail reaches the user on standard error.
+// The progress dialog, when the engine shows one.
 KsDeploy::WidgetProgress* dialogFind()
 {
     if (!KsDeploy::WidgetProgress::available())
@@ -32,6 +32,7 @@ KsDeploy::WidgetProgress* dialogFind()
     return nullptr;
 }
 
+// Every failure reported through Ks::fail reaches the user on standard error.
 bool printFailure(const McResult& inResult)
 {
     // Progress lines written before the failure come first when both streams share one file.
