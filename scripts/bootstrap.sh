@@ -15,10 +15,10 @@ PACKAGES=(
   libxml2-utils graphviz
   liblnk-utils desktop-file-utils
   clang-14 libclang-rt-14-dev
-  xvfb
   clang-format-14 clang-tidy-14 cppcheck
   dpkg-dev lintian man-db groff-base
   strace
+  xvfb dbus x11-apps x11-utils xdotool netpbm qt6-qpa-plugins fonts-dejavu-core
 )
 
 missing=()

@@ -10,11 +10,13 @@
 #include "KsCommand.h"
 #include "QxCommand.h"
 #include "RegistryStore.h"
+#include "WidgetProgress.h"
 
 #include "InterruptSignals.h"
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QEventLoop>
 
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +26,17 @@ extern char** environ;
 
 namespace
 {
+// The progress dialog, when the engine shows one.
+KsDeploy::WidgetProgress* dialogFind()
+{
+    if (!KsDeploy::WidgetProgress::available())
+        return nullptr;
+    for (QWidget* widget : QApplication::topLevelWidgets())
+        if (auto* dialog = qobject_cast<KsDeploy::WidgetProgress*>(widget))
+            return dialog;
+    return nullptr;
+}
+
 // Every failure reported through Ks::fail reaches the user on standard error.
 bool printFailure(const McResult& inResult)
 {
@@ -38,7 +51,44 @@ bool printFailure(const McResult& inResult)
     if (*inResult.condition())
         std::fprintf(stderr, "  %s at %s:%d\n", inResult.condition(), inResult.location(), inResult.line());
     std::fflush(stderr);
+    // A desktop user reads the failure in the dialog's log, which stays open after a failure.
+    if (KsDeploy::WidgetProgress* dialog = dialogFind())
+    {
+        dialog->print(QStringLiteral("error: ") + QString::fromLatin1(inResult.text()));
+        if (*inResult.detail())
+            dialog->print(QStringLiteral("  ") + QString::fromLatin1(inResult.detail()));
+    }
     return true;
+}
+
+// The run's end on the dialog: closed at once after success; after a failure it stays until
+// the user closes it, so the log can be read.
+void dialogFinish(bool inSucceeded)
+{
+    KsDeploy::WidgetProgress* dialog = dialogFind();
+    if (!dialog)
+        return;
+    dialog->makeCloseable();
+    if (inSucceeded)
+        dialog->close();
+    while (dialog->isVisible())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+}
+
+// The window system ends the process when the display goes away; say what happened in our words.
+bool sDisplayLost = false;
+QtMessageHandler sMessageHandlerPrevious = nullptr;
+void messageHandler(QtMsgType inType, const QMessageLogContext& inContext, const QString& inMessage)
+{
+    if (inMessage.contains(QLatin1String("connection broke")))
+        sDisplayLost = true;
+    if (sMessageHandlerPrevious)
+        sMessageHandlerPrevious(inType, inContext, inMessage);
+}
+void displayLostReport()
+{
+    if (sDisplayLost)
+        std::fputs("ksdeploy: the display went away; the run was stopped\n", stderr);
 }
 
 // A message box (the debug pause) needs a display; without one the host stays a console program.
@@ -75,7 +125,11 @@ int main(int argc, char** argv)
     QCoreApplication::setApplicationName(QStringLiteral("ksdeploy"));
     std::unique_ptr<QCoreApplication> app;
     if (displayAvailable())
+    {
+        sMessageHandlerPrevious = qInstallMessageHandler(&messageHandler);
+        std::atexit(&displayLostReport);
         app.reset(new QApplication(argc, argv));
+    }
     else
         app.reset(new QCoreApplication(argc, argv));
 
@@ -98,14 +152,15 @@ int main(int argc, char** argv)
 
     McResult::notificationCallbackAdd(&printFailure);
     KsPlatform::InterruptSignals::install();
+    // The library reads no environment key; the host chooses the registry store's file and the
+    // download limits before the engine starts, since its start may already roll a change back.
+    KsDeploy::RegistryStore::locationSet(QString::fromLocal8Bit(qgetenv("KSDEPLOY_REGISTRY")));
+    // A stall limit, and an optional limit on a whole transfer. Not set, or not a number above 0:
+    // the defaults.
+    KsDeploy::Cache::downloadLimitsSet(qEnvironmentVariableIntValue("KSDEPLOY_STALL_TIMEOUT_MS"),
+                                       qEnvironmentVariableIntValue("KSDEPLOY_DOWNLOAD_TIMEOUT_MS"));
     KsDeploy::Engine::instanceInit(environ);
     KsDeploy::Engine& engine = KsDeploy::Engine::instance();
-    // The library reads no environment key; the host chooses the registry store's file.
-    KsDeploy::RegistryStore::locationSet(engine.environmentLookup(QStringLiteral("KSDEPLOY_REGISTRY")));
-    // Download limits (the library reads no environment of its own): a stall limit, and an
-    // optional limit on a whole transfer. Not set, or not a number above 0: the defaults.
-    KsDeploy::Cache::downloadLimitsSet(engine.environmentLookup(QStringLiteral("KSDEPLOY_STALL_TIMEOUT_MS")).toInt(),
-                                       engine.environmentLookup(QStringLiteral("KSDEPLOY_DOWNLOAD_TIMEOUT_MS")).toInt());
     // For benchmarks only: "1" leaves out the flushes that make a change survive a power loss,
     // "journal" the journal too (then a change does not survive the process either).
     const QByteArray noFlush = qgetenv("KSDEPLOY_BENCH_NO_FLUSH");
@@ -134,6 +189,7 @@ int main(int argc, char** argv)
         engine.trace(commandLine.result());
         exitCode = 1;
     }
+    dialogFinish(exitCode == 0);
 
     KsDeploy::Engine::instanceShutdown();
     McResult::notificationCallbackRemove(&printFailure);

@@ -2,10 +2,7 @@
 
 #include "Engine.h"
 
-#include <QApplication>
-#include <QMessageBox>
-
-#include <cstdio>
+#include "QxMessageBox.h"
 
 using namespace KsDeploy;
 
@@ -34,33 +31,15 @@ const char* const Command_flags::sHelpMessageAttributes =
     "           This provides opportinity to attach a debugger while the\n"
     "           box is shown.\n";
 
-namespace
-{
-void debugPause()
-{
-    const QString text = QStringLiteral("Attach debugger, then press OK to continue.");
-    // A message box needs a display; without one the console takes its place.
-    if (qobject_cast<QApplication*>(QCoreApplication::instance()))
-    {
-        QMessageBox::information(nullptr, QStringLiteral("Debug"), text, QMessageBox::Ok);
-        return;
-    }
-    std::fprintf(stdout, "%s\n", text.toLatin1().constData());
-    std::fflush(stdout);
-    int c = 0;
-    while ((c = std::getchar()) != EOF && c != '\n')
-    {
-    }
-}
-}
-
 McResult Command_flags::executeEarly() const
 {
     McResult retVal;
     McHandle<Attribute> debug;
     retVal << attribute1(debug, QStringLiteral("debug"), false);
+    // Without a display the box becomes a line on the console and a wait for Enter.
     if (commandFlag(debug))
-        debugPause();
+        QxMessageBox::informationWait(nullptr, QStringLiteral("Debug"),
+                                      QStringLiteral("Attach debugger, then press OK to continue."));
     McHandle<Attribute> quiet;
     retVal << attribute1(quiet, QStringLiteral("quiet"), false);
     if (quiet.isNotNull())

@@ -6,9 +6,12 @@
 #include "Resource.h"
 #include "ResourcePoolIndex.h"
 #include "SpecialFolders.h"
+#include "WidgetProgress.h"
 
 #include <QDir>
 #include <QFileInfo>
+
+#include <cstdio>
 
 using namespace KsDeploy;
 
@@ -134,12 +137,24 @@ Progress& Engine::progress()
 {
     if (mProgress)
         return *mProgress;
-    // The dialog sink takes the non-quiet branch once it exists; until then both get the console.
+    if (!mQuiet && WidgetProgress::available())
+    {
+        mProgress = new WidgetProgress(nullptr);
+        mProgress->show();
+        mProgress->raise();
+        return *mProgress;
+    }
     mProgress = new ConsoleProgress;
     if (!mQuiet)
     {
-        mProgress->show();
-        mProgress->raise();
+        // Without a display the run goes on on the console rather than abort; said once.
+        static bool sFallbackSaid = false;
+        if (!sFallbackSaid)
+        {
+            sFallbackSaid = true;
+            std::fputs("ksdeploy: no display available, progress is shown on the console\n", stderr);
+            std::fflush(stderr);
+        }
     }
     return *mProgress;
 }
