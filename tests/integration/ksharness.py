@@ -19,6 +19,10 @@ SOURCE_DIR = os.environ.get("KSDEPLOY_SOURCE_DIR") or os.path.abspath(
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "servers"))
 
 
+# A run without quiet=true and without a display says once that progress goes to the console.
+NO_DISPLAY_NOTICE = "ksdeploy: no display available, progress is shown on the console\n"
+
+
 class Result:
     def __init__(self, proc):
         self.code = proc.returncode
@@ -79,6 +83,10 @@ class KsTestCase(unittest.TestCase):
 
     def assertOk(self, result):
         self.assertEqual(0, result.code, repr(result))
+
+    def assertNoErrorOutput(self, err):
+        """Standard error holds nothing but the headless notice of a run without quiet=true."""
+        self.assertEqual("", err.replace(NO_DISPLAY_NOTICE, "", 1))
 
     def assertFails(self, result, code=1):
         self.assertEqual(code, result.code, repr(result))

@@ -83,7 +83,7 @@ class MaintenanceFolderTest(ksharness.KsTestCase):
         self.assertIn("rc=0\n", out, err)
         self.assertIn("folder=700 %d directory\n" % uid, out)
         self.assertIn(md5(b"data"), out)
-        self.assertEqual("", err)
+        self.assertNoErrorOutput(err)
         self.assertFalse(os.path.exists("/Kestra Imaging"))
 
     def test_a_per_user_folder_someone_else_prepared_is_refused(self):

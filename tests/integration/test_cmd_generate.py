@@ -18,7 +18,7 @@ class GenerateDirectoryTest(ksharness.KsTestCase):
         os.mkfifo(os.path.join(src, "pipe"))
         r = self.run_ks("--generate", "type=directory", "path=" + src, "--save", "target=out.xml")
         self.assertOk(r)
-        self.assertEqual("", r.err)
+        self.assertNoErrorOutput(r.err)
         lines = r.out.splitlines()
         scan = lines.index("scan: " + src)
         self.assertEqual(["  skipped .hidden (hidden)", "  found a.txt", "  skipped broken (symbolic link)",
