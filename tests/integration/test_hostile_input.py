@@ -230,6 +230,25 @@ class TraversalTest(HostileCase):
                     self.assertEqual(b"precious\n", self.read("victim.txt"))
                 self.assertNoPartialFile()
 
+    def test_shortcut_and_registry_names_through_a_value(self):
+        d = Description("${TARGET}")
+        d.shortcut("${LINK}", d.root, d.file("tool", d.root, self.PAYLOAD))
+        d.value("v", d.key("${KEY}", d.key("HKEY_CURRENT_USER", None)), "1")
+        for config, refused, detail in [(["LINK=../tool.desktop", "KEY=Vendor"], "${LINK}", "../tool.desktop: is not"),
+                                        (["LINK=tool.desktop", "KEY=Vendor\\..\\Other"], "${KEY}",
+                                         "Vendor\\..\\Other: is not one path component (it holds '\\')")]:
+            with self.subTest(config=config):
+                before = self.snapshot()
+                r = self.load_and(d.xml(), "install", *config)
+                self.assertFails(r)
+                self.assertEqual(1, len(self.errors(r)), r)
+                self.assertTrue(self.errors(r)[0].startswith("error: refused name [%s] of " % refused), r)
+                self.assertTrue(r.err.splitlines()[1].startswith("  " + detail), r)
+                self.assertNothingOutsideChanged(before)
+                self.assertFalse(os.path.exists(self.target))
+        self.assertOk(self.load_and(d.xml(), "install", "LINK=tool.desktop", "KEY=Vendor"))
+        self.assertTrue(os.path.exists(self.path("target/tool.desktop")))
+
     def test_an_installed_product_is_uninstalled_inside_its_root_only(self):
         d = Description("${TARGET}")
         d.file("victim.txt", d.folder("${SUB}", d.root), self.PAYLOAD)
