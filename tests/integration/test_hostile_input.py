@@ -230,6 +230,25 @@ class TraversalTest(HostileCase):
                     self.assertEqual(b"precious\n", self.read("victim.txt"))
                 self.assertNoPartialFile()
 
+    def test_shortcut_and_registry_names_through_a_value(self):
+        d = Description("${TARGET}")
+        d.shortcut("${LINK}", d.root, d.file("tool", d.root, self.PAYLOAD))
+        d.value("v", d.key("${KEY}", d.key("HKEY_CURRENT_USER", None)), "1")
+        for config, refused, detail in [(["LINK=../tool.desktop", "KEY=Vendor"], "${LINK}", "../tool.desktop: is not"),
+                                        (["LINK=tool.desktop", "KEY=Vendor\\..\\Other"], "${KEY}",
+                                         "Vendor\\..\\Other: is not one path component (it holds '\\')")]:
+            with self.subTest(config=config):
+                before = self.snapshot()
+                r = self.load_and(d.xml(), "install", *config)
+                self.assertFails(r)
+                self.assertEqual(1, len(self.errors(r)), r)
+                self.assertTrue(self.errors(r)[0].startswith("error: refused name [%s] of " % refused), r)
+                self.assertTrue(r.err.splitlines()[1].startswith("  " + detail), r)
+                self.assertNothingOutsideChanged(before)
+                self.assertFalse(os.path.exists(self.target))
+        self.assertOk(self.load_and(d.xml(), "install", "LINK=tool.desktop", "KEY=Vendor"))
+        self.assertTrue(os.path.exists(self.path("target/tool.desktop")))
+
     def test_an_installed_product_is_uninstalled_inside_its_root_only(self):
         d = Description("${TARGET}")
         d.file("victim.txt", d.folder("${SUB}", d.root), self.PAYLOAD)
@@ -372,6 +391,27 @@ class FileSystemFaultTest(HostileCase):
         self.assertNothingOutsideChanged(before, with_cache=False)
         self.assertNoPartialFile()
 
+    def run_refused(self, path, calls, action, *extra):
+        """Runs an action whose calls of the kind given on that one path fail with EACCES."""
+        proc = subprocess.run(["strace", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e",
+                               "inject=%s:error=EACCES" % calls, ksharness.BIN, "--load", "file=product.xml",
+                               "--config", "TARGET=" + self.target, "--product", "action=" + action, "name=App",
+                               *extra], cwd=self.work, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=300)
+        return ksharness.Result(proc)
+
+    def test_a_file_that_may_not_be_removed(self):
+        if not shutil.which("strace"):
+            self.skipTest("strace is missing")
+        self.assertOk(self.load_and(self.product(), "install"))
+        a = os.path.join(self.target, "a.txt")
+        r = self.run_refused(a, "unlink,unlinkat", "uninstall")
+        self.assertFails(r)
+        self.assertEqual("  %s: Permission denied" % a, self.second_line_after(r, "error: failed to remove file '%s'" % a))
+        self.assertEqual(self.PAYLOAD, self.read("target/a.txt"))
+        self.assertEqual(self.PAYLOAD, self.read("target/lib/b.txt"))
+        self.assertNoPartialFile()
+
     def test_permission_denied(self):
         if not shutil.which("strace"):
             self.skipTest("strace is missing")
@@ -381,11 +421,7 @@ class FileSystemFaultTest(HostileCase):
         os.makedirs(self.target)
         # Only the creation of that one folder is refused, the way a folder without write
         # permission refuses it (root would not be refused by the mode).
-        proc = subprocess.run(["strace", "-f", "-qq", "-o", "/dev/null", "-P", lib, "-e", "inject=mkdir:error=EACCES",
-                               ksharness.BIN, "--load", "file=product.xml", "--config", "TARGET=" + self.target,
-                               "--product", "action=install", "name=App", "url=file://" + self.items],
-                              cwd=self.work, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=300)
-        r = ksharness.Result(proc)
+        r = self.run_refused(lib, "mkdir", "install", "url=file://" + self.items)
         self.assertFails(r)
         self.assertEqual("  %s: Permission denied" % lib, self.second_line_after(r, "error: Internal Error"))
         self.assertNothingOutsideChanged(before, with_cache=False)

@@ -24,7 +24,10 @@ McResult File::removeFile(const QString& inPath)
     MC_CHECK(retVal, !info.isDir() || info.isSymLink(), QStringLiteral("'%1' is a directory, not a file").arg(inPath));
     if (retVal.isBad())
         return retVal;
-    MC_CHECK_WIN(retVal, QFile::remove(inPath), QStringLiteral("failed to remove file '%1'").arg(inPath));
+    // Removed by the system call itself, so that errno says why on the line under the message.
+    const QByteArray name = QFile::encodeName(inPath);
+    MC_CHECK_DETAIL(retVal, ::unlink(name.constData()) == 0, QStringLiteral("failed to remove file '%1'").arg(inPath),
+                    McLib::osDetail(name.toStdString(), errno));
     return retVal;
 }
 
