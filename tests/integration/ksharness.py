@@ -27,10 +27,13 @@ class Result:
     def __init__(self, proc):
         self.code = proc.returncode
         self.out = proc.stdout.decode("latin-1")
-        self.err = proc.stderr.decode("latin-1")
+        # err_raw is all of standard error; err leaves out the headless notice, so suites can
+        # read the lines of a failure by position.
+        self.err_raw = proc.stderr.decode("latin-1")
+        self.err = self.err_raw.replace(NO_DISPLAY_NOTICE, "", 1)
 
     def __repr__(self):
-        return "exit %d\n--- stdout\n%s--- stderr\n%s" % (self.code, self.out, self.err)
+        return "exit %d\n--- stdout\n%s--- stderr\n%s" % (self.code, self.out, self.err_raw)
 
 
 class KsTestCase(unittest.TestCase):

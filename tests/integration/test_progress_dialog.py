@@ -271,7 +271,7 @@ class ProgressDialogTest(ksharness.KsTestCase):
         r = self.run_ks(*self.install_args())
         self.assertOk(r)
         self.assertIn("...ok", r.out)
-        self.assertEqual(1, r.err.count("no display available"), r.err)
+        self.assertEqual(1, r.err_raw.count("no display available"), r.err_raw)
         self.assertInstalled()
         # A fresh cache, so the missing item is really fetched.
         shutil.rmtree(self.path("target"))
@@ -281,7 +281,7 @@ class ProgressDialogTest(ksharness.KsTestCase):
         r = self.run_ks(*self.install_args())
         self.assertFails(r)
         self.assertIn("...failed", r.out)
-        self.assertEqual(1, r.err.count("no display available"), r.err)
+        self.assertEqual(1, r.err_raw.count("no display available"), r.err_raw)
         # Quiet stays silent about it.
         r = self.run_ks("--flags", "quiet=true", "--help", "command=flags")
         self.assertOk(r)
