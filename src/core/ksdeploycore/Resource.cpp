@@ -438,10 +438,3 @@ void Resource::incomingSources(std::vector<Resource*>& outSources) const
     for (auto it = mIncoming.constBegin(); it != mIncoming.constEnd(); ++it)
         outSources.push_back(it.key());
 }
-
-McResult Resource::notAvailableYet(const char* inOperation)
-{
-    McResult retVal;
-    MC_CHECK_TEXT(retVal, false, "false", QStringLiteral("%1 is not available yet for this kind of resource").arg(inOperation));
-    return retVal;
-}

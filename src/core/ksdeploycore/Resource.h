@@ -124,13 +124,11 @@ public:
 
     // The resources holding links to this one (each once, in no particular order).
     void incomingSources(std::vector<Resource*>& outSources) const;
-    int64_t poolPosition() const { return mPoolPosition; }
 
 protected:
     void notifyDelete() override;
     // Replaces the links of one name by a single link to inTarget (none when null).
     void linkSet(const QString& inName, const Resource* inTarget);
-    static McResult notAvailableYet(const char* inOperation);
 
 private:
     // Removes every link for which inRemove(link) is true, keeping the order of the others.

@@ -30,7 +30,6 @@ public:
     // Opens "<base folder>/ksdeploy.log"; appends unless inTruncate.
     bool open(bool inTruncate);
     void close();
-    bool isOpen() const { return mFile != nullptr; }
     std::string path() const;
 
     void setWriteCallback(WriteCallback inCallback, McLogLevel inMinLevel);

@@ -17,7 +17,6 @@ public:
     void clear() { mText.clear(); }
     size_t length() const { return mText.size(); }
     bool isEmptyString() const { return mText.empty(); }
-    const char* getString() const { return mText.c_str(); }
     const char* c_str() const { return mText.c_str(); }
     const std::string& str() const { return mText; }
     char operator[](size_t i) const { return mText[i]; }
