@@ -10,7 +10,7 @@ PACKAGES=(
   libcurl4-openssl-dev libssl-dev
   libsqlite3-dev sqlite3
   libgtest-dev googletest libbenchmark-dev
-  python3 strace
+  python3 strace time
   nginx-light
   libxml2-utils graphviz
   liblnk-utils desktop-file-utils
