@@ -17,7 +17,6 @@ PACKAGES=(
   clang-14 libclang-rt-14-dev
   clang-format-14 clang-tidy-14 cppcheck
   dpkg-dev lintian man-db groff-base
-  strace
   xvfb dbus x11-apps x11-utils xdotool netpbm qt6-qpa-plugins fonts-dejavu-core
 )
 
