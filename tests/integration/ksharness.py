@@ -87,6 +87,16 @@ class KsTestCase(unittest.TestCase):
     def assertOk(self, result):
         self.assertEqual(0, result.code, repr(result))
 
+    @property
+    def traced_env(self):
+        """The environment for a run under strace: the leak checker of a sanitizer build stops the
+        world with ptrace, which a traced process cannot do, so it is off there."""
+        env = dict(self.env)
+        options = env.get("ASAN_OPTIONS", "")
+        if options:
+            env["ASAN_OPTIONS"] = options.replace("detect_leaks=1", "detect_leaks=0")
+        return env
+
     def assertNoErrorOutput(self, err):
         """Standard error holds nothing but the headless notice of a run without quiet=true."""
         self.assertEqual("", err.replace(NO_DISPLAY_NOTICE, "", 1))

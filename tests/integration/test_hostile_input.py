@@ -396,8 +396,8 @@ class FileSystemFaultTest(HostileCase):
         proc = subprocess.run(["strace", "-f", "-qq", "-o", "/dev/null", "-P", path, "-e",
                                "inject=%s:error=EACCES" % calls, ksharness.BIN, "--load", "file=product.xml",
                                "--config", "TARGET=" + self.target, "--product", "action=" + action, "name=App",
-                               *extra], cwd=self.work, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                              timeout=300)
+                               *extra], cwd=self.work, env=self.traced_env, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, timeout=300)
         return ksharness.Result(proc)
 
     def test_a_file_that_may_not_be_removed(self):
