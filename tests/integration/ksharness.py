@@ -10,6 +10,8 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import uuid
+import xml.etree.ElementTree as ET
 
 BIN = os.path.abspath(os.environ.get("KSDEPLOY_BIN") or os.path.join(
     os.path.dirname(__file__), "..", "..", "build", "bin", "ksdeploy"))
@@ -115,6 +117,32 @@ class KsTestCase(unittest.TestCase):
     def read(self, rel):
         with open(self.path(rel), "rb") as f:
             return f.read()
+
+
+class Description:
+    """A generated description opened to add resources by hand: `found` maps (tag, Name) to the
+    UUID of what the generator wrote, `add` appends a resource (linked to its container), and
+    `save` writes it with every link added."""
+
+    def __init__(self, path):
+        self.tree = ET.parse(path)
+        self.root = self.tree.getroot()
+        self.found = {(el.tag, el.get("Name")): el.get("UUID") for el in self.root if el.tag != "Link"}
+        self.links = []
+
+    def add(self, tag, name, container=None, delete=True, **props):
+        el = ET.SubElement(self.root, tag, {"UUID": "{%s}" % uuid.uuid4(), "Absence": "false",
+                                            "DeleteOnUninstall": "true" if delete else "false", "Name": name})
+        for k, v in props.items():
+            el.set(k, v)
+        if container:
+            self.links.append((el.get("UUID"), container, "Container"))
+        return el.get("UUID")
+
+    def save(self, path):
+        for source, target, name in self.links:
+            ET.SubElement(self.root, "Link", {"Source": source, "Target": target, "Name": name})
+        self.tree.write(path, encoding="UTF-8", xml_declaration=True)
 
 
 def main():

@@ -6,8 +6,6 @@ import hashlib
 import os
 import shutil
 import subprocess
-import uuid
-import xml.etree.ElementTree as ET
 
 import ksharness
 
@@ -16,10 +14,6 @@ FILES = {
     "README.txt": b"read me\n",
 }
 UNINSTALL = "HKEY_CURRENT_USER\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall"
-
-
-def braced():
-    return "{%s}" % uuid.uuid4()
 
 
 class RegistryProductTest(ksharness.KsTestCase):
@@ -64,22 +58,11 @@ class RegistryProductTest(ksharness.KsTestCase):
         r = self.run_ks("--generate", "type=directory", "path=" + self.path("app"), "name=${TARGET}",
                         "product=App", "--save", "target=generated.xml")
         self.assertOk(r)
-        tree = ET.parse(self.path("generated.xml"))
-        root = tree.getroot()
-        resources = {(el.tag, el.get("Name")): el.get("UUID") for el in root if el.tag != "Link"}
-        product = resources[("ResourceProduct", "App")]
-        top = resources[("ResourceFileDirectory", "${TARGET}")]
-        program = resources[("ResourceFileEntry", "app")]
-        links = []
-
-        def add(tag, name, container=None, delete=True, **props):
-            el = ET.SubElement(root, tag, {"UUID": braced(), "Absence": "false",
-                                           "DeleteOnUninstall": "true" if delete else "false", "Name": name})
-            for k, v in props.items():
-                el.set(k, v)
-            if container:
-                links.append((el.get("UUID"), container, "Container"))
-            return el.get("UUID")
+        d = ksharness.Description(self.path("generated.xml"))
+        add, links = d.add, d.links
+        product = d.found[("ResourceProduct", "App")]
+        top = d.found[("ResourceFileDirectory", "${TARGET}")]
+        program = d.found[("ResourceFileEntry", "app")]
 
         menu = add("ResourceFileDirectory", "${MENU}")
         for name in ("Start App.lnk", "start-app.desktop"):
@@ -103,9 +86,7 @@ class RegistryProductTest(ksharness.KsTestCase):
         value(settings, "Paths", "TYPE_MULTI_SZ", "a\\0b")
         for key in (uninstall, software):
             links.append((product, key, "Registry"))
-        for source, target, name in links:
-            ET.SubElement(root, "Link", {"Source": source, "Target": target, "Name": name})
-        tree.write(self.path("product.xml"), encoding="UTF-8", xml_declaration=True)
+        d.save(self.path("product.xml"))
 
     def product(self, action, *extra):
         return self.run_ks("--load", "file=product.xml", "--config", "TARGET=" + self.target,

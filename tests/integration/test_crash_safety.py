@@ -11,8 +11,6 @@ import sqlite3
 import subprocess
 import sys
 import time
-import uuid
-import xml.etree.ElementTree as ET
 
 import ksharness
 
@@ -53,10 +51,6 @@ REG_V2 = [("Software\\Kestra\\App", "Version", "TYPE_SZ", "2.0"),
           ("Software\\Kestra\\App\\Plugins", "Count", "TYPE_DWORD", "2")]
 
 
-def braced():
-    return "{%s}" % uuid.uuid4()
-
-
 class CrashSafetyTest(ksharness.KsTestCase):
     # A whole machine state is too long to show; the message of each check says which point failed.
     maxDiff = 2000
@@ -86,22 +80,11 @@ class CrashSafetyTest(ksharness.KsTestCase):
         r = self.run_ks("--generate", "type=directory", "path=" + tree, "name=${TARGET}", "product=App",
                         "--save", "target=gen-%s.xml" % version)
         self.assertOk(r)
-        doc = ET.parse(self.path("gen-%s.xml" % version))
-        root = doc.getroot()
-        found = {(el.tag, el.get("Name")): el.get("UUID") for el in root if el.tag != "Link"}
-        product = found[("ResourceProduct", "App")]
-        top = found[("ResourceFileDirectory", "${TARGET}")]
-        program = found[("ResourceFileEntry", "app")]
-        links = []
-
-        def add(tag, name, container=None, delete=True, **props):
-            el = ET.SubElement(root, tag, {"UUID": braced(), "Absence": "false",
-                                           "DeleteOnUninstall": "true" if delete else "false", "Name": name})
-            for k, v in props.items():
-                el.set(k, v)
-            if container:
-                links.append((el.get("UUID"), container, "Container"))
-            return el.get("UUID")
+        d = ksharness.Description(self.path("gen-%s.xml" % version))
+        add, links = d.add, d.links
+        product = d.found[("ResourceProduct", "App")]
+        top = d.found[("ResourceFileDirectory", "${TARGET}")]
+        program = d.found[("ResourceFileEntry", "app")]
 
         menu = add("ResourceFileDirectory", "${MENU}")
         link = add("ResourceFileShortcut", "start-app.desktop", menu, Args="--fast", Desc="Starts App")
@@ -118,9 +101,7 @@ class CrashSafetyTest(ksharness.KsTestCase):
                     keys[path] = add("ResourceRegistryKey", part, parent)
                 parent = keys[path]
             add("ResourceRegistryValue", name, parent, Type=vtype, Value=text)
-        for source, target, name in links:
-            ET.SubElement(root, "Link", {"Source": source, "Target": target, "Name": name})
-        doc.write(self.path("%s.xml" % version), encoding="UTF-8", xml_declaration=True)
+        d.save(self.path("%s.xml" % version))
 
     def args(self, version, action="install"):
         extra = ["url=file://" + self.path("publish")] if action == "install" else []
