@@ -15,6 +15,24 @@ namespace
 {
 class ResourceTest : public KsTest::EngineTest
 {
+protected:
+    // "${APP}" / "bin" / "tool": a root folder, a folder in it and a file in that.
+    struct Tree
+    {
+        McHandle<ResourceFileDirectory> root, sub;
+        McHandle<ResourceFileEntry> file;
+    };
+    static Tree tree()
+    {
+        Tree t{McHandle<ResourceFileDirectory>(new ResourceFileDirectory),
+               McHandle<ResourceFileDirectory>(new ResourceFileDirectory), McHandle<ResourceFileEntry>(new ResourceFileEntry)};
+        t.root->nameSet("${APP}");
+        t.sub->nameSet("bin");
+        t.sub->containerSet(t.root);
+        t.file->nameSet("tool");
+        t.file->containerSet(t.sub);
+        return t;
+    }
 };
 
 }
@@ -197,14 +215,10 @@ TEST_F(ResourceTest, PathsResolveThroughTheConfiguration)
 {
     KsTest::FailureRecorder failures;
     Engine::instance().configuration().valueSet("APP", "/opt/app", false);
-    McHandle<ResourceFileDirectory> root(new ResourceFileDirectory);
-    root->nameSet("${APP}");
-    McHandle<ResourceFileDirectory> sub(new ResourceFileDirectory);
-    sub->nameSet("bin");
-    sub->containerSet(root);
-    McHandle<ResourceFileEntry> file(new ResourceFileEntry);
-    file->nameSet("tool");
-    file->containerSet(sub);
+    const Tree t = tree();
+    const McHandle<ResourceFileDirectory>& root = t.root;
+    const McHandle<ResourceFileDirectory>& sub = t.sub;
+    const McHandle<ResourceFileEntry>& file = t.file;
     EXPECT_EQ("/opt/app/bin/tool", file->path());
 
     // Asked again after anything it depends on changed, a path is found anew.
@@ -246,14 +260,10 @@ TEST_F(ResourceTest, NamesCannotLeaveTheirRoot)
     KsTest::FailureRecorder failures;
     Configuration& configuration = Engine::instance().configuration();
     configuration.valueSet("APP", "/opt/app", false);
-    McHandle<ResourceFileDirectory> root(new ResourceFileDirectory);
-    root->nameSet("${APP}");
-    McHandle<ResourceFileDirectory> sub(new ResourceFileDirectory);
-    sub->nameSet("bin");
-    sub->containerSet(root);
-    McHandle<ResourceFileEntry> file(new ResourceFileEntry);
-    file->nameSet("tool");
-    file->containerSet(sub);
+    const Tree t = tree();
+    const McHandle<ResourceFileDirectory>& root = t.root;
+    const McHandle<ResourceFileDirectory>& sub = t.sub;
+    const McHandle<ResourceFileEntry>& file = t.file;
     for (Resource* r : {static_cast<Resource*>(root.ptr()), static_cast<Resource*>(sub.ptr()), static_cast<Resource*>(file.ptr())})
     {
         EXPECT_TRUE(r->nameCheck().isOk());
