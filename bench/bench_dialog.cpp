@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace
 {
@@ -60,15 +61,27 @@ int main(int argc, char** argv)
     sBin = QCoreApplication::applicationDirPath().toStdString() + "/ksdeploy";
     sDir = KsBench::scratchDir("dialog");
 
-    // A display of our own: the server picks a free number and writes it to the file.
-    const std::string displayFile = sDir + "/display";
-    KsBench::run("Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3>'" + displayFile +
-                 "' >/dev/null 2>&1 & echo $! > '" + sDir + "/xvfb.pid'");
+    // A display of our own: a high number without lock or socket, used once xdpyinfo answers.
     std::string display;
-    for (int i = 0; i < 200 && display.empty(); ++i)
+    std::srand(static_cast<unsigned>(getpid()));
+    for (int attempt = 0; attempt < 50 && display.empty(); ++attempt)
     {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        display = readFile(displayFile);
+        const std::string number = std::to_string(100 + std::rand() % 3900);
+        if (KsBench::run("test ! -e /tmp/.X" + number + "-lock -a ! -e /tmp/.X11-unix/X" + number) != 0)
+            continue;
+        KsBench::run("Xvfb :" + number + " -screen 0 1280x1024x24 -nolisten tcp >/dev/null 2>&1 & echo $! > '" + sDir +
+                     "/xvfb.pid'");
+        for (int i = 0; i < 200; ++i)
+        {
+            if (KsBench::run("xdpyinfo -display :" + number + " >/dev/null 2>&1") == 0)
+            {
+                display = number;
+                break;
+            }
+            if (KsBench::run("kill -0 $(cat '" + sDir + "/xvfb.pid') 2>/dev/null") != 0)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
     }
     if (display.empty())
     {

@@ -6,6 +6,7 @@ Screenshots are written to the test's work folder ("screens/"), which is kept wh
 """
 import hashlib
 import os
+import random
 import re
 import shutil
 import signal
@@ -17,7 +18,7 @@ import ksharness
 from fault_server import FaultServer
 
 TITLE = "Kestra Imaging"
-TOOLS = ("Xvfb", "xdotool", "xwd", "xwdtopnm", "pamdepth", "pnmtopng", "dbus-daemon", "dbus-monitor")
+TOOLS = ("Xvfb", "xdpyinfo", "xdotool", "xwd", "xwdtopnm", "pamdepth", "pnmtopng", "dbus-daemon", "dbus-monitor")
 MISSING = [t for t in TOOLS if shutil.which(t) is None]
 
 
@@ -37,26 +38,39 @@ def wait_for(predicate, what, limit=60.0):
 
 
 class XServer:
-    """Xvfb on the first free display (the server picks it and tells us through -displayfd)."""
+    """Xvfb on a display number of its own, answered by xdpyinfo before it is used.
+
+    Numbers are drawn from a high range and skipped when a lock or socket exists; a server that
+    cannot listen (the number is taken where we cannot see it) ends at once, and the next is tried.
+    """
 
     def __init__(self):
-        read_fd, write_fd = os.pipe()
-        self.proc = subprocess.Popen(["Xvfb", "-displayfd", str(write_fd), "-screen", "0", "1280x1024x24",
-                                      "-nolisten", "tcp"], pass_fds=(write_fd,),
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_fd)
-        with os.fdopen(read_fd) as f:
-            number = f.readline().strip()
-        if not number:
-            self.proc.kill()
-            raise RuntimeError("Xvfb did not start")
-        self.display = ":" + number
+        rng = random.Random()
+        for _ in range(50):
+            number = rng.randint(100, 4000)
+            if os.path.exists("/tmp/.X%d-lock" % number) or os.path.exists("/tmp/.X11-unix/X%d" % number):
+                continue
+            self.display = ":%d" % number
+            self.proc = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "1280x1024x24", "-nolisten", "tcp"],
+                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            try:
+                if wait_for(self.answers, "Xvfb on " + self.display, limit=30.0) == "up":
+                    return
+            except AssertionError:
+                self.stop()
+        raise RuntimeError("no free display for Xvfb")
 
     def stop(self):
         if self.proc.poll() is None:
             self.proc.terminate()
             self.proc.wait(timeout=30)
 
+    def answers(self):
+        if self.proc.poll() is not None:
+            return "gone"
+        probe = subprocess.run(["xdpyinfo", "-display", self.display], stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+        return "up" if probe.returncode == 0 else None
 
 class SessionBus:
     def __init__(self):
@@ -314,6 +328,11 @@ class ProgressDialogTest(ksharness.KsTestCase):
             wait_for(lambda: any(p == stalled for _, p, _, _ in server.requests), "the stalled request")
             self.x.proc.send_signal(signal.SIGKILL)
             self.x.proc.wait()
+            # A killed server leaves its lock and socket behind; they are ours to remove.
+            number = self.x.display[1:]
+            for stale in ("/tmp/.X%s-lock" % number, "/tmp/.X11-unix/X%s" % number):
+                if os.path.exists(stale):
+                    os.remove(stale)
         code = proc.wait(timeout=120)
         err = self.stderr_text()
         self.assertNotEqual(0, code, err)
