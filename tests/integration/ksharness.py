@@ -119,6 +119,22 @@ class KsTestCase(unittest.TestCase):
             return f.read()
 
 
+def tree_snapshot(root):
+    """Every path below root with its content (None for a folder, "-> target" for a link)."""
+    found = {}
+    for dirpath, dirnames, filenames in os.walk(root):
+        for name in dirnames + filenames:
+            p = os.path.join(dirpath, name)
+            if os.path.islink(p):
+                found[p] = "-> " + os.readlink(p)
+            elif os.path.isdir(p):
+                found[p] = None
+            else:
+                with open(p, "rb") as f:
+                    found[p] = f.read()
+    return found
+
+
 class Description:
     """A generated description opened to add resources by hand: `found` maps (tag, Name) to the
     UUID of what the generator wrote, `add` appends a resource (linked to its container), and

@@ -66,19 +66,6 @@ class ProductTest(ksharness.KsTestCase):
             self.assertEqual(data, self.read("target/" + rel), rel)
         self.assertTrue(os.stat(self.path("target/bin/tool")).st_mode & stat.S_IXUSR)
 
-    def snapshot(self, root):
-        found = {}
-        for dirpath, dirnames, filenames in os.walk(root):
-            for name in dirnames + filenames:
-                p = os.path.join(dirpath, name)
-                rel = os.path.relpath(p, root)
-                if os.path.isdir(p):
-                    found[rel] = None
-                else:
-                    with open(p, "rb") as f:
-                        found[rel] = f.read()
-        return found
-
     def test_install_verify_repair_rescan_uninstall_from_plain_and_lzma_copies(self):
         for compress in (False, True):
             with self.subTest(compress=compress):
@@ -103,7 +90,7 @@ class ProductTest(ksharness.KsTestCase):
 
                 r = self.product("uninstall")
                 self.assertOk(r)
-                self.assertFalse(os.path.exists(self.target), self.snapshot(self.path()))
+                self.assertFalse(os.path.exists(self.target), ksharness.tree_snapshot(self.path()))
 
     def test_rescan_takes_over_the_installed_contents(self):
         self.publish_with_standard_tools(False)
@@ -140,7 +127,7 @@ class ProductTest(ksharness.KsTestCase):
         # What was there before: an older README, a file of the user's, and no lib folder.
         self.write("target/README.txt", b"old readme\n")
         self.write("target/mine.txt", b"the user's own\n")
-        before = self.snapshot(self.target)
+        before = ksharness.tree_snapshot(self.target)
         faults = {
             "missing item": lambda: os.remove(os.path.join(self.items, md5(FILES["lib/deep/more.txt"]))),
             "wrong bytes": lambda: self.write(os.path.join(self.items, md5(FILES["lib/deep/more.txt"])), b"x"),
@@ -155,17 +142,17 @@ class ProductTest(ksharness.KsTestCase):
                 self.assertFails(r)
                 self.assertIn(md5(FILES["lib/deep/more.txt"]), r.err)
                 self.assertIn("...failed", r.out)
-                self.assertEqual(before, self.snapshot(self.target))
+                self.assertEqual(before, ksharness.tree_snapshot(self.target))
 
     def test_a_directory_or_link_where_a_file_must_go(self):
         self.publish_with_standard_tools(False)
         # Stops the install half way: what it wrote before goes, what it replaced comes back.
         self.write("target/mine.txt", b"the user's own\n")
         os.makedirs(self.path("target/README.txt"))
-        before = self.snapshot(self.target)
+        before = ksharness.tree_snapshot(self.target)
         r = self.install()
         self.assertFails(r)
-        self.assertEqual(before, self.snapshot(self.target))
+        self.assertEqual(before, ksharness.tree_snapshot(self.target))
         self.assertTrue(os.path.isdir(self.path("target/README.txt")))
         self.assertFalse(os.path.exists(self.path("target/lib")))
         os.rmdir(self.path("target/README.txt"))

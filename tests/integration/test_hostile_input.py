@@ -79,22 +79,6 @@ class Description:
                 + "\n    ".join(self.lines) + "\n</Deploy>\n")
 
 
-def tree(root):
-    """Every path below root with its content (None for a folder, the target for a link)."""
-    found = {}
-    for dirpath, dirnames, filenames in os.walk(root):
-        for name in dirnames + filenames:
-            p = os.path.join(dirpath, name)
-            if os.path.islink(p):
-                found[p] = "-> " + os.readlink(p)
-            elif os.path.isdir(p):
-                found[p] = None
-            else:
-                with open(p, "rb") as f:
-                    found[p] = f.read()
-    return found
-
-
 class HostileCase(ksharness.KsTestCase):
     PAYLOAD = b"payload\n"
 
@@ -116,7 +100,7 @@ class HostileCase(ksharness.KsTestCase):
     def snapshot(self, with_cache=True):
         """The whole work folder but the target; with_cache: the maintenance folder too."""
         left_out = [self.target] + ([] if with_cache else [self.path("tmp", "Kestra Imaging")])
-        return {p: c for p, c in tree(self.work).items()
+        return {p: c for p, c in ksharness.tree_snapshot(self.work).items()
                 if not any(p == x or p.startswith(x + os.sep) for x in left_out)}
 
     def load_and(self, xml, action, *config, url=True):
@@ -133,7 +117,7 @@ class HostileCase(ksharness.KsTestCase):
             self.assertEqual(before.get(p, "<absent>"), after.get(p, "<absent>"), p)
 
     def assertNoPartialFile(self):
-        for p in tree(self.work):
+        for p in ksharness.tree_snapshot(self.work):
             self.assertFalse(os.path.basename(p).endswith(".part"), p)
 
     def errors(self, result):

@@ -530,20 +530,10 @@ McResult Engine::productResolve(const QString& inKey, const QList<QString>& inTa
     {
         // Every property text of the product's resources ...
         for (int64_t i = 0; i < all.size(); ++i)
-        {
-            McDArray<PropertyBase<Resource>*> props;
-            all[i]->properties(props);
-            for (int64_t p = 0; p < props.size(); ++p)
-            {
-                QString text = props[p]->read(all[i].ptr());
-                if (mConfiguration.isResolved(text))
-                    continue;
-                const QString before = text;
-                retVal << mConfiguration.resolve(text, targetKey);
-                if (text != before)
-                    props[p]->write(all[i].ptr(), text);
-            }
-        }
+            all[i]->propertiesRewrite([&](QString& inoutText) {
+                if (!mConfiguration.isResolved(inoutText))
+                    retVal << mConfiguration.resolve(inoutText, targetKey);
+            });
         // ... and every configuration value.
         for (const QString& key : mConfiguration.keys())
         {

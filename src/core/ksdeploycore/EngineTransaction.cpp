@@ -298,21 +298,12 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
     {
         // A later start may not know this run's configuration: the snapshot is saved resolved.
         // Texts that do not resolve are saved as they are, without a word.
-        FailureReportsHold quiet;
         for (int64_t i = 0; i < inSnapshot.size(); ++i)
-        {
-            McDArray<PropertyBase<Resource>*> props;
-            inSnapshot[i]->properties(props);
-            for (int64_t p = 0; p < props.size(); ++p)
-            {
-                QString text = props[p]->read(inSnapshot[i].ptr());
-                if (mConfiguration.isResolved(text))
-                    continue;
-                const QString before = text;
-                if (mConfiguration.resolve(text).isOk() && text != before)
-                    props[p]->write(inSnapshot[i].ptr(), text);
-            }
-        }
+            inSnapshot[i]->propertiesRewrite([this](QString& inoutText) {
+                QString resolved = inoutText;
+                if (mConfiguration.resolveQuietly(resolved))
+                    inoutText = resolved;
+            });
     }
     for (int64_t i = 0; i < inSnapshot.size() && retVal.isOk(); ++i)
     {

@@ -409,6 +409,20 @@ void Resource::linkSet(const QString& inName, const Resource* inTarget)
         linkAdd(*inTarget, inName);
 }
 
+void Resource::propertiesRewrite(const std::function<void(QString&)>& inRewrite)
+{
+    McDArray<PropertyBase<Resource>*> props;
+    properties(props);
+    for (int64_t p = 0; p < props.size(); ++p)
+    {
+        const QString before = props[p]->read(this);
+        QString text = before;
+        inRewrite(text);
+        if (text != before)
+            props[p]->write(this, text);
+    }
+}
+
 void Resource::properties(McDArray<PropertyBase<Resource>*>& outProperties) const
 {
     outProperties.clear();

@@ -7,6 +7,7 @@
 #include <QString>
 #include <QUuid>
 
+#include <functional>
 #include <vector>
 
 namespace KsDeploy
@@ -121,6 +122,8 @@ public:
 
     // Sorted listing of the class's properties.
     void properties(McDArray<PropertyBase<Resource>*>& outProperties) const;
+    // Hands every property text to inRewrite; a text it changed is written back.
+    void propertiesRewrite(const std::function<void(QString&)>& inRewrite);
 
     // The resources holding links to this one (each once, in no particular order).
     void incomingSources(std::vector<Resource*>& outSources) const;
