@@ -141,8 +141,10 @@ int main(int argc, char** argv)
         QxBase::Command::usage(QString(), true);
         return 0;
     }
-    // Nothing runs, not even the engine's start-up, for arguments that are no command line.
-    const QString syntaxError = QxBase::CommandLine::syntaxCheck(arguments, false);
+    // Nothing runs, not even the engine's start-up, for arguments that are no command line. What
+    // follows a plugin may use the plugin's commands: it is checked once the plugin is registered.
+    int checkedEnd = 0;
+    const QString syntaxError = QxBase::CommandLine::syntaxCheck(arguments, false, QStringList(), &checkedEnd);
     if (!syntaxError.isEmpty())
     {
         std::fprintf(stderr, "ksdeploy: %s (run ksdeploy without arguments for the list of commands)\n",

@@ -9,5 +9,7 @@ class Command_plugin : public QxBase::Command
 public:
     McResult executeEarly() const override;
     McResult execute() override;
+    // A plugin may contribute commands that later arguments use.
+    bool registersCommands() const override { return true; }
 };
 }

@@ -1,16 +1,20 @@
 // Plugin registry of the engine: a closed set of plugins, registered and activated by name.
 #include "Engine.h"
 #include "Plugin.h"
+#include "PluginKestraClientBuildSystem.h"
 
 using namespace KsDeploy;
 
 namespace
 {
-// The library's own plugins; empty until they are built. Test code adds factories through
+// The library's own plugins, each its single instance. Test code adds factories through
 // Engine::pluginFactoryAdd, which the command line cannot reach.
 QHash<QString, Engine::PluginFactory>& factories()
 {
-    static QHash<QString, Engine::PluginFactory> sFactories;
+    static QHash<QString, Engine::PluginFactory> sFactories = {
+        {QStringLiteral("KestraClientBuildSystem"),
+         [] { return McHandle<Plugin>(&PluginKestraClientBuildSystem::instance()); }},
+    };
     return sFactories;
 }
 }

@@ -179,8 +179,10 @@ QString Command::usage(const QString& inCommandName, bool inShow)
 }
 
 QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation,
-                                 const QStringList& inOrigins)
+                                 const QStringList& inOrigins, int* outCheckedEnd)
 {
+    if (outCheckedEnd)
+        *outCheckedEnd = static_cast<int>(inArguments.size());
     QString command;
     for (int i = 0; i < inArguments.size(); ++i)
     {
@@ -188,6 +190,15 @@ QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsCon
         QString problem;
         if (isCommandWord(argument))
         {
+            if (outCheckedEnd && !command.isEmpty())
+            {
+                const McHandle<Command> previous = Command::create(command);
+                if (previous.isNotNull() && previous->registersCommands())
+                {
+                    *outCheckedEnd = i;
+                    return QString();
+                }
+            }
             command = argument.mid(2);
             if (!Command::isRegistered(command))
                 problem = QStringLiteral("unknown command '%1'").arg(argument);
@@ -217,7 +228,10 @@ QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsCon
 
 CommandLine::Outcome CommandLine::run(const QList<QString>& inArguments)
 {
-    mSyntaxError = syntaxCheck(inArguments, false);
+    // Checked up to checkedEnd; what follows a plugin is checked once the plugin has registered
+    // its commands, still before any command's execute runs.
+    int checkedEnd = 0;
+    mSyntaxError = syntaxCheck(inArguments, false, QStringList(), &checkedEnd);
     if (!mSyntaxError.isEmpty())
         return OutcomeSyntaxError;
 
@@ -226,6 +240,14 @@ CommandLine::Outcome CommandLine::run(const QList<QString>& inArguments)
     int next = 0;
     while (next < pending.size())
     {
+        if (next >= checkedEnd)
+        {
+            int end = 0;
+            mSyntaxError = syntaxCheck(pending.mid(next), true, QStringList(), &end);
+            if (!mSyntaxError.isEmpty())
+                return OutcomeSyntaxError;
+            checkedEnd = next + end;
+        }
         const McHandle<Command> command = Command::create(pending[next].mid(2));
         ++next;
         for (; next < pending.size() && !isCommandWord(pending[next]); ++next)
@@ -249,7 +271,8 @@ CommandLine::Outcome CommandLine::run(const QList<QString>& inArguments)
                 return OutcomeFailed;
             if (expanded)
             {
-                mSyntaxError = syntaxCheck(more, true, origins);
+                int moreEnd = 0;
+                mSyntaxError = syntaxCheck(more, true, origins, &moreEnd);
                 if (mSyntaxError.isEmpty() && ++expansions > sMaxExpansions)
                     mSyntaxError = QStringLiteral("command streams expand more than %1 times; does a stream "
                                                   "name itself?")
@@ -258,6 +281,7 @@ CommandLine::Outcome CommandLine::run(const QList<QString>& inArguments)
                     return OutcomeSyntaxError;
                 for (int i = 0; i < more.size(); ++i)
                     pending.insert(next + i, more[i]);
+                checkedEnd = moreEnd < more.size() ? next + moreEnd : checkedEnd + static_cast<int>(more.size());
             }
         }
     }

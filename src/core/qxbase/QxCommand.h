@@ -36,6 +36,9 @@ public:
     // A command whose attributes are free names (the configuration values) says so; every
     // other command takes only the attributes its attribute text declares.
     virtual bool attributesAreFree() const { return false; }
+    // A command whose executeEarly may register further commands (a plugin) says so: the
+    // arguments after it are checked only once it has run.
+    virtual bool registersCommands() const { return false; }
 
     static void registerFactory(const QString& inName, Factory inFactory);
     static bool isRegistered(const QString& inName);
@@ -94,9 +97,10 @@ public:
     // The first problem that makes the arguments no command line, or the empty text: an unknown
     // command, an argument before the first command, an attribute without "=" or one that its
     // command does not take. With inOrigins (one per argument) the message says where the
-    // argument was read.
+    // argument was read. With outCheckedEnd, the check stops at the first command word that
+    // follows a command that registers commands, and outCheckedEnd is its index (else the size).
     static QString syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation,
-                               const QStringList& inOrigins = QStringList());
+                               const QStringList& inOrigins = QStringList(), int* outCheckedEnd = nullptr);
 
     Outcome run(const QList<QString>& inArguments);
     QString syntaxError() const { return mSyntaxError; }
