@@ -18,6 +18,7 @@ PACKAGES=(
   clang-format-14 clang-tidy-14 cppcheck
   dpkg-dev lintian man-db groff-base
   xvfb dbus x11-apps x11-utils xdotool netpbm qt6-qpa-plugins fonts-dejavu-core
+  qt6-l10n-tools qt6-translations-l10n
 )
 
 missing=()

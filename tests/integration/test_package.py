@@ -111,6 +111,16 @@ class PackageTest(ksharness.KsTestCase):
         self.assertEqual(["commands", "config"], self.complete("ksdeploy --help command=co"))
         self.assertIn("install", self.complete("ksdeploy --product action="))
 
+    def test_the_translations_are_in_the_package(self):
+        folder = os.path.join(self.root, "usr", "share", "ksdeploy", "translations")
+        names = sorted(os.listdir(folder))
+        for name in ("kestra.qm", "kestra_de.qm"):
+            self.assertIn(name, names)
+        for name in names:
+            with open(os.path.join(folder, name), "rb") as f:
+                with open(os.path.join(BUILD_DIR, "bin", "share", "translations", name), "rb") as built:
+                    self.assertEqual(built.read(), f.read(), name)
+
     def test_lintian_finds_no_errors(self):
         proc = subprocess.run(["lintian", "--fail-on", "error", self.deb], stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, timeout=600)
