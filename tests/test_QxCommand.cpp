@@ -1,6 +1,7 @@
 // The command-line parser: attribute names declared by the help texts, the check of a command
 // stream with the place of each mistake, and the replay of the parser's fuzz inputs.
 #include "../fuzz/FuzzCommandLineCheck.h"
+#include "Engine.h"
 #include "KsCommand.h"
 #include "KsTestSupport.h"
 
@@ -47,6 +48,25 @@ TEST_F(QxCommandTest, StreamArgumentsKeepTheirLinesAndMistakesNameThem)
     EXPECT_EQ("unknown attribute 'taget' of command '--save' (s.txt, line 6)",
               QxBase::CommandLine::syntaxCheck(arguments, true, origins));
     EXPECT_EQ("unknown attribute 'taget' of command '--save'", QxBase::CommandLine::syntaxCheck(arguments, false));
+}
+
+// A plugin's commands may follow it: what comes after the plugin is checked once it has registered
+// them, and still before any command runs.
+TEST_F(QxCommandTest, CommandsOfAPluginAreCheckedOnceItIsRegistered)
+{
+    const QList<QString> line({"--config", "A=1", "--plugin", "name=KestraClientBuildSystem",
+                               "--generateProductXML", "nme=x"});
+    EXPECT_EQ("unknown command '--generateProductXML'", QxBase::CommandLine::syntaxCheck(line, false));
+    int checkedEnd = -1;
+    EXPECT_EQ("", QxBase::CommandLine::syntaxCheck(line, false, QStringList(), &checkedEnd));
+    EXPECT_EQ(4, checkedEnd);
+
+    QxBase::CommandLine commandLine;
+    EXPECT_EQ(QxBase::CommandLine::OutcomeSyntaxError, commandLine.run(line));
+    EXPECT_EQ("unknown attribute 'nme' of command '--generateProductXML'", commandLine.syntaxError());
+    // Nothing ran: the configuration value was never set.
+    EXPECT_FALSE(Engine::instance().configuration().valueIsDefined("A"));
+    EXPECT_TRUE(Engine::instance().pluginIsRegistered("KestraClientBuildSystem"));
 }
 
 // Every seed and every finding of the parser's fuzz target passes its check.
