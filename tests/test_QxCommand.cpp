@@ -54,8 +54,8 @@ TEST_F(QxCommandTest, StreamArgumentsKeepTheirLinesAndMistakesNameThem)
 // them, and still before any command runs.
 TEST_F(QxCommandTest, CommandsOfAPluginAreCheckedOnceItIsRegistered)
 {
-    const QList<QString> line({"--config", "A=1", "--plugin", "name=KestraClientBuildSystem",
-                               "--generateProductXML", "nme=x"});
+    const QList<QString> line(
+        {"--config", "A=1", "--plugin", "name=KestraClientBuildSystem", "--generateProductXML", "nme=x"});
     EXPECT_EQ("unknown command '--generateProductXML'", QxBase::CommandLine::syntaxCheck(line, false));
     int checkedEnd = -1;
     EXPECT_EQ("", QxBase::CommandLine::syntaxCheck(line, false, QStringList(), &checkedEnd));

@@ -77,16 +77,16 @@ TEST_F(TranslationsTest, GermanTaskNamesOfTheEngineCacheAndGenerator)
     EXPECT_TRUE(e.productUninstall(QStringLiteral("App")).isOk());
     McHandle<ResourceFileDirectory> top;
     McDArray<McHandle<Resource>> generated;
-    EXPECT_TRUE(Generator::generateFromDirectory(top, generated, dir.path() + "/build", false, QStringList(),
-                                                 QStringList())
-                    .isOk());
+    EXPECT_TRUE(
+        Generator::generateFromDirectory(top, generated, dir.path() + "/build", false, QStringList(), QStringList())
+            .isOk());
 
     const QStringList tasks = loggedTasks(log);
     for (const char* expected :
          {"Beginn der Transaktion", "Herunterladen", "Installation", "Abschluss der Transaktion", "Überprüfung",
           "Erneute Erfassung", "Ressourcen zwischenspeichern", "Deinstallation", "Aus Verzeichnis erzeugen"})
-        EXPECT_TRUE(tasks.contains(QString::fromUtf8(expected))) << expected << " not among "
-                                                                 << tasks.join(", ").toStdString();
+        EXPECT_TRUE(tasks.contains(QString::fromUtf8(expected)))
+            << expected << " not among " << tasks.join(", ").toStdString();
     EXPECT_FALSE(tasks.contains(QStringLiteral("Verification"))) << tasks.join(", ").toStdString();
 }
 
@@ -99,10 +99,10 @@ TEST_F(TranslationsTest, GermanTextsOfTheDialogAndTheClientPlugin)
                                 "Bitte installieren Sie die neue Version von Hand."),
               QCoreApplication::translate("WidgetProgress", "Automatic update has failed.\nPlease install manually."));
     EXPECT_EQ(QStringLiteral("Trennlinie"), QCoreApplication::translate("QxDialog", "Separator"));
-    EXPECT_EQ(QString::fromUtf8("Möchten Sie Ihren Client auf Version 2.0.0.1 aktualisieren?"),
-              QCoreApplication::translate("KsDeploy::PluginKestraClient",
-                                          "Do you want to update your client to version %1?")
-                  .arg(QStringLiteral("2.0.0.1")));
+    EXPECT_EQ(
+        QString::fromUtf8("Möchten Sie Ihren Client auf Version 2.0.0.1 aktualisieren?"),
+        QCoreApplication::translate("KsDeploy::PluginKestraClient", "Do you want to update your client to version %1?")
+            .arg(QStringLiteral("2.0.0.1")));
 }
 
 TEST_F(TranslationsTest, QtsOwnGermanTextsLoadWithTheCatalogsTheyName)

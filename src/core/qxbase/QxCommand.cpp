@@ -178,8 +178,8 @@ QString Command::usage(const QString& inCommandName, bool inShow)
     return text;
 }
 
-QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation,
-                                 const QStringList& inOrigins, int* outCheckedEnd)
+QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsContinuation, const QStringList& inOrigins,
+                                 int* outCheckedEnd)
 {
     if (outCheckedEnd)
         *outCheckedEnd = static_cast<int>(inArguments.size());
