@@ -1,16 +1,21 @@
 // Plugin registry of the engine: a closed set of plugins, registered and activated by name.
 #include "Engine.h"
 #include "Plugin.h"
+#include "PluginKestraClient.h"
 
 using namespace KsDeploy;
 
 namespace
 {
-// The library's own plugins; empty until they are built. Test code adds factories through
-// Engine::pluginFactoryAdd, which the command line cannot reach.
+McHandle<Plugin> pluginKestraClient() { return McHandle<Plugin>(&PluginKestraClient::instance()); }
+
+// The library's own plugins. Test code adds factories through Engine::pluginFactoryAdd, which
+// the command line cannot reach.
 QHash<QString, Engine::PluginFactory>& factories()
 {
-    static QHash<QString, Engine::PluginFactory> sFactories;
+    static QHash<QString, Engine::PluginFactory> sFactories{
+        {QStringLiteral("KestraClient"), &pluginKestraClient},
+    };
     return sFactories;
 }
 }
