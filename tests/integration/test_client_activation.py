@@ -9,6 +9,7 @@ has also seen the client end: its report is there, or it was never started.
 """
 import os
 import pty
+import re
 import select
 import shutil
 import subprocess
@@ -162,8 +163,9 @@ class ActivationTest(ClientCase):
             published = f.read()
         installed = ksharness.tree_snapshot(self.app)
 
-        r = self.launch(url="http://127.0.0.1:%d/client" % _free_port())
-        self.assertNothingStarted(r, "error: ")
+        unreachable = "http://127.0.0.1:%d/client" % _free_port()
+        r = self.launch(url=unreachable)
+        self.assertNothingStarted(r, "error: Failed to download %s/product.xml\n" % unreachable)
 
         with open(description, "w") as f:
             f.write(published.replace('Name="ksclient.exe"', 'Name="other.exe"'))
@@ -328,21 +330,27 @@ class VersionBoxTest(ClientCase):
                               timeout=60).stdout.decode()
 
     def box(self, title):
-        found = self.xtool("xdotool", "search", "--onlyvisible", "--name", title).split()
-        return found[0] if found else None
+        """The visible window whose title (as the window manager reads it) matches."""
+        for window in self.xtool("xdotool", "search", "--onlyvisible", "--name", "").split():
+            if re.search(title, self.xtool("xdotool", "getwindowname", window).rstrip("\n")):
+                return window
+        return None
 
     def press(self, title, key, proc):
-        """Presses key in the box until it is gone (it takes the keyboard once it shows)."""
-        window = wait_for(lambda: self.box(title), "the box " + title)
+        """Presses key in the window of that title until it is gone (it takes the keyboard once
+        it shows)."""
+        window = wait_for(lambda: self.box(title) or proc.poll() is not None, "the window " + title)
         for _ in range(40):
-            self.xtool("xdotool", "windowactivate", "--sync", window)
-            self.xtool("xdotool", "key", "--window", window, key)
+            if proc.poll() is not None or not self.box(title):
+                return
+            self.xtool("xdotool", "windowfocus", "--sync", window)
+            self.xtool("xdotool", "key", key)
             try:
-                wait_for(lambda: not self.box(title) or proc.poll() is not None, "the box to go", limit=3)
+                wait_for(lambda: not self.box(title) or proc.poll() is not None, "the window to go", limit=3)
                 return
             except AssertionError:
                 pass
-        self.fail("the box %s did not take %s" % (title, key))
+        self.fail("the window %s did not take %s" % (title, key))
 
     def test_the_optional_offer_does_not_hold_the_client_back(self):
         self.update_ini(VersionCheckTest.OPTIONAL)
@@ -361,14 +369,15 @@ class VersionBoxTest(ClientCase):
     def test_a_mandatory_update_answered_yes_replaces_the_client_start(self):
         self.update_ini(VersionCheckTest.MANDATORY)
         proc = self.start()
+        wait_for(lambda: self.box("^Kestra Client Version Mismatch$"), "the question")
+        self.assertIsNone(self.client_report(), "the client started before the answer")
         self.press("^Kestra Client Version Mismatch$", "Return", proc)
-        # The update runs instead of the old client, and says that it failed.
-        wait_for(lambda: self.xtool("xdotool", "search", "--onlyvisible", "--classname", "ksdeploy").split(),
-                 "the update's failure notice")
-        wait_for(lambda: "Automatic update has failed" in self.xtool(
-            "xdotool", "search", "--onlyvisible", "--name", "") or True, "")
-        proc.kill()
-        proc.wait()
+        # The update runs instead of the old client, and its failure is told in a box of its own;
+        # the progress window then stays until it is closed.
+        wait_for(lambda: self.box("^ksdeploy$"), "the update's failure notice")
+        self.press("^ksdeploy$", "Return", proc)
+        self.press("^Kestra Imaging$", "Escape", proc)
+        self.assertEqual(1, proc.wait(timeout=60), self.output())
         self.assertIsNone(self.client_report(), "the old client was started")
 
 
