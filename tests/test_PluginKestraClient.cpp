@@ -6,6 +6,7 @@
 #include "Engine.h"
 #include "PluginKestraClient.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -13,6 +14,7 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include <algorithm>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -269,4 +271,35 @@ TEST_F(PluginKestraClientTest, ActivationStartsTheClientAndNeverLogsThePassword)
     for (const KsTest::LogLine& line : log.lines())
         EXPECT_EQ(std::string::npos, line.text.find(sPassword.toStdString())) << line.text;
     EXPECT_EQ(std::string::npos, printed.find(sPassword.toStdString())) << printed;
+}
+
+TEST_F(PluginKestraClientTest, TranslationsAreLoadedOnlyForALanguageAndAMissingOneIsOnlyLogged)
+{
+    Configuration& config = Engine::instance().configuration();
+    const QString folder = QCoreApplication::applicationDirPath() + QStringLiteral("/share/translations/");
+    auto translationLines = [](const KsTest::LogRecorder& inLog) {
+        std::vector<std::string> found;
+        for (const KsTest::LogLine& line : inLog.lines())
+            if (line.text.find("translation") != std::string::npos)
+                found.push_back(line.text);
+        return found;
+    };
+    ASSERT_TRUE(Engine::instance().pluginRegister("KestraClient").isOk());
+    {
+        // Activations without an application folder stop after the translations.
+        KsTest::LogRecorder log;
+        KsTest::FailureRecorder failures;
+        EXPECT_TRUE(Engine::instance().pluginActivate("KestraClient").isBad());
+        EXPECT_TRUE(translationLines(log).empty());
+    }
+    config.valueSet("KSC_LANGUAGE", "xx", false);
+    KsTest::LogRecorder log;
+    KsTest::FailureRecorder failures;
+    EXPECT_TRUE(Engine::instance().pluginActivate("KestraClient").isBad());
+    EXPECT_TRUE(failures.hasMessage("the application folder does not exist"));
+    const std::vector<std::string> lines = translationLines(log);
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
+                                     "Failed to load Qt translation file " + (folder + "kestra_xx.qm").toStdString()));
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
+                                     "Failed to load Qt translation file " + (folder + "qt_xx.qm").toStdString()));
 }
