@@ -75,6 +75,24 @@ void dialogFinish(bool inSucceeded)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
 
+// A window the run left open (a plugin's offer of an optional update) is answered before the
+// process ends, and whatever its answer queued runs then.
+void windowsLeftOpenWait()
+{
+    if (!KsDeploy::WidgetProgress::available())
+        return;
+    for (;;)
+    {
+        QCoreApplication::processEvents();
+        bool open = false;
+        for (QWidget* widget : QApplication::topLevelWidgets())
+            open = open || widget->isVisible();
+        if (!open)
+            return;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+}
+
 // The window system ends the process when the display goes away; say what happened in our words.
 bool sDisplayLost = false;
 QtMessageHandler sMessageHandlerPrevious = nullptr;
@@ -192,6 +210,7 @@ int main(int argc, char** argv)
         exitCode = 1;
     }
     dialogFinish(exitCode == 0);
+    windowsLeftOpenWait();
 
     KsDeploy::Engine::instanceShutdown();
     McResult::notificationCallbackRemove(&printFailure);

@@ -1,6 +1,7 @@
 // Plugin registry of the engine: a closed set of plugins, registered and activated by name.
 #include "Engine.h"
 #include "Plugin.h"
+#include "PluginKestraClient.h"
 #include "PluginKestraClientBuildSystem.h"
 
 using namespace KsDeploy;
@@ -12,6 +13,7 @@ namespace
 QHash<QString, Engine::PluginFactory>& factories()
 {
     static QHash<QString, Engine::PluginFactory> sFactories = {
+        {QStringLiteral("KestraClient"), [] { return McHandle<Plugin>(&PluginKestraClient::instance()); }},
         {QStringLiteral("KestraClientBuildSystem"),
          [] { return McHandle<Plugin>(&PluginKestraClientBuildSystem::instance()); }},
     };

@@ -1,0 +1,568 @@
+// The client plugin: activation (launch values, translations, folder checks, the published
+// product description, the version question) and the start of the client.
+#include "PluginKestraClient.h"
+
+#include "Cache.h"
+#include "Engine.h"
+#include "Generator.h"
+#include "Progress.h"
+#include "Resource.h"
+#include "ResourceFileDirectory.h"
+#include "ResourceFileEntry.h"
+#include "WidgetProgress.h"
+#include "XmlSerializer.h"
+
+#include "QxDownload.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QRegularExpression>
+#include <QStringDecoder>
+#include <QTranslator>
+#include <QUrl>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <unistd.h>
+
+using namespace KsDeploy;
+
+namespace
+{
+// An update.ini is a handful of lines; anything much larger is not one.
+const qint64 sReplyMaxBytes = 64 * 1024;
+
+const char* const sReplyKeys[] = {"UpdateIsOptional",
+                                  "UpdateIsImpossible",
+                                  "VersionOfClientRecommended",
+                                  "VersionsOfClientSupportedByServer",
+                                  "VersionOfProtocolCurrent",
+                                  "UpdateMessage",
+                                  "Product"};
+
+bool replyKeyIsKnown(const QString& inKey)
+{
+    for (const char* key : sReplyKeys)
+        if (inKey == QLatin1String(key))
+            return true;
+    return false;
+}
+
+// A reply flag: a decimal number, non-zero meaning true; anything else counts as 0.
+bool replyFlag(const Configuration& inReply, const char* inKey)
+{
+    bool ok = false;
+    const int value = inReply.value(QLatin1String(inKey)).trimmed().toInt(&ok, 10);
+    return ok && value != 0;
+}
+
+// The path a file entry names, its references left in place, so a failure can show it.
+QString pathUnresolved(const ResourceFileEntry& inEntry)
+{
+    QStringList parts{inEntry.name()};
+    McHandle<ResourceFileDirectory> dir = inEntry.container();
+    // A loaded description cannot link folders in a circle, but a bound costs nothing.
+    for (int depth = 0; dir.isNotNull() && depth < 1000; ++depth)
+    {
+        parts.prepend(dir->name());
+        dir = dir->container();
+    }
+    return parts.join(QLatin1Char('/'));
+}
+
+// Where the published files are: a URL as given, a plain folder as a file URL.
+QString serverBase(const QString& inUrl)
+{
+    QString base = inUrl.trimmed();
+    while (base.size() > 1 && base.endsWith(QLatin1Char('/')))
+        base.chop(1);
+    if (!base.contains(QLatin1String("://")))
+        base = QUrl::fromLocalFile(QFileInfo(base).absoluteFilePath()).toString();
+    return base;
+}
+
+void consoleWrite(const QString& inText)
+{
+    std::fputs(inText.toLatin1().constData(), stdout);
+    std::fflush(stdout);
+}
+
+// The console form of a message box: the title and text, then the answer. With a terminal on
+// standard input the user types it; without one the default button answers, so that machines
+// nobody sits at update by themselves.
+QMessageBox::StandardButton consoleAsk(const QString& inTitle, const QString& inText,
+                                       QMessageBox::StandardButtons inButtons,
+                                       QMessageBox::StandardButton inDefault)
+{
+    consoleWrite(inTitle + QLatin1Char('\n') + inText + QLatin1Char('\n'));
+    if (!(inButtons & QMessageBox::Yes))
+        return inDefault;
+    const QString yes = PluginKestraClient::tr("Yes");
+    const QString no = PluginKestraClient::tr("No");
+    const bool defaultYes = inDefault == QMessageBox::Yes;
+    if (!isatty(STDIN_FILENO))
+    {
+        consoleWrite(PluginKestraClient::tr("Answer: %1 (no terminal to ask, the default answer is taken)")
+                         .arg(defaultYes ? yes : no) +
+                     QLatin1Char('\n'));
+        return inDefault;
+    }
+    for (;;)
+    {
+        consoleWrite(defaultYes ? PluginKestraClient::tr("[Y/n] ") : PluginKestraClient::tr("[y/N] "));
+        char line[256];
+        if (!std::fgets(line, sizeof line, stdin))
+        {
+            consoleWrite(QStringLiteral("\n"));
+            return inDefault;
+        }
+        const QString answer = QString::fromLocal8Bit(line).trimmed().toLower();
+        if (answer.isEmpty())
+            return inDefault;
+        if (answer == QLatin1String("y") || answer == QLatin1String("yes") || answer == yes.toLower())
+            return QMessageBox::Yes;
+        if (answer == QLatin1String("n") || answer == QLatin1String("no") || answer == no.toLower())
+            return QMessageBox::No;
+    }
+}
+}
+
+PluginKestraClient& PluginKestraClient::instance()
+{
+    static PluginKestraClient sInstance;
+    return sInstance;
+}
+
+PluginKestraClient::PluginKestraClient() : Plugin(QStringLiteral("KestraClient")) {}
+
+PluginKestraClient::~PluginKestraClient() = default;
+
+McResult PluginKestraClient::onActivate()
+{
+    McResult retVal;
+    Engine& e = Engine::instance();
+    const QString programDir = QCoreApplication::applicationDirPath();
+
+    // Run from a sandbox (a copy made for an update): that copy goes at the next reboot.
+    if (e.sandboxIsValidDir(programDir))
+        e.sandboxRemove(QDir(programDir).dirName(), true);
+
+    Configuration& config = e.configuration();
+    mDirBin = config.value(QStringLiteral("KSC_DIR_BIN"));
+    mDirApp = config.value(QStringLiteral("KSC_DIR_APP"));
+    mUser = config.value(QStringLiteral("KSC_USER"));
+    mPass = config.value(QStringLiteral("KSC_PASS"));
+    mServer = config.value(QStringLiteral("KSC_SERVER"));
+    mUrl = config.value(QStringLiteral("KSC_URL"));
+    mLanguage = config.value(QStringLiteral("KSC_LANGUAGE"));
+    QStringList version;
+    for (int i = 0; i < 4; ++i)
+        version.append(config.value(QStringLiteral("KSC_VERSION_%1").arg(i)));
+    mVersion = version.join(QLatin1Char('.'));
+    mDeployAfterStart = false;
+
+    if (!mLanguage.isEmpty())
+        translationsLoad();
+
+    // Launched from inside the installation (bin/<platform> of the application folder).
+    QString applicationPath = mDirApp.isEmpty() ? QString() : QDir(mDirApp).absolutePath();
+    if (!mDirApp.isEmpty() && applicationPath == QDir(programDir).absolutePath())
+    {
+        QDir appDir(applicationPath);
+        for (int i = 0; i < 2; ++i)
+            if (MC_CHECK(retVal, appDir.cdUp(), "Internal Error"))
+                return retVal;
+        applicationPath = appDir.absolutePath();
+    }
+
+    mListOfArgument.clear();
+    mListOfEnvironment.clear();
+    for (int i = 0; i < 1000 && config.valueIsDefined(QStringLiteral("KSC_ARG_%1").arg(i)); ++i)
+        mListOfArgument.append(config.value(QStringLiteral("KSC_ARG_%1").arg(i)));
+    for (int i = 0; i < 1000 && config.valueIsDefined(QStringLiteral("KSC_ENV_%1").arg(i)); ++i)
+        mListOfEnvironment.append(config.value(QStringLiteral("KSC_ENV_%1").arg(i)));
+
+    // The installation is <target>/<vendor>/<application>; all three must be there.
+    if (MC_CHECK_DETAIL(retVal, !applicationPath.isEmpty(), "the application folder does not exist",
+                        std::string("KSC_DIR_APP: no folder given")))
+        return retVal;
+    const QDir dir_Application(applicationPath);
+    if (MC_CHECK_DETAIL(retVal, dir_Application.exists(), "the application folder does not exist",
+                        McLib::osDetail(QFile::encodeName(applicationPath).toStdString(), ENOENT)))
+        return retVal;
+    const QString vendorPath = QFileInfo(dir_Application.absolutePath()).absolutePath();
+    const QDir dir_Vendor(vendorPath);
+    if (MC_CHECK_DETAIL(retVal, dir_Vendor.exists(), "the vendor folder does not exist",
+                        McLib::osDetail(QFile::encodeName(vendorPath).toStdString(), ENOENT)))
+        return retVal;
+    const QString targetPath = QFileInfo(vendorPath).absolutePath();
+    const QDir dir_Target(targetPath);
+    if (MC_CHECK_DETAIL(retVal, dir_Target.exists(), "the target folder does not exist",
+                        McLib::osDetail(QFile::encodeName(targetPath).toStdString(), ENOENT)))
+        return retVal;
+
+    // The launch values are copied: from here on the configuration names the installation.
+    config.valueClearAll();
+    config.valueSet(QStringLiteral("PRODUCT_NAME"), QStringLiteral("Kestra Client"), false);
+    config.valueSet(QStringLiteral("DIR_TARGET"), dir_Target.canonicalPath(), false);
+    config.valueSet(QStringLiteral("DIR_VENDOR"), dir_Vendor.dirName(), false);
+    config.valueSet(QStringLiteral("DIR_APPLICATION"), dir_Application.dirName(), false);
+    e.resourceUnregisterAll();
+
+    // The published description, fetched into a cache folder of its own.
+    if (MC_CHECK_TEXT(retVal, !mUrl.trimmed().isEmpty(), "!url.isEmpty()", "no server address given (KSC_URL)"))
+        return retVal;
+    QString cacheBase;
+    retVal << e.pathToCache(cacheBase);
+    if (retVal.isBad())
+        return retVal;
+    if (!cacheBase.endsWith(QLatin1String("/DEPLOY_CACHE")))
+        e.pathToCacheSet(cacheBase + QStringLiteral("/DEPLOY_CACHE"));
+    QString deployCache;
+    retVal << e.pathToCache(deployCache);
+    if (retVal.isBad())
+        return retVal;
+    const QString description = deployCache + QStringLiteral("/product.xml");
+    retVal << Cache::loadFileHTTP(description, serverBase(mUrl) + QStringLiteral("/product.xml"), McLib::MD5());
+    if (retVal.isBad())
+        return retVal;
+    XmlSerializer serializer;
+    McDArray<McHandle<Resource>> loaded;
+    retVal << serializer.deserialize(description, loaded);
+    if (retVal.isBad())
+        return retVal;
+
+    // The server's answers: a broken file stops everything before anything starts.
+    bool replyFound = false;
+    retVal << replyLoad(replyFound);
+    if (retVal.isBad())
+        return retVal;
+
+    McHandle<ResourceFileEntry> exe;
+    for (int64_t i = 0; i < loaded.size() && exe.isNull(); ++i)
+    {
+        auto* entry = dynamic_cast<ResourceFileEntry*>(loaded[i].ptr());
+        if (entry && entry->name() == QLatin1String("ksclient.exe") && !entry->absence())
+            exe = entry;
+    }
+    if (MC_CHECK_DETAIL(retVal, exe.isNotNull(), "the product description holds no 'ksclient.exe'",
+                        (serverBase(mUrl) + QStringLiteral("/product.xml")).toStdString()))
+        return retVal;
+    QString exePath = pathUnresolved(*exe);
+    const QString unresolved = exePath;
+    if (MC_CHECK(retVal, e.configuration().resolve(exePath).isOk(),
+                 QStringLiteral("unable to resolve executable '%1'").arg(unresolved)))
+        return retVal;
+
+    if (replyFound && replyAsksQuestion() && askUserIfHeWantsToUpdate())
+    {
+        // The old client is not started: the update replaces it.
+        retVal << deploy();
+        return retVal;
+    }
+
+    // The client sees our environment with its own entries added (a later entry of the same
+    // name replaces an earlier one).
+    QStringList environment;
+    for (auto it = e.environment().constBegin(); it != e.environment().constEnd(); ++it)
+        environment.append(it.key() + QLatin1Char('=') + it.value());
+    for (const QString& entry : mListOfEnvironment)
+    {
+        const QString name = entry.section(QLatin1Char('='), 0, 0) + QLatin1Char('=');
+        environment.erase(std::remove_if(environment.begin(), environment.end(),
+                                         [&name](const QString& inOld) { return inOld.startsWith(name); }),
+                          environment.end());
+        environment.append(entry);
+    }
+    e.trace(McLogLevelInfo, tr("Starting %1").arg(exePath));
+    retVal << e.sideExecutionInvoke(exePath, clientArguments(mListOfArgument, mUser, mPass, mServer), environment,
+                                    false, false);
+    if (retVal.isOk() && mDeployAfterStart)
+        retVal << deploy();
+    return retVal;
+}
+
+QList<QString> PluginKestraClient::clientArguments(const QList<QString>& inCollected, const QString& inUser,
+                                                   const QString& inPassword, const QString& inServer)
+{
+    QList<QString> arguments;
+    // The first entry is the launcher itself; its "--start" pair is replaced by ours.
+    for (int i = 1; i < inCollected.size(); ++i)
+    {
+        if (inCollected[i] == QLatin1String("--start"))
+        {
+            ++i;
+            continue;
+        }
+        arguments.append(inCollected[i]);
+    }
+    arguments.append(QStringLiteral("--start"));
+    arguments.append(QStringLiteral("%1:%2@%3").arg(inUser, inPassword, inServer));
+    return arguments;
+}
+
+void PluginKestraClient::translationsLoad() const
+{
+    const QString folder = QCoreApplication::applicationDirPath() + QStringLiteral("/share/translations/");
+    const QStringList files{QStringLiteral("kestra.qm"), QStringLiteral("qt_%1.qm").arg(mLanguage),
+                            QStringLiteral("kestra_%1.qm").arg(mLanguage)};
+    for (const QString& file : files)
+    {
+        const QString path = folder + file;
+        auto* translator = new QTranslator(QCoreApplication::instance());
+        if (!translator->load(path))
+        {
+            getTheLogInstance().tracef(McLogLevelWarning, "KsDeploy", "Failed to load Qt translation file %s",
+                                       QFile::encodeName(path).constData());
+            delete translator;
+            continue;
+        }
+        if (!QCoreApplication::installTranslator(translator))
+        {
+            getTheLogInstance().tracef(McLogLevelWarning, "KsDeploy", "Failed to install Qt translation from file %s",
+                                       QFile::encodeName(path).constData());
+            delete translator;
+        }
+    }
+}
+
+McResult PluginKestraClient::replyParse(const QByteArray& inText, const QString& inOrigin, Configuration& outReply)
+{
+    McResult retVal;
+    const char* const message = "the server's update.ini is not valid";
+    QStringDecoder decoder(QStringDecoder::Utf8);
+    QString text = decoder(inText);
+    if (MC_CHECK_DETAIL(retVal, !decoder.hasError(), message,
+                        QStringLiteral("%1: not UTF-8 text").arg(inOrigin).toStdString()))
+        return retVal;
+    if (text.startsWith(QChar(0xFEFF)))
+        text.remove(0, 1);
+    QHash<QString, QString> values;
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    for (int i = 0; i < lines.size(); ++i)
+    {
+        const QString line = lines[i].trimmed();
+        if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+            continue;
+        const QString where = QStringLiteral("%1, line %2").arg(inOrigin).arg(i + 1);
+        const int equals = line.indexOf(QLatin1Char('='));
+        if (MC_CHECK_DETAIL(retVal, equals > 0, message,
+                            QStringLiteral("%1: not a Key=Value line: %2").arg(where, line.left(80)).toStdString()))
+            return retVal;
+        const QString key = line.left(equals).trimmed();
+        const QString value = line.mid(equals + 1).trimmed();
+        if (MC_CHECK_DETAIL(retVal, replyKeyIsKnown(key), message,
+                            QStringLiteral("%1: unknown key '%2'").arg(where, key.left(80)).toStdString()))
+            return retVal;
+        if (MC_CHECK_DETAIL(retVal, !values.contains(key), message,
+                            QStringLiteral("%1: '%2' is given twice").arg(where, key).toStdString()))
+            return retVal;
+        // A word here is a mistake of the publisher, not a quiet "mandatory".
+        static const QRegularExpression sDecimal(QStringLiteral("^[+-]?[0-9]{1,9}$"));
+        const bool isFlag = key == QLatin1String("UpdateIsOptional") || key == QLatin1String("UpdateIsImpossible");
+        if (MC_CHECK_DETAIL(retVal, !isFlag || sDecimal.match(value).hasMatch(), message,
+                            QStringLiteral("%1: %2 must be a decimal number, not '%3'")
+                                .arg(where, key, value.left(80))
+                                .toStdString()))
+            return retVal;
+        values.insert(key, value);
+    }
+    outReply.valueClearAll();
+    for (auto it = values.constBegin(); it != values.constEnd(); ++it)
+        outReply.valueSet(it.key(), it.value(), false);
+    return retVal;
+}
+
+McResult PluginKestraClient::replyLoad(bool& outFound)
+{
+    McResult retVal;
+    outFound = false;
+    mReplyConfiguration.valueClearAll();
+    Engine& e = Engine::instance();
+    const QString url = serverBase(mUrl) + QStringLiteral("/update.ini");
+    QByteArray bytes;
+    const QUrl parsed(url);
+    if (parsed.isLocalFile())
+    {
+        const QString path = parsed.toLocalFile();
+        if (!QFileInfo::exists(path))
+            return retVal;
+        QFile file(path);
+        if (MC_CHECK_DETAIL(retVal, file.open(QIODevice::ReadOnly), "unable to read the server's update.ini",
+                            McLib::osDetail(QFile::encodeName(path).toStdString(), errno)))
+            return retVal;
+        bytes = file.read(sReplyMaxBytes + 1);
+    }
+    else
+    {
+        QString folder;
+        retVal << e.pathToCache(folder);
+        if (retVal.isBad())
+            return retVal;
+        QxDownload::Request request;
+        request.url = url;
+        request.destination = folder + QStringLiteral("/update.ini");
+        request.maxBytes = sReplyMaxBytes;
+        e.trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(request.url, request.destination));
+        QxDownload::createInstance()->download(request);
+        // No update.ini on the server: no update check.
+        if (request.result == QxDownload::ResultHttpError && request.error == QLatin1String("HTTP 404"))
+            return retVal;
+        if (MC_CHECK_DETAIL(retVal, request.result == QxDownload::ResultOk, "unable to load the server's update.ini",
+                            QStringLiteral("%1: %2").arg(url, request.error).toStdString()))
+            return retVal;
+        QFile file(request.destination);
+        if (MC_CHECK_DETAIL(retVal, file.open(QIODevice::ReadOnly), "unable to read the server's update.ini",
+                            McLib::osDetail(QFile::encodeName(request.destination).toStdString(), errno)))
+            return retVal;
+        bytes = file.read(sReplyMaxBytes + 1);
+    }
+    if (MC_CHECK_DETAIL(retVal, bytes.size() <= sReplyMaxBytes, "the server's update.ini is not valid",
+                        QStringLiteral("%1: larger than %2 bytes").arg(url).arg(sReplyMaxBytes).toStdString()))
+        return retVal;
+    retVal << replyParse(bytes, url, mReplyConfiguration);
+    if (retVal.isBad())
+        return retVal;
+    mReplyConfiguration.valueSet(QStringLiteral("VersionOfClientCurrent"), mVersion, false);
+    outFound = true;
+    return retVal;
+}
+
+bool PluginKestraClient::replyAsksQuestion() const
+{
+    const QString recommended = mReplyConfiguration.value(QStringLiteral("VersionOfClientRecommended"));
+    if (recommended.isEmpty())
+        return false;
+    // A mandatory "update" to the running version is the server's mistake, and said so.
+    return recommended != mReplyConfiguration.value(QStringLiteral("VersionOfClientCurrent")) ||
+           !replyFlag(mReplyConfiguration, "UpdateIsOptional");
+}
+
+QString PluginKestraClient::updateQuestionText(bool inOptional, bool inImpossible) const
+{
+    const Configuration& reply = mReplyConfiguration;
+    const QString recommended = reply.value(QStringLiteral("VersionOfClientRecommended"));
+    QStringList blocks;
+    blocks.append(inOptional ? tr("A new client version is available.")
+                             : tr("Your client version is not supported by this server."));
+    QString message = reply.value(QStringLiteral("UpdateMessage"));
+    if (!message.isEmpty())
+        blocks.append(message.replace(QLatin1String("\\n"), QLatin1String("\n")));
+    blocks.append(tr("Current client version: %1").arg(reply.value(QStringLiteral("VersionOfClientCurrent"))) +
+                  QLatin1Char('\n') + tr("Recommended client version: %1").arg(recommended));
+    const QString supported = reply.value(QStringLiteral("VersionsOfClientSupportedByServer"));
+    if (!supported.isEmpty())
+        blocks.append(tr("Protocol version of client: %1").arg(reply.value(QStringLiteral("VersionOfProtocolCurrent"))) +
+                      QLatin1Char('\n') + tr("Protocol version of server: %1").arg(supported));
+    if (!inImpossible)
+        blocks.append(tr("Do you want to update your client to version %1?").arg(recommended));
+    return blocks.join(QStringLiteral("\n\n"));
+}
+
+bool PluginKestraClient::askUserIfHeWantsToUpdate()
+{
+    const Configuration& reply = mReplyConfiguration;
+    const bool optional = replyFlag(reply, "UpdateIsOptional");
+    bool impossible = replyFlag(reply, "UpdateIsImpossible");
+    const bool configError = !optional && reply.value(QStringLiteral("VersionOfClientRecommended")) ==
+                                              reply.value(QStringLiteral("VersionOfClientCurrent"));
+    QString title;
+    QString text;
+    QMessageBox::Icon icon = QMessageBox::Warning;
+    QMessageBox::StandardButtons buttons = QMessageBox::Ok;
+    QMessageBox::StandardButton btnDefault = QMessageBox::Ok;
+    if (configError)
+    {
+        impossible = true;
+        title = tr("Configuration error.");
+        text = tr("The recommended client version is not supported by this server.\n"
+                  "Please contact your system administrator.");
+    }
+    else
+    {
+        const QString product = reply.value(QStringLiteral("Product"));
+        title = optional ? tr("%1 Auto-Update").arg(product) : tr("%1 Client Version Mismatch").arg(product);
+        text = updateQuestionText(optional, impossible);
+        icon = impossible ? QMessageBox::Warning : QMessageBox::Question;
+        buttons = impossible ? QMessageBox::StandardButtons(QMessageBox::Ok) : QMessageBox::Yes | QMessageBox::No;
+        btnDefault = impossible ? QMessageBox::Ok : QMessageBox::Yes;
+    }
+    MC_DBC_TEXT(DbCCheck, btnDefault != 0, "btnDefault!=0");
+
+    if (!WidgetProgress::available())
+    {
+        const QMessageBox::StandardButton answer = consoleAsk(title, text, buttons, btnDefault);
+        if (optional && !impossible)
+        {
+            // No box stays up on a console: the update follows the client's start.
+            mDeployAfterStart = answer == QMessageBox::Yes;
+            return false;
+        }
+        return answer == QMessageBox::Yes;
+    }
+
+    auto* box = new QMessageBox(icon, title, text, buttons);
+    box->setObjectName(QStringLiteral("PluginKestraClientQuestion"));
+    box->setDefaultButton(btnDefault);
+    box->setAccessibleName(title);
+    box->setAccessibleDescription(text);
+    if (optional && !impossible)
+    {
+        // The client starts meanwhile; the host keeps the box up until it is answered.
+        box->setAttribute(Qt::WA_DeleteOnClose);
+        box->setWindowModality(Qt::WindowModal);
+        connect(box, &QMessageBox::buttonClicked, this, [this, box](QAbstractButton* inButton) {
+            if (box->standardButton(inButton) == QMessageBox::Yes)
+                QMetaObject::invokeMethod(this, [this]() { deploy(); }, Qt::QueuedConnection);
+        });
+        box->show();
+        box->raise();
+        return false;
+    }
+    box->exec();
+    const bool yes = box->standardButton(box->clickedButton()) == QMessageBox::Yes;
+    delete box;
+    return yes;
+}
+
+McResult PluginKestraClient::deploy()
+{
+    McResult retVal;
+    // Fetching the new client and running the deploy tool are not part of this version: an
+    // update the user asked for can only fail, and is reported the way a failed update is.
+    Engine::instance().progress().reportUpdateFailure();
+    retVal.makeBad(1);
+    return retVal;
+}
+
+QString PluginKestraClient::ksweblaunchExePath()
+{
+    Engine& e = Engine::instance();
+    const Configuration& config = e.configuration();
+    const QString application = QStringList{config.value(QStringLiteral("DIR_TARGET")),
+                                            config.value(QStringLiteral("DIR_VENDOR")),
+                                            config.value(QStringLiteral("DIR_APPLICATION"))}
+                                    .join(QLatin1Char('/'));
+    McHandle<ResourceFileDirectory> root;
+    McDArray<McHandle<Resource>> found;
+    QString retVal;
+    if (Generator::generateFromDirectory(root, found, application, true, QStringList(), QStringList()).isOk())
+    {
+        for (int64_t i = 0; i < found.size() && retVal.isEmpty(); ++i)
+        {
+            auto* entry = dynamic_cast<ResourceFileEntry*>(found[i].ptr());
+            if (entry && entry->name() == QLatin1String("ksweblaunch.exe"))
+                retVal = entry->path();
+        }
+    }
+    // The scan's resources were only a means: the pool keeps the product's own.
+    for (int64_t i = 0; i < found.size(); ++i)
+        e.resourceUnregister(found[i]);
+    return retVal;
+}

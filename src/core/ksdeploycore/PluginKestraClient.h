@@ -1,0 +1,75 @@
+#pragma once
+#include "Configuration.h"
+#include "KsGlobal.h"
+#include "Plugin.h"
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+namespace KsDeploy
+{
+// The client's launcher runs the engine with this plugin: it takes the launch values, loads the
+// published product description, decides with the user whether to update and starts the client.
+class PluginKestraClient : public QObject, public Plugin
+{
+    Q_OBJECT
+
+public:
+    static PluginKestraClient& instance();
+
+    McResult onActivate() override;
+
+    // The version question of the reply configuration. True only when the user chose Yes in a
+    // box that waits for the answer; the optional offer returns false at once and queues deploy().
+    bool askUserIfHeWantsToUpdate();
+
+    // The server's answers, read from "update.ini" beside the product description.
+    Configuration& replyConfiguration() { return mReplyConfiguration; }
+    // Fills outReply from the text of an "update.ini": "Key=Value" lines, "#" comments, UTF-8.
+    // Refuses the whole text (outReply untouched) for a line without "=", an unknown or repeated
+    // key, or a flag that is not a decimal number; inOrigin names the file in the message.
+    static McResult replyParse(const QByteArray& inText, const QString& inOrigin, Configuration& outReply);
+
+    // The client's arguments: the launcher's own (without its program and its "--start" pair),
+    // then "--start" and the credentials.
+    static QList<QString> clientArguments(const QList<QString>& inCollected, const QString& inUser,
+                                          const QString& inPassword, const QString& inServer);
+
+    // The main text and details of the version question, as the box shows them.
+    QString updateQuestionText(bool inOptional, bool inImpossible) const;
+
+public slots:
+    // Updates the client; reports a failed update through the progress sink.
+    McResult deploy();
+
+private:
+    PluginKestraClient();
+    ~PluginKestraClient() override;
+    // The one instance belongs to the library: the registry's handles never delete it.
+    void notifyDelete() override {}
+
+    void translationsLoad() const;
+    // Reads "update.ini" beside the product description; outFound false when the server has none.
+    McResult replyLoad(bool& outFound);
+    // Whether the reply asks a question of the running client at all.
+    bool replyAsksQuestion() const;
+    QString ksweblaunchExePath();
+
+    Configuration mReplyConfiguration;
+    McDArray<QString> mListOfText;
+    QString mDirBin;
+    QString mDirApp;
+    QString mUser;
+    QString mPass;
+    QString mServer;
+    QString mUrl;
+    QString mLanguage;
+    QString mVersion;
+    int32_t mCounter = 0;
+    QList<QString> mListOfArgument;
+    QList<QString> mListOfEnvironment;
+    // Set by a Yes given on the console to the optional offer: the update follows the client's start.
+    bool mDeployAfterStart = false;
+};
+}
