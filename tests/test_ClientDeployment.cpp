@@ -4,19 +4,23 @@
 #include "Cache.h"
 #include "ClientDeployment.h"
 #include "Common.h"
+#include "FolderSwap.h"
 #include "Generator.h"
 #include "KsTestSupport.h"
 #include "Process.h"
 #include "ResourceFileEntry.h"
 #include "ResourceProduct.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QProcess>
 #include <QThread>
 
 #include <csignal>
+#include <cstdlib>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,7 +50,8 @@ class ClientDeploymentTest : public KsTest::EngineTest
 {
 protected:
     QTemporaryDir mDir;
-    QString p(const QString& inRel) const { return mDir.path() + "/" + inRel; }
+    QString mRoot = mDir.path();
+    QString p(const QString& inRel) const { return mRoot + "/" + inRel; }
     Engine& e() { return Engine::instance(); }
     QString app() const { return p("target/Vendor/App"); }
 
@@ -60,8 +65,18 @@ protected:
         KsTest::writeFile(p(inName + "/only-" + inVersion + ".txt"), "only in " + inVersion);
     }
 
-    // The pool holds exactly product "Client" described from src; its items are published.
-    void describeAndPublish(const QString& inSrc)
+    // The configuration the client's engine has: the folders, the cache and the server.
+    void configure()
+    {
+        e().configuration().valueSet("DIR_TARGET", p("target"), false);
+        e().configuration().valueSet("DIR_VENDOR", "Vendor", false);
+        e().configuration().valueSet("DIR_APPLICATION", "App", false);
+        e().pathToCacheSet(p("cache"));
+        e().cache().httpUrlAdd("file://" + p("publish"));
+    }
+
+    // The pool holds exactly product "Client" described from src.
+    void describe(const QString& inSrc)
     {
         e().resourceUnregisterAll();
         McHandle<ResourceFileDirectory> root;
@@ -71,6 +86,12 @@ protected:
         McHandle<ResourceProduct> product(new ResourceProduct);
         product->nameSet("Client");
         product->applicationDirectorySet(root);
+    }
+
+    // The same, and its items are published.
+    void describeAndPublish(const QString& inSrc)
+    {
+        describe(inSrc);
         const QString cache = p("cache");
         e().pathToCacheSet(p("publish"));
         ASSERT_TRUE(e().cache().retrieveFromDirectory(p(inSrc), true, {}, true).isOk());
@@ -83,11 +104,7 @@ protected:
     {
         source("v1", "v1", 0);
         source("v2", "v2", inV2Exit);
-        e().configuration().valueSet("DIR_TARGET", p("target"), false);
-        e().configuration().valueSet("DIR_VENDOR", "Vendor", false);
-        e().configuration().valueSet("DIR_APPLICATION", "App", false);
-        e().pathToCacheSet(p("cache"));
-        e().cache().httpUrlAdd("file://" + p("publish"));
+        configure();
         describeAndPublish("v1");
         ASSERT_TRUE(e().productInstall("Client", false).isOk());
         ASSERT_EQ(snapshot(p("v1")), snapshot(app()));
@@ -106,6 +123,19 @@ protected:
         inOut.workDirSet(p("work"));
     }
 
+    static QString sKillAt;
+    static void killOnLine(McLogLevel, const McString& inText)
+    {
+        if (QString::fromLocal8Bit(inText.c_str()).contains(sKillAt))
+            raise(SIGKILL);
+    }
+    static int sKillAtStep;
+    static void killAtStep(int inStep)
+    {
+        if (inStep == sKillAtStep)
+            raise(SIGKILL);
+    }
+
     // What the clients wrote; waits for inLines lines (a client may run detached).
     QByteArray clientOutput(int inLines)
     {
@@ -114,6 +144,8 @@ protected:
         return KsTest::readFile(p("client.out"));
     }
 };
+QString ClientDeploymentTest::sKillAt;
+int ClientDeploymentTest::sKillAtStep = 0;
 }
 
 TEST_F(ClientDeploymentTest, UpdatesFromTheServerAndTheOldFolderAndKeepsThePrevious)
@@ -305,4 +337,124 @@ TEST_F(ClientDeploymentTest, WaitsForTheEngineThatStartedIt)
     d.parentPidSet(parent, 60000);
     ASSERT_TRUE(d.run().isOk());
     EXPECT_EQ(snapshot(p("v2")), snapshot(app()));
+}
+
+// The deploying engine killed -9 at many moments, from before the staging to after the
+// exchange: the next start leaves one whole version in the application folder whose client runs,
+// and the following update completes.
+TEST_F(ClientDeploymentTest, AKillAtAnyMomentLeavesAWholeVersionAndTheNextUpdateCompletes)
+{
+    // The child run: this test in a process of its own, killed at the moment named.
+    if (const char* root = std::getenv("KS_DEPLOY_KILL_ROOT"))
+    {
+        mRoot = QString::fromLocal8Bit(root);
+        configure();
+        describe("v2");
+        const QString at = QString::fromLocal8Bit(std::getenv("KS_DEPLOY_KILL_AT"));
+        if (at.startsWith("step "))
+        {
+            sKillAtStep = at.mid(5).toInt();
+            KsPlatform::FolderSwap::atomicDisabledSet(true);
+            KsPlatform::FolderSwap::stepHookSet(&killAtStep);
+        }
+        else
+        {
+            sKillAt = at;
+            getTheLogInstance().setWriteCallback(&killOnLine, McLogLevelInfo);
+        }
+        ClientDeployment d;
+        setUp(d);
+        d.run();
+        _exit(3);  // not killed: the moment never came
+    }
+
+    const QString base = mDir.path();
+    const QStringList moments = {
+        "update: staging the new version",
+        "caching: " + base + "/%1/target/Vendor/App/lib/common.bin",
+        "Transaction Begin",
+        "Download",
+        "download: ",
+        "Installation",
+        "install: " + base + "/%1/target/Vendor/App.staging/lib",
+        "install: " + base + "/%1/target/Vendor/App.staging/bin/ksclient",
+        "Transaction Commit",
+        "verify: " + base + "/%1/target/Vendor/App.staging/lib/common.bin",
+        "step 1",
+        "step 2",
+        "step 3",
+        "update: exchanged",
+        "update: started",
+        "update: the previous version is kept",
+        "removed: ",
+        "update: done",
+    };
+    int whole = 0, completed = 0, killed = 0;
+    QStringList report;
+    for (int i = 0; i < moments.size(); ++i)
+    {
+        const QString name = QStringLiteral("k%1").arg(i);
+        const QString at = QString(moments[i]).replace("%1", name);
+        SCOPED_TRACE(at.toStdString());
+        mRoot = base + "/" + name;
+        Engine::instanceTestReset();
+        Engine::instanceInit(nullptr);
+        e().quietSet(true);
+        installV1AndPublishV2(0);
+        KsTest::writeFile(p("work/update-earlier.log"), "an earlier update's record");
+        QFile earlier(p("work/update-earlier.log"));
+        ASSERT_TRUE(earlier.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(earlier.setFileTime(QDateTime::currentDateTime().addSecs(-60), QFileDevice::FileModificationTime));
+        earlier.close();
+
+        QProcess child;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("KS_DEPLOY_KILL_ROOT", mRoot);
+        env.insert("KS_DEPLOY_KILL_AT", at);
+        env.insert("KSDEPLOY_TEST_KEEP_HOME", "1");  // the same maintenance folder, with its journals
+        child.setProcessEnvironment(env);
+        child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        child.setStandardOutputFile(QProcess::nullDevice());
+        child.start(QCoreApplication::applicationFilePath(),
+                    {"--gtest_filter=ClientDeploymentTest.AKillAtAnyMomentLeavesAWholeVersionAndTheNextUpdateCompletes"});
+        ASSERT_TRUE(child.waitForFinished(120000));
+        if (child.exitStatus() == QProcess::CrashExit)
+            ++killed;
+
+        // The next start: the engine's own recovery, then the exchange's.
+        Engine::instanceTestReset();
+        Engine::instanceInit(nullptr);
+        e().quietSet(true);
+        configure();
+        ASSERT_TRUE(ClientDeployment::recoverInterrupted(app()).isOk());
+        const auto now = snapshot(app());
+        const QString version = now == snapshot(p("v1")) ? "v1" : now == snapshot(p("v2")) ? "v2" : "a mix";
+        QFile::remove(p("client.out"));
+        QProcess client;
+        QProcessEnvironment clientEnv = QProcessEnvironment::systemEnvironment();
+        clientEnv.insert("KS_OUT", p("client.out"));
+        client.setProcessEnvironment(clientEnv);
+        client.start(app() + "/bin/ksclient", {});
+        const bool runs = client.waitForFinished(60000) && client.exitCode() == 0 &&
+                          KsTest::readFile(p("client.out")) == version.toLatin1() + " \n";
+        if (version != "a mix" && runs)
+            ++whole;
+
+        describe("v2");
+        ClientDeployment next;
+        setUp(next);
+        const bool done = next.run().isOk() && snapshot(app()) == snapshot(p("v2")) &&
+                          QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden) ==
+                              QStringList({"App", "App.previous"});
+        if (done)
+            ++completed;
+        EXPECT_TRUE(version != "a mix" && runs && done) << version.toStdString();
+        report << QStringLiteral("%1: %2").arg(at.mid(at.lastIndexOf('/') + 1), version);
+    }
+    EXPECT_EQ(moments.size(), killed) << "every moment came";
+    EXPECT_EQ(moments.size(), whole);
+    EXPECT_EQ(moments.size(), completed);
+    std::printf("kill -9 at %d moments: %d killed, %d left a whole version with a working client, "
+                "%d updated afterwards (%s)\n",
+                int(moments.size()), killed, whole, completed, report.join(", ").toLocal8Bit().constData());
 }
