@@ -458,3 +458,58 @@ TEST_F(ClientDeploymentTest, AKillAtAnyMomentLeavesAWholeVersionAndTheNextUpdate
                 "%d updated afterwards (%s)\n",
                 int(moments.size()), killed, whole, completed, report.join(", ").toLocal8Bit().constData());
 }
+
+// A staging folder that fills its file system (a 1 MiB tmpfs holding the client's folders, in a
+// mount namespace of a child run): the update fails clearly, the old client starts, and nothing is
+// left beside the application folder.
+TEST_F(ClientDeploymentTest, ADiskFullInTheStagingFolderChangesNothing)
+{
+    if (const char* root = std::getenv("KS_DEPLOY_FULL_ROOT"))
+    {
+        mRoot = QString::fromLocal8Bit(root);
+        source("v1", "v1", 0);
+        source("v2", "v2", 0);
+        QByteArray big(2 << 20, '\0');
+        for (int i = 0; i < big.size(); ++i)
+            big[i] = static_cast<char>((i * 7919) ^ (i >> 9));
+        KsTest::writeFile(p("v2/share/big.bin"), big);
+        configure();
+        describeAndPublish("v1");
+        ASSERT_TRUE(e().productInstall("Client", false).isOk());
+        describeAndPublish("v2");
+        const auto before = snapshot(p("target"));
+        ClientDeployment d;
+        setUp(d);
+        KsTest::FailureRecorder failures;
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(d.run().isBad());
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_NE(std::string::npos, out.find("Automatic update has failed.")) << out;
+        EXPECT_EQ(ClientDeployment::Outcome::Unchanged, d.outcome());
+        bool said = false;
+        for (const KsTest::Failure& f : failures.failures())
+            said = said || (f.message + f.detail).find("No space left on device") != std::string::npos;
+        EXPECT_TRUE(said) << "the reason is named";
+        EXPECT_EQ(before, snapshot(p("target")));
+        EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
+        EXPECT_EQ("v1 --start user:pw@server\n", clientOutput(1));
+        return;
+    }
+    if (geteuid() != 0 || std::system("command -v unshare >/dev/null") != 0)
+        GTEST_SKIP() << "a private mount namespace needs root and unshare";
+    ASSERT_TRUE(QDir().mkpath(p("full/target")));
+    QProcess child;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("KS_DEPLOY_FULL_ROOT", p("full"));
+    env.insert("KSDEPLOY_TEST_KEEP_HOME", "1");
+    child.setProcessEnvironment(env);
+    child.setProcessChannelMode(QProcess::ForwardedChannels);
+    child.start("unshare", {"-m", "sh", "-c",
+                            "mount -t tmpfs -o size=1m kstarget \"$KS_DEPLOY_FULL_ROOT/target\" || exit 99; exec \"$0\" "
+                            "--gtest_filter=ClientDeploymentTest.ADiskFullInTheStagingFolderChangesNothing",
+                            QCoreApplication::applicationFilePath()});
+    ASSERT_TRUE(child.waitForFinished(120000));
+    if (child.exitCode() == 99)
+        GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(0, child.exitCode()) << "the child run's checks (its failures are printed above)";
+}

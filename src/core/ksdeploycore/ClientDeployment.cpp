@@ -244,8 +244,12 @@ McResult ClientDeployment::stage()
     if (retVal.isOk())
         retVal << e.productVerify(stagingKey);
     e.productUnregisterResources(stagingKey);
-    if (retVal.isBad() && QFileInfo::exists(staging))
-        QxBase::File::removeDir(staging, true, {}, {});
+    if (retVal.isBad())
+    {
+        if (QFileInfo::exists(staging))
+            QxBase::File::removeDir(staging, true, {}, {});
+        MC_CHECK(retVal, false, QStringLiteral("the new version could not be staged in '%1'").arg(staging));
+    }
     return retVal;
 }
 
