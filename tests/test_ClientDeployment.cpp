@@ -15,8 +15,8 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QThread>
 
 #include <csignal>
@@ -59,7 +59,8 @@ protected:
     void source(const QString& inName, const QByteArray& inVersion, int inClientExit)
     {
         KsTest::writeFile(p(inName + "/bin/ksclient"), client(inVersion, inClientExit));
-        QFile::setPermissions(p(inName + "/bin/ksclient"), QFile::permissions(p(inName + "/bin/ksclient")) | QFile::ExeOwner);
+        QFile::setPermissions(p(inName + "/bin/ksclient"),
+                              QFile::permissions(p(inName + "/bin/ksclient")) | QFile::ExeOwner);
         KsTest::writeFile(p(inName + "/lib/common.bin"), QByteArray(300000, 'c'));
         KsTest::writeFile(p(inName + "/share/version.txt"), inVersion);
         KsTest::writeFile(p(inName + "/only-" + inVersion + ".txt"), "only in " + inVersion);
@@ -185,7 +186,8 @@ TEST_F(ClientDeploymentTest, UpdatesFromTheServerAndTheOldFolderAndKeepsThePrevi
     EXPECT_TRUE(records.contains("keep.txt"));
     bool saidRemoved = false;
     for (const KsTest::LogLine& l : log.lines())
-        saidRemoved = saidRemoved || l.text.find("removed: " + p("work/update-old.log").toStdString()) != std::string::npos;
+        saidRemoved =
+            saidRemoved || l.text.find("removed: " + p("work/update-old.log").toStdString()) != std::string::npos;
     EXPECT_TRUE(saidRemoved);
 
     // A second update keeps only the version it replaced as the previous one.
@@ -236,7 +238,8 @@ TEST_F(ClientDeploymentTest, AFailureBeforeTheExchangeChangesNothing)
     }
     EXPECT_EQ(ClientDeployment::Outcome::Unchanged, d.outcome());
     EXPECT_EQ(before, snapshot(p("target")));
-    EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
+    EXPECT_EQ(QStringList{"App"},
+              QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
     EXPECT_EQ("v1 --start user:pw@server\n", clientOutput(1)) << "the old client started";
 
     // A product that does not install into the given folder is refused before anything.
@@ -247,7 +250,8 @@ TEST_F(ClientDeploymentTest, AFailureBeforeTheExchangeChangesNothing)
     wrong.failureHandlingSet(false);
     KsTest::FailureRecorder failures;
     EXPECT_TRUE(wrong.run().isBad());
-    EXPECT_TRUE(failures.hasMessage(("product 'Client' does not install into '" + p("target/Vendor/Other") + "'").toStdString()));
+    EXPECT_TRUE(failures.hasMessage(
+        ("product 'Client' does not install into '" + p("target/Vendor/Other") + "'").toStdString()));
 }
 
 TEST_F(ClientDeploymentTest, ProgramsInTheFolderAreAskedAboutOrFailTheUpdate)
@@ -327,9 +331,8 @@ TEST_F(ClientDeploymentTest, WaitsForTheEngineThatStartedIt)
     {
         KsTest::FailureRecorder failures;
         EXPECT_TRUE(d.run().isBad());
-        EXPECT_TRUE(failures.hasMessage(QStringLiteral("the program that started the update did not end (pid %1)")
-                                            .arg(parent)
-                                            .toStdString()));
+        EXPECT_TRUE(failures.hasMessage(
+            QStringLiteral("the program that started the update did not end (pid %1)").arg(parent).toStdString()));
     }
     EXPECT_EQ(snapshot(p("v1")), snapshot(app()));
     kill(parent, SIGKILL);
@@ -415,8 +418,9 @@ TEST_F(ClientDeploymentTest, AKillAtAnyMomentLeavesAWholeVersionAndTheNextUpdate
         child.setProcessEnvironment(env);
         child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         child.setStandardOutputFile(QProcess::nullDevice());
-        child.start(QCoreApplication::applicationFilePath(),
-                    {"--gtest_filter=ClientDeploymentTest.AKillAtAnyMomentLeavesAWholeVersionAndTheNextUpdateCompletes"});
+        child.start(
+            QCoreApplication::applicationFilePath(),
+            {"--gtest_filter=ClientDeploymentTest.AKillAtAnyMomentLeavesAWholeVersionAndTheNextUpdateCompletes"});
         ASSERT_TRUE(child.waitForFinished(120000));
         if (child.exitStatus() == QProcess::CrashExit)
             ++killed;
@@ -491,7 +495,8 @@ TEST_F(ClientDeploymentTest, ADiskFullInTheStagingFolderChangesNothing)
             said = said || (f.message + f.detail).find("No space left on device") != std::string::npos;
         EXPECT_TRUE(said) << "the reason is named";
         EXPECT_EQ(before, snapshot(p("target")));
-        EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
+        EXPECT_EQ(QStringList{"App"},
+                  QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
         EXPECT_EQ("v1 --start user:pw@server\n", clientOutput(1));
         return;
     }
@@ -504,10 +509,11 @@ TEST_F(ClientDeploymentTest, ADiskFullInTheStagingFolderChangesNothing)
     env.insert("KSDEPLOY_TEST_KEEP_HOME", "1");
     child.setProcessEnvironment(env);
     child.setProcessChannelMode(QProcess::ForwardedChannels);
-    child.start("unshare", {"-m", "sh", "-c",
-                            "mount -t tmpfs -o size=1m kstarget \"$KS_DEPLOY_FULL_ROOT/target\" || exit 99; exec \"$0\" "
-                            "--gtest_filter=ClientDeploymentTest.ADiskFullInTheStagingFolderChangesNothing",
-                            QCoreApplication::applicationFilePath()});
+    child.start("unshare",
+                {"-m", "sh", "-c",
+                 "mount -t tmpfs -o size=1m kstarget \"$KS_DEPLOY_FULL_ROOT/target\" || exit 99; exec \"$0\" "
+                 "--gtest_filter=ClientDeploymentTest.ADiskFullInTheStagingFolderChangesNothing",
+                 QCoreApplication::applicationFilePath()});
     ASSERT_TRUE(child.waitForFinished(120000));
     if (child.exitCode() == 99)
         GTEST_SKIP() << "no private mount namespace here";

@@ -20,8 +20,8 @@ std::string scratch()
 {
     static int sCounter = 0;
     const char* tmp = std::getenv("TMPDIR");
-    const std::string dir = std::string(tmp ? tmp : "/tmp") + "/inuse-test-" + std::to_string(getpid()) + "-" +
-                            std::to_string(++sCounter);
+    const std::string dir =
+        std::string(tmp ? tmp : "/tmp") + "/inuse-test-" + std::to_string(getpid()) + "-" + std::to_string(++sCounter);
     mkdir(dir.c_str(), 0755);
     return dir;
 }

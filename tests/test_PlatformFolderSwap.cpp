@@ -20,8 +20,8 @@ std::string scratch()
 {
     static int sCounter = 0;
     const char* tmp = std::getenv("TMPDIR");
-    const std::string dir = std::string(tmp ? tmp : "/tmp") + "/swap-test-" + std::to_string(getpid()) + "-" +
-                            std::to_string(++sCounter);
+    const std::string dir =
+        std::string(tmp ? tmp : "/tmp") + "/swap-test-" + std::to_string(getpid()) + "-" + std::to_string(++sCounter);
     mkdir(dir.c_str(), 0755);
     return dir;
 }
@@ -124,16 +124,18 @@ TEST_F(PlatformFolderSwap, AFileSystemThatRefusesTheAtomicCallGetsTheJournaledWa
         GTEST_SKIP() << "strace is not installed";
     const std::string dir = scratch();
     // A sanitizer's leak check needs ptrace itself, which strace holds.
-    const std::string command = "ASAN_OPTIONS=detect_leaks=0 KS_SWAP_CHILD='" + dir + "' strace -f -o /dev/null -e inject=renameat2:error=EINVAL " +
-                                "/proc/" + std::to_string(getpid()) + "/exe --gtest_filter=" +
-                                "PlatformFolderSwap.AFileSystemThatRefusesTheAtomicCallGetsTheJournaledWay >/dev/null";
+    const std::string command =
+        "ASAN_OPTIONS=detect_leaks=0 KS_SWAP_CHILD='" + dir +
+        "' strace -f -o /dev/null -e inject=renameat2:error=EINVAL " + "/proc/" + std::to_string(getpid()) +
+        "/exe --gtest_filter=" + "PlatformFolderSwap.AFileSystemThatRefusesTheAtomicCallGetsTheJournaledWay >/dev/null";
     ASSERT_EQ(0, system(command.c_str()));
     EXPECT_EQ("10new,old1", text(dir + "/result")) << "ok, not atomic, exchanged, clean";
 
     // Any other refusal is not a reason to go the long way: nothing changes.
-    const std::string other = "ASAN_OPTIONS=detect_leaks=0 KS_SWAP_CHILD='" + dir + "' strace -f -o /dev/null -e inject=renameat2:error=EACCES " +
-                              "/proc/" + std::to_string(getpid()) + "/exe --gtest_filter=" +
-                              "PlatformFolderSwap.AFileSystemThatRefusesTheAtomicCallGetsTheJournaledWay >/dev/null";
+    const std::string other =
+        "ASAN_OPTIONS=detect_leaks=0 KS_SWAP_CHILD='" + dir +
+        "' strace -f -o /dev/null -e inject=renameat2:error=EACCES " + "/proc/" + std::to_string(getpid()) +
+        "/exe --gtest_filter=" + "PlatformFolderSwap.AFileSystemThatRefusesTheAtomicCallGetsTheJournaledWay >/dev/null";
     ASSERT_EQ(0, system(other.c_str()));
     EXPECT_EQ("00old,new1", text(dir + "/result"));
 }

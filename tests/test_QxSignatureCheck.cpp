@@ -30,8 +30,8 @@ protected:
     }
     void sign(const QString& inKey, const QString& inFile, const QString& inSignature)
     {
-        ASSERT_TRUE(openssl({"pkeyutl", "-sign", "-rawin", "-inkey", p(inKey + ".key"), "-in", p(inFile), "-out",
-                             p(inSignature)}));
+        ASSERT_TRUE(openssl(
+            {"pkeyutl", "-sign", "-rawin", "-inkey", p(inKey + ".key"), "-in", p(inFile), "-out", p(inSignature)}));
     }
     std::string failureOf(const QString& inData, const QString& inSignature, const QString& inKey)
     {
@@ -39,7 +39,8 @@ protected:
         const McResult r = QxBase::SignatureCheck::verifyFile(p(inData), p(inSignature), p(inKey));
         if (r.isOk())
             return "ok";
-        return failures.failures().empty() ? "unreported" : failures.failures()[0].message + " | " + failures.failures()[0].detail;
+        return failures.failures().empty() ? "unreported"
+                                           : failures.failures()[0].message + " | " + failures.failures()[0].detail;
     }
 };
 }

@@ -69,11 +69,13 @@ McResult ClientDeployment::recoverInterrupted(const QString& inApplicationDir)
                         s.text))
         return retVal;
     if (recovery == KsPlatform::FolderSwap::Recovery::Completed)
-        Engine::instance().trace(McLogLevelInfo,
-                                 QStringLiteral("recovery: the interrupted exchange of '%1' was finished").arg(inApplicationDir));
+        Engine::instance().trace(
+            McLogLevelInfo,
+            QStringLiteral("recovery: the interrupted exchange of '%1' was finished").arg(inApplicationDir));
     else if (recovery == KsPlatform::FolderSwap::Recovery::Undone)
-        Engine::instance().trace(McLogLevelInfo,
-                                 QStringLiteral("recovery: the interrupted exchange of '%1' was undone").arg(inApplicationDir));
+        Engine::instance().trace(
+            McLogLevelInfo,
+            QStringLiteral("recovery: the interrupted exchange of '%1' was undone").arg(inApplicationDir));
     return retVal;
 }
 
@@ -188,8 +190,8 @@ McResult ClientDeployment::stage()
 
     // The application folder's part of the product, copied with the staging folder as its root.
     const McHandle<ResourceProduct> product = e.productResource(mProductKey);
-    const McHandle<ResourceFileDirectory> root = product.isNull() ? McHandle<ResourceFileDirectory>()
-                                                                   : product->applicationDirectory();
+    const McHandle<ResourceFileDirectory> root =
+        product.isNull() ? McHandle<ResourceFileDirectory>() : product->applicationDirectory();
     if (MC_CHECK(retVal, root.isNotNull(), "Internal Error"))
         return retVal;
     e.productUnregisterResources(stagingKey);
@@ -257,8 +259,8 @@ McResult ClientDeployment::exchange()
 {
     McResult retVal;
     bool atomic = false;
-    const KsPlatform::Status s = KsPlatform::FolderSwap::exchange(
-        local(mApplicationDir), local(stagingDir()), local(exchangeJournal(mApplicationDir)), atomic);
+    const KsPlatform::Status s = KsPlatform::FolderSwap::exchange(local(mApplicationDir), local(stagingDir()),
+                                                                  local(exchangeJournal(mApplicationDir)), atomic);
     if (MC_CHECK_DETAIL(retVal, s.isOk(),
                         QStringLiteral("cannot exchange '%1' and '%2'").arg(mApplicationDir, stagingDir()), s.text))
         return retVal;
@@ -333,9 +335,10 @@ McResult ClientDeployment::run()
     const QDateTime started = QDateTime::currentDateTime();
     mStarted = started;
     mListOfNote.clear();
-    mRecordPath = mWorkDir.isEmpty() ? QString()
-                                     : QStringLiteral("%1/update-%2.log")
-                                           .arg(mWorkDir, started.toString(QStringLiteral("yyyyMMdd-HHmmss-zzz")));
+    mRecordPath =
+        mWorkDir.isEmpty()
+            ? QString()
+            : QStringLiteral("%1/update-%2.log").arg(mWorkDir, started.toString(QStringLiteral("yyyyMMdd-HHmmss-zzz")));
     if (mParentPid > 0)
     {
         bool ended = false;
@@ -400,9 +403,9 @@ QStringList ClientDeployment::freeResources()
     if (!mApplicationDir.isEmpty())
     {
         const QFileInfo app(QDir::cleanPath(mApplicationDir));
-        const QFileInfoList leftovers = app.dir().entryInfoList(
-            QStringList(app.fileName() + QStringLiteral(".staging*")),
-            QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+        const QFileInfoList leftovers =
+            app.dir().entryInfoList(QStringList(app.fileName() + QStringLiteral(".staging*")),
+                                    QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
         for (const QFileInfo& fi : leftovers)
         {
             const McResult r = fi.isDir() && !fi.isSymLink() ? QxBase::File::removeDir(fi.filePath(), true, {}, {})
@@ -414,8 +417,8 @@ QStringList ClientDeployment::freeResources()
     // Records of earlier updates: this run's stay.
     if (!mWorkDir.isEmpty())
     {
-        const QFileInfoList records = QDir(mWorkDir).entryInfoList(
-            {QStringLiteral("*.log"), QStringLiteral("*.xml")}, QDir::Files | QDir::Hidden | QDir::System);
+        const QFileInfoList records = QDir(mWorkDir).entryInfoList({QStringLiteral("*.log"), QStringLiteral("*.xml")},
+                                                                   QDir::Files | QDir::Hidden | QDir::System);
         for (const QFileInfo& fi : records)
             if ((!mStarted.isValid() || fi.lastModified() < mStarted) &&
                 QxBase::File::removeFile(fi.absoluteFilePath()).isOk())

@@ -102,8 +102,7 @@ Status FolderInUse::list(const std::string& inFolder, std::vector<FolderUser>& o
         outUsers.push_back(user);
     }
     closedir(proc);
-    std::sort(outUsers.begin(), outUsers.end(),
-              [](const FolderUser& a, const FolderUser& b) { return a.pid < b.pid; });
+    std::sort(outUsers.begin(), outUsers.end(), [](const FolderUser& a, const FolderUser& b) { return a.pid < b.pid; });
     return Status::ok();
 }
 }

@@ -285,8 +285,7 @@ Status Process::waitForExitWithin(int inTimeoutMs, bool& outEnded, int& outExitC
         {
             mReaped = true;
             outEnded = true;
-            outExitCode =
-                WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+            outExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
             return Status::ok();
         }
         if (std::chrono::steady_clock::now() >= deadline)

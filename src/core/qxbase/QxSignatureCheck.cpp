@@ -54,13 +54,12 @@ McResult SignatureCheck::verifyFile(const QString& inDataFile, const QString& in
     return verify(data, signature, key, inDataFile, inPublicKeyFile);
 }
 
-McResult SignatureCheck::verify(const QByteArray& inData, const QByteArray& inSignature, const QByteArray& inPublicKeyPem,
-                                const QString& inDataName, const QString& inKeyName)
+McResult SignatureCheck::verify(const QByteArray& inData, const QByteArray& inSignature,
+                                const QByteArray& inPublicKeyPem, const QString& inDataName, const QString& inKeyName)
 {
     McResult retVal;
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(inPublicKeyPem.constData(),
-                                                                  static_cast<int>(inPublicKeyPem.size())),
-                                                  &BIO_free);
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(inPublicKeyPem.constData(), static_cast<int>(inPublicKeyPem.size())), &BIO_free);
     std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
         bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr, &EVP_PKEY_free);
     const bool isEd25519 = key && EVP_PKEY_id(key.get()) == EVP_PKEY_ED25519;
