@@ -43,6 +43,9 @@ public:
     // Attached programs only: waits until the program has ended (a held one is resumed first).
     // outExitCode is its exit status, or 128 plus the signal that ended it.
     Status waitForExit(int& outExitCode);
+    // The same for at most inTimeoutMs: outEnded tells whether it ended (and outExitCode is then
+    // set as above); a program still running after that stays our child and keeps running.
+    Status waitForExitWithin(int inTimeoutMs, bool& outEnded, int& outExitCode);
 
 private:
     Status waitForExec();

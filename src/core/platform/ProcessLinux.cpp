@@ -4,6 +4,7 @@
 #include "Process.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -255,6 +256,42 @@ Status Process::waitForExit(int& outExitCode)
     reap(status);
     outExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     return Status::ok();
+}
+
+Status Process::waitForExitWithin(int inTimeoutMs, bool& outEnded, int& outExitCode)
+{
+    outEnded = false;
+    outExitCode = -1;
+    if (mPid <= 0 || mDetached || mReaped)
+        return Status::bad(EINVAL, "'" + mProgram + "' is not a started program of ours to wait for");
+    if (mGate >= 0)
+    {
+        const Status resumed = resume();
+        if (resumed.isBad())
+            return resumed;
+    }
+    // Polled: a child's end cannot be waited for with a time limit otherwise without a signal
+    // handler, and a few milliseconds of delay do not matter here.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);
+    for (;;)
+    {
+        int status = 0;
+        const pid_t r = waitpid(static_cast<pid_t>(mPid), &status, WNOHANG);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r < 0)
+            return Status::bad(errno, "'" + mProgram + "': " + std::strerror(errno));
+        if (r == static_cast<pid_t>(mPid))
+        {
+            mReaped = true;
+            outEnded = true;
+            outExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+            return Status::ok();
+        }
+        if (std::chrono::steady_clock::now() >= deadline)
+            return Status::ok();
+        usleep(10000);
+    }
 }
 
 bool Process::isRunning() const

@@ -1,0 +1,440 @@
+// The client update: staging, the folder exchange and the start watch. The staging folder gets a
+// product of its own, a copy of the application folder's part of the product rooted at the staging
+// path, so that nothing outside the folder (shortcuts, registry entries) is touched before the
+// exchange and the real product's configuration stays as it is.
+#include "ClientDeployment.h"
+
+#include "Cache.h"
+#include "Common.h"
+#include "Engine.h"
+#include "FolderInUse.h"
+#include "FolderSwap.h"
+#include "Process.h"
+#include "ProcessWatch.h"
+#include "Progress.h"
+#include "QxFile.h"
+#include "ResourceFileEntry.h"
+#include "ResourceProduct.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QProcessEnvironment>
+
+#include <cerrno>
+
+namespace KsDeploy
+{
+namespace
+{
+std::string local(const QString& inPath) { return QFile::encodeName(inPath).toStdString(); }
+
+QString fromLocal(const std::string& inText) { return QString::fromLocal8Bit(inText.c_str()); }
+
+// The key of the staging folder's own product.
+QString stagingKeyOf(const QString& inKey) { return inKey + QStringLiteral(".staging"); }
+
+bool isInside(const QString& inPath, const QString& inFolder)
+{
+    return KsPlatform::FolderInUse::pathIsInside(local(QDir::cleanPath(inPath)), local(inFolder));
+}
+}
+
+ClientDeployment::ClientDeployment() = default;
+
+void ClientDeployment::clientSet(const QString& inExecutable, const QStringList& inArguments,
+                                 const QStringList& inEnvironment)
+{
+    mClientExecutable = inExecutable;
+    mClientArguments = inArguments;
+    mClientEnvironment = inEnvironment;
+}
+
+void ClientDeployment::note(const QString& inText, McLogLevel inLevel)
+{
+    Engine::instance().trace(inLevel, inText);
+    mListOfNote << QDateTime::currentDateTime().toString(Qt::ISODateWithMs) + QLatin1Char(' ') + inText;
+}
+
+McResult ClientDeployment::recoverInterrupted(const QString& inApplicationDir)
+{
+    McResult retVal;
+    const QString journal = exchangeJournal(QDir::cleanPath(inApplicationDir));
+    KsPlatform::FolderSwap::Recovery recovery = KsPlatform::FolderSwap::Recovery::Nothing;
+    const KsPlatform::Status s = KsPlatform::FolderSwap::recover(local(journal), recovery);
+    if (MC_CHECK_DETAIL(retVal, s.isOk(),
+                        QStringLiteral("cannot finish the interrupted update of '%1'").arg(inApplicationDir),
+                        s.text))
+        return retVal;
+    if (recovery == KsPlatform::FolderSwap::Recovery::Completed)
+        Engine::instance().trace(
+            McLogLevelInfo,
+            QStringLiteral("recovery: the interrupted exchange of '%1' was finished").arg(inApplicationDir));
+    else if (recovery == KsPlatform::FolderSwap::Recovery::Undone)
+        Engine::instance().trace(
+            McLogLevelInfo,
+            QStringLiteral("recovery: the interrupted exchange of '%1' was undone").arg(inApplicationDir));
+    return retVal;
+}
+
+McResult ClientDeployment::checkInputs()
+{
+    McResult retVal;
+    Engine& e = Engine::instance();
+    if (MC_CHECK(retVal, QDir::isAbsolutePath(mApplicationDir),
+                 QStringLiteral("the application folder '%1' is not an absolute path").arg(mApplicationDir)))
+        return retVal;
+    mApplicationDir = QDir::cleanPath(mApplicationDir);
+    if (MC_CHECK_DETAIL(retVal, QFileInfo(mApplicationDir).isDir(),
+                        QStringLiteral("the application folder '%1' does not exist").arg(mApplicationDir),
+                        McLib::osDetail(local(mApplicationDir), QFileInfo::exists(mApplicationDir) ? ENOTDIR : ENOENT)))
+        return retVal;
+    const McHandle<ResourceProduct> product = e.productResource(mProductKey);
+    if (MC_CHECK(retVal, product.isNotNull(), QStringLiteral("product '%1' is not loaded").arg(mProductKey)))
+        return retVal;
+    const McHandle<ResourceFileDirectory> root = product->applicationDirectory();
+    const QString rootPath = root.isNull() ? QString() : QDir::cleanPath(root->path());
+    if (MC_CHECK_DETAIL(retVal, rootPath == mApplicationDir,
+                        QStringLiteral("product '%1' does not install into '%2'").arg(mProductKey, mApplicationDir),
+                        local(QStringLiteral("its application folder is '%1'").arg(rootPath))))
+        return retVal;
+    MC_CHECK(retVal, isInside(mClientExecutable, mApplicationDir) && QDir::cleanPath(mClientExecutable) != mApplicationDir,
+             QStringLiteral("the client '%1' is not inside the application folder '%2'")
+                 .arg(mClientExecutable, mApplicationDir));
+    return retVal;
+}
+
+McResult ClientDeployment::programsInUse(QStringList& outPrograms) const
+{
+    McResult retVal;
+    outPrograms.clear();
+    std::vector<KsPlatform::FolderUser> users;
+    const KsPlatform::Status s = KsPlatform::FolderInUse::list(local(mApplicationDir), users);
+    if (MC_CHECK_DETAIL(retVal, s.isOk(),
+                        QStringLiteral("cannot tell which programs use '%1'").arg(mApplicationDir), s.text))
+        return retVal;
+    for (const KsPlatform::FolderUser& u : users)
+        outPrograms << QStringLiteral("%1 (pid %2)").arg(fromLocal(u.name)).arg(u.pid);
+    return retVal;
+}
+
+McResult ClientDeployment::waitUntilNotInUse()
+{
+    McResult retVal;
+    for (;;)
+    {
+        QStringList programs;
+        retVal << programsInUse(programs);
+        if (retVal.isBad() || programs.isEmpty())
+            return retVal;
+        note(QStringLiteral("programs using '%1':").arg(mApplicationDir), McLogLevelWarning);
+        for (const QString& program : programs)
+            note(QStringLiteral("  ") + program, McLogLevelWarning);
+        if (!mInUseQuestion)
+        {
+            MC_CHECK_DETAIL(retVal, programs.isEmpty(),
+                            QStringLiteral("the application folder '%1' is in use").arg(mApplicationDir),
+                            local(programs.join(QStringLiteral(", "))));
+            return retVal;
+        }
+        if (!mInUseQuestion(programs))
+        {
+            MC_CHECK_DETAIL(retVal, false,
+                            QStringLiteral("the update was cancelled: the application folder '%1' is in use")
+                                .arg(mApplicationDir),
+                            local(programs.join(QStringLiteral(", "))));
+            return retVal;
+        }
+    }
+}
+
+void ClientDeployment::cacheSeed()
+{
+    // A file the new version shares with the installed one is taken from the installed one: only
+    // what changed is downloaded.
+    Engine& e = Engine::instance();
+    McDArray<McHandle<Resource>> resources;
+    e.productResources(stagingKeyOf(mProductKey), resources);
+    const QString staging = stagingDir();
+    int seeded = 0;
+    for (int64_t i = 0; i < resources.size(); ++i)
+    {
+        const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(resources[i].ptr());
+        if (!entry || entry->absence() || !entry->bufferId().isValid() || e.cache().itemIsCached(entry->bufferId()))
+            continue;
+        const QString path = entry->path();
+        if (!path.startsWith(staging + QLatin1Char('/')))
+            continue;
+        const QString installed = mApplicationDir + path.mid(staging.size());
+        if (QFileInfo(installed).isFile() && BufferID(scanFile(installed)) == entry->bufferId() &&
+            e.cache().retrieveFromFile(installed, false).isOk())
+            ++seeded;
+    }
+    note(QStringLiteral("update: %1 unchanged files taken from '%2'").arg(seeded).arg(mApplicationDir));
+}
+
+McResult ClientDeployment::stage()
+{
+    McResult retVal;
+    Engine& e = Engine::instance();
+    const QString staging = stagingDir();
+    const QString stagingKey = stagingKeyOf(mProductKey);
+    if (QFileInfo::exists(staging) || QFileInfo(staging).isSymLink())
+    {
+        retVal << QxBase::File::removeDir(staging, true, {}, {});
+        if (retVal.isBad())
+            return retVal;
+    }
+
+    // The application folder's part of the product, copied with the staging folder as its root.
+    const McHandle<ResourceProduct> product = e.productResource(mProductKey);
+    const McHandle<ResourceFileDirectory> root =
+        product.isNull() ? McHandle<ResourceFileDirectory>() : product->applicationDirectory();
+    if (MC_CHECK(retVal, root.isNotNull(), "Internal Error"))
+        return retVal;
+    e.productUnregisterResources(stagingKey);
+    McHandle<ResourceProduct> stagingProduct(new ResourceProduct);
+    stagingProduct->nameSet(stagingKey);
+    McHandle<ResourceFileDirectory> stagingRoot(new ResourceFileDirectory(*root));
+    stagingRoot->nameSet(staging);
+    stagingProduct->applicationDirectorySet(stagingRoot);
+    QHash<const Resource*, McHandle<ResourceFileDirectory>> copies;
+    copies.insert(root.ptr(), stagingRoot);
+    McDArray<McHandle<Resource>> resources;
+    e.productResources(mProductKey, resources);
+    // Folders before what they hold: walked again until no more can be placed.
+    QList<const Resource*> pending;
+    for (int64_t i = 0; i < resources.size(); ++i)
+        if (dynamic_cast<const ResourceFileDirectory*>(resources[i].ptr()) ||
+            dynamic_cast<const ResourceFileEntry*>(resources[i].ptr()))
+            pending << resources[i].ptr();
+    for (bool placed = true; placed;)
+    {
+        placed = false;
+        for (auto it = pending.begin(); it != pending.end();)
+        {
+            const Resource* r = *it;
+            const ResourceFileDirectory* dir = dynamic_cast<const ResourceFileDirectory*>(r);
+            const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(r);
+            const McHandle<ResourceFileDirectory> container = dir ? dir->container() : entry->container();
+            if (copies.contains(r) || container.isNull() || !copies.contains(container.ptr()))
+            {
+                it = copies.contains(r) || container.isNull() ? pending.erase(it) : it + 1;
+                continue;
+            }
+            if (dir)
+            {
+                McHandle<ResourceFileDirectory> copy(new ResourceFileDirectory(*dir));
+                copy->containerSet(copies.value(container.ptr()));
+                copies.insert(r, copy);
+            }
+            else
+            {
+                McHandle<ResourceFileEntry> copy(new ResourceFileEntry(*entry));
+                copy->containerSet(copies.value(container.ptr()));
+            }
+            it = pending.erase(it);
+            placed = true;
+        }
+    }
+
+    note(QStringLiteral("update: staging the new version in '%1'").arg(staging));
+    cacheSeed();
+    retVal << e.productInstall(stagingKey, false);
+    if (retVal.isOk())
+        retVal << e.productVerify(stagingKey);
+    e.productUnregisterResources(stagingKey);
+    if (retVal.isBad())
+    {
+        if (QFileInfo::exists(staging))
+            QxBase::File::removeDir(staging, true, {}, {});
+        MC_CHECK(retVal, false, QStringLiteral("the new version could not be staged in '%1'").arg(staging));
+    }
+    return retVal;
+}
+
+McResult ClientDeployment::exchange()
+{
+    McResult retVal;
+    bool atomic = false;
+    const KsPlatform::Status s = KsPlatform::FolderSwap::exchange(local(mApplicationDir), local(stagingDir()),
+                                                                  local(exchangeJournal(mApplicationDir)), atomic);
+    if (MC_CHECK_DETAIL(retVal, s.isOk(),
+                        QStringLiteral("cannot exchange '%1' and '%2'").arg(mApplicationDir, stagingDir()), s.text))
+        return retVal;
+    note(QStringLiteral("update: exchanged '%1' and '%2'%3")
+             .arg(mApplicationDir, stagingDir(), atomic ? QString() : QStringLiteral(" (journaled renames)")));
+    return retVal;
+}
+
+McResult ClientDeployment::clientStart(bool inWatch)
+{
+    McResult retVal;
+    KsPlatform::ProcessStart start;
+    const QFileInfo program(mClientExecutable);
+    start.program = local(program.absoluteFilePath());
+    start.workingDirectory = local(program.absolutePath());
+    for (const QString& a : mClientArguments)
+        start.arguments.push_back(local(a));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const QString& entry : mClientEnvironment)
+    {
+        const int eq = entry.indexOf(QLatin1Char('='));
+        if (eq > 0)
+            environment.insert(entry.left(eq), entry.mid(eq + 1));
+    }
+    for (const QString& entry : environment.toStringList())
+        start.environment.push_back(local(entry));
+
+    if (!inWatch)
+    {
+        KsPlatform::Process process;
+        const KsPlatform::Status s = process.start(start, false);
+        MC_CHECK_DETAIL(retVal, s.isOk(), QStringLiteral("cannot start the client '%1'").arg(mClientExecutable),
+                        s.text);
+        if (s.isOk())
+            note(QStringLiteral("update: started '%1' (pid %2)").arg(mClientExecutable).arg(process.processId()));
+        return retVal;
+    }
+    KsPlatform::ProcessWatch::StartOutcome outcome;
+    const KsPlatform::Status s = KsPlatform::ProcessWatch::startWatched(start, mStartWatchMs, outcome);
+    if (MC_CHECK_DETAIL(retVal, s.isOk(), QStringLiteral("cannot start the client '%1'").arg(mClientExecutable),
+                        s.text))
+        return retVal;
+    MC_CHECK_DETAIL(retVal, !outcome.failed(),
+                    QStringLiteral("the new client failed to start: '%1' ended with status %2 within %3 ms")
+                        .arg(mClientExecutable)
+                        .arg(outcome.exitCode)
+                        .arg(mStartWatchMs),
+                    local(QStringLiteral("%1: the previous version is put back").arg(mApplicationDir)));
+    if (retVal.isOk())
+        note(QStringLiteral("update: started '%1' (pid %2)").arg(mClientExecutable).arg(outcome.pid));
+    return retVal;
+}
+
+McResult ClientDeployment::failed(McResult inResult, Outcome inOutcome)
+{
+    mOutcome = inOutcome;
+    note(inOutcome == Outcome::RolledBack ? QStringLiteral("update: failed; the previous version was put back")
+                                          : QStringLiteral("update: failed; nothing was changed"),
+         McLogLevelError);
+    if (mFailureHandling)
+    {
+        Engine::instance().progress().reportUpdateFailure();
+        if (QFileInfo(mClientExecutable).isFile())
+            inResult << clientStart(false);
+    }
+    return inResult;
+}
+
+McResult ClientDeployment::run()
+{
+    McResult retVal;
+    const QDateTime started = QDateTime::currentDateTime();
+    mStarted = started;
+    mListOfNote.clear();
+    mRecordPath =
+        mWorkDir.isEmpty()
+            ? QString()
+            : QStringLiteral("%1/update-%2.log").arg(mWorkDir, started.toString(QStringLiteral("yyyyMMdd-HHmmss-zzz")));
+    if (mParentPid > 0)
+    {
+        bool ended = false;
+        KsPlatform::ProcessWatch::waitForEnd(mParentPid, mParentTimeoutMs, ended);
+        if (MC_CHECK(retVal, ended,
+                     QStringLiteral("the program that started the update did not end (pid %1)").arg(mParentPid)))
+        {
+            retVal = failed(retVal, Outcome::Unchanged);
+            recordWrite();
+            return retVal;
+        }
+    }
+    retVal << checkInputs();
+    if (retVal.isOk())
+        retVal << recoverInterrupted(mApplicationDir);
+    if (retVal.isOk())
+        retVal << waitUntilNotInUse();
+    if (retVal.isOk())
+        retVal << stage();
+    // Programs may have started while the new version was staged.
+    if (retVal.isOk())
+        retVal << waitUntilNotInUse();
+    if (retVal.isOk())
+        retVal << exchange();
+    if (retVal.isBad())
+    {
+        retVal = failed(retVal, Outcome::Unchanged);
+        freeResources();
+        recordWrite();
+        return retVal;
+    }
+
+    const McResult startedNew = clientStart(true);
+    if (startedNew.isBad())
+    {
+        retVal << startedNew;
+        const McResult back = exchange();
+        retVal << back;
+        retVal = failed(retVal, back.isOk() ? Outcome::RolledBack : Outcome::Updated);
+        freeResources();
+        recordWrite();
+        return retVal;
+    }
+
+    // The old version is kept as the previous one until the next update has worked.
+    const QString previous = previousDir();
+    if (QFileInfo::exists(previous) || QFileInfo(previous).isSymLink())
+        QxBase::File::removeDir(previous, true, {}, {});
+    if (QDir().rename(stagingDir(), previous))
+        note(QStringLiteral("update: the previous version is kept in '%1'").arg(previous));
+    mOutcome = Outcome::Updated;
+    note(QStringLiteral("update: done"));
+    freeResources();
+    recordWrite();
+    return retVal;
+}
+
+QStringList ClientDeployment::freeResources()
+{
+    QStringList removed;
+    // Staging folders of updates that did not get as far as the end.
+    if (!mApplicationDir.isEmpty())
+    {
+        const QFileInfo app(QDir::cleanPath(mApplicationDir));
+        const QFileInfoList leftovers =
+            app.dir().entryInfoList(QStringList(app.fileName() + QStringLiteral(".staging*")),
+                                    QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+        for (const QFileInfo& fi : leftovers)
+        {
+            const McResult r = fi.isDir() && !fi.isSymLink() ? QxBase::File::removeDir(fi.filePath(), true, {}, {})
+                                                             : QxBase::File::removeFile(fi.filePath());
+            if (r.isOk())
+                removed << fi.filePath();
+        }
+    }
+    // Records of earlier updates: this run's stay.
+    if (!mWorkDir.isEmpty())
+    {
+        const QFileInfoList records = QDir(mWorkDir).entryInfoList({QStringLiteral("*.log"), QStringLiteral("*.xml")},
+                                                                   QDir::Files | QDir::Hidden | QDir::System);
+        for (const QFileInfo& fi : records)
+            if ((!mStarted.isValid() || fi.lastModified() < mStarted) &&
+                QxBase::File::removeFile(fi.absoluteFilePath()).isOk())
+                removed << fi.absoluteFilePath();
+    }
+    for (const QString& path : removed)
+        note(QStringLiteral("removed: %1").arg(path));
+    return removed;
+}
+
+void ClientDeployment::recordWrite()
+{
+    if (mRecordPath.isEmpty() || !QDir().mkpath(mWorkDir))
+        return;
+    QFile file(mRecordPath);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Append))
+        QxBase::File::writeAll(file, (mListOfNote.join(QLatin1Char('\n')) + QLatin1Char('\n')).toLocal8Bit());
+}
+}

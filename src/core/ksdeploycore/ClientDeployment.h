@@ -1,0 +1,115 @@
+#pragma once
+#include "KsGlobal.h"
+
+#include <QDateTime>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+namespace KsDeploy
+{
+// The update of an installed client, done by an engine that runs from outside the client's
+// folder: wait for the engine that started it, make sure no program holds the folder, install the
+// new version into a staging folder beside it (unchanged files from the old folder, never the
+// network again), verify it, exchange the two folders in one step, and start the new client. A
+// client that fails at once is replaced by the old one again. Until the exchange nothing in the
+// application folder changes; a kill at any moment leaves one whole version there (the exchange's
+// journal is finished or undone by recoverInterrupted at the next start).
+class ClientDeployment
+{
+public:
+    enum class Outcome
+    {
+        NotRun,
+        Updated,     // the new version is in place and its client started
+        Unchanged,   // failed before the exchange: the old version is as it was, its client started
+        RolledBack,  // the new client failed its start: the old version is back and started
+    };
+    // Asked with the programs that hold the application folder ("name (pid N)" each): true to look
+    // again, false to give up. Without one, programs in the way fail the update at once.
+    typedef std::function<bool(const QStringList& inPrograms)> InUseQuestion;
+
+    ClientDeployment();
+
+    // The installed client's folder; the product's "Application" folder must resolve to it.
+    void applicationDirSet(const QString& inPath) { mApplicationDir = inPath; }
+    // The product, already in the resource pool, and the configuration key that holds the
+    // application folder's name ("DIR_APPLICATION"): it names the staging folder while staging.
+    void productKeySet(const QString& inKey) { mProductKey = inKey; }
+    void applicationKeySet(const QString& inKey) { mApplicationKey = inKey; }
+    // The client program (a path inside the application folder) and how it is started; the
+    // environment entries ("KEY=value") are added to this process's own environment.
+    void clientSet(const QString& inExecutable, const QStringList& inArguments, const QStringList& inEnvironment);
+    // The process to wait for before anything is looked at (0: none), and for how long.
+    void parentPidSet(qint64 inPid, int inTimeoutMs = 60000)
+    {
+        mParentPid = inPid;
+        mParentTimeoutMs = inTimeoutMs;
+    }
+    // A new client that ends with a failure within this time counts as a failed start.
+    void startWatchMsSet(int inMs) { mStartWatchMs = inMs; }
+    void inUseQuestionSet(const InUseQuestion& inQuestion) { mInUseQuestion = inQuestion; }
+    // Where the update keeps its record ("update-<time>.log") and where earlier updates' "*.log"
+    // and "*.xml" files are cleared away; empty: no record.
+    void workDirSet(const QString& inPath) { mWorkDir = inPath; }
+    // Whether a failure starts the old client and tells the user (reportUpdateFailure); on by
+    // default, as the caller ends once the deployment has run.
+    void failureHandlingSet(bool inOn) { mFailureHandling = inOn; }
+
+    // The whole update. Bad when the new version is not in place and running (see outcome()).
+    McResult run();
+    Outcome outcome() const { return mOutcome; }
+
+    // The steps of run(), usable alone.
+    // The programs (other than this one) holding the application folder, as "name (pid N)".
+    McResult programsInUse(QStringList& outPrograms) const;
+    // Asks inUseQuestion until the folder is free; fails with the list when there is no one to ask
+    // or the answer is to give up.
+    McResult waitUntilNotInUse();
+    // Installs and verifies the product in the staging folder; on failure nothing of it is left.
+    McResult stage();
+    // Removes what earlier updates left: staging folders beside the application folder and the
+    // "*.log" and "*.xml" files of the work folder (not this run's). Returns what it removed.
+    QStringList freeResources();
+
+    QString stagingDir() const { return mApplicationDir + QStringLiteral(".staging"); }
+    QString previousDir() const { return mApplicationDir + QStringLiteral(".previous"); }
+    static QString exchangeJournal(const QString& inApplicationDir)
+    {
+        return inApplicationDir + QStringLiteral(".exchange");
+    }
+    // Finishes or undoes a folder exchange that a killed deployment left half done. Run at every
+    // start of the client's engine before the application folder is used.
+    static McResult recoverInterrupted(const QString& inApplicationDir);
+
+private:
+    McResult checkInputs();
+    // Copies files the new version shares with the installed one into the cache.
+    void cacheSeed();
+    McResult exchange();
+    // Starts the client now in the application folder; with inWatch, a failed start is bad.
+    McResult clientStart(bool inWatch);
+    McResult failed(McResult inResult, Outcome inOutcome);
+    void note(const QString& inText, McLogLevel inLevel = McLogLevelInfo);
+    void recordWrite();
+
+    QString mApplicationDir;
+    QString mProductKey;
+    QString mApplicationKey = QStringLiteral("DIR_APPLICATION");
+    QString mClientExecutable;
+    QStringList mClientArguments;
+    QStringList mClientEnvironment;
+    qint64 mParentPid = 0;
+    int mParentTimeoutMs = 60000;
+    int mStartWatchMs = 10000;
+    InUseQuestion mInUseQuestion;
+    QString mWorkDir;
+    bool mFailureHandling = true;
+    Outcome mOutcome = Outcome::NotRun;
+    QStringList mListOfNote;
+    QString mRecordPath;
+    // Records written since this run began are its own, not earlier updates'.
+    QDateTime mStarted;
+};
+}
