@@ -61,6 +61,10 @@
 <context>
     <name>KsDeploy::PluginKestraClient</name>
     <message>
+        <source>Starting %1</source>
+        <translation>Starting %1</translation>
+    </message>
+    <message>
         <source>Configuration error.</source>
         <translation>Configuration error.</translation>
     </message>

@@ -315,8 +315,10 @@ void PluginKestraClient::translationsLoad() const
     for (const QString& file : files)
     {
         const QString path = folder + file;
+        // QTranslator::load falls back to shorter names ("kestra_xx.qm" -> "kestra.qm"): a missing
+        // file must be reported as missing, not silently replaced by the source-language catalog.
         auto* translator = new QTranslator(QCoreApplication::instance());
-        if (!translator->load(path))
+        if (!QFileInfo::exists(path) || !translator->load(path))
         {
             getTheLogInstance().tracef(McLogLevelWarning, "KsDeploy", "Failed to load Qt translation file %s",
                                        QFile::encodeName(path).constData());
