@@ -379,6 +379,18 @@ class VersionBoxTest(ClientCase):
         self.assertEqual(0, proc.wait(timeout=60), self.output())
         self.assertNotIn("error", self.output())
 
+    def test_yes_to_the_optional_offer_updates_after_the_client_started(self):
+        self.update_ini(VersionCheckTest.OPTIONAL)
+        proc = self.start()
+        wait_for(lambda: os.path.exists(self.report), "the client's report")
+        self.press("^Kestra Auto-Update$", "Return", proc)
+        # The update came after the start; its failure is told, the run itself succeeded.
+        wait_for(lambda: self.box("^ksdeploy$"), "the update's failure notice")
+        self.press("^ksdeploy$", "Return", proc)
+        self.press("^Kestra Imaging$", "Escape", proc)
+        self.assertEqual(0, proc.wait(timeout=60), self.output())
+        self.assertNotIn("error", self.output())
+
     def test_a_mandatory_update_answered_yes_replaces_the_client_start(self):
         self.update_ini(VersionCheckTest.MANDATORY)
         proc = self.start()
