@@ -119,7 +119,8 @@ TEST_F(PluginKestraClientTest, ABrokenUpdateIniIsRefusedWholeWithItsLine)
         const char* text;
         const char* detail;
     } cases[] = {
-        {"Product=K\nVersionOfClientRecommended\n", "update.ini, line 2: not a Key=Value line: VersionOfClientRecommended"},
+        {"Product=K\nVersionOfClientRecommended\n",
+         "update.ini, line 2: not a Key=Value line: VersionOfClientRecommended"},
         {"=2.0\n", "update.ini, line 1: not a Key=Value line: =2.0"},
         {"Product=K\n# x\nVersion=2\n", "update.ini, line 3: unknown key 'Version'"},
         {"VersionOfClientCurrent=1.0.0.0\n", "update.ini, line 1: unknown key 'VersionOfClientCurrent'"},
@@ -150,12 +151,12 @@ TEST_F(PluginKestraClientTest, TheLaunchersStartPairIsReplacedAndItsProgramNever
 {
     const QString creds = QStringLiteral("bob:%1@srv").arg(sPassword);
     auto args = [](const QStringList& inCollected) {
-        return PluginKestraClient::clientArguments(inCollected, QStringLiteral("bob"), sPassword, QStringLiteral("srv"));
+        return PluginKestraClient::clientArguments(inCollected, QStringLiteral("bob"), sPassword,
+                                                   QStringLiteral("srv"));
     };
     EXPECT_EQ((QStringList{"--start", creds}), args({}));
     EXPECT_EQ((QStringList{"--start", creds}), args({"/opt/ksweblaunch.exe"}));
-    EXPECT_EQ((QStringList{"--opt", "--start", creds}),
-              args({"/opt/ksweblaunch.exe", "--start", "old:pw@x", "--opt"}));
+    EXPECT_EQ((QStringList{"--opt", "--start", creds}), args({"/opt/ksweblaunch.exe", "--start", "old:pw@x", "--opt"}));
     EXPECT_EQ((QStringList{"a b", "--start", creds}), args({"prog", "a b", "--start"}));
     EXPECT_EQ((QStringList{"x", "y", "--start", creds}), args({"prog", "--start", "--start", "x", "y"}));
     EXPECT_EQ((QStringList{"--start", ":@"}),
@@ -222,7 +223,8 @@ TEST_F(PluginKestraClientTest, ActivationStartsTheClientAndNeverLogsThePassword)
                                              "printf '%s\\n' \"$KSCLIENT_COLOR\" >> \"$KSCLIENT_REPORT.part\"\n"
                                              "mv \"$KSCLIENT_REPORT.part\" \"$KSCLIENT_REPORT\" 2>/dev/null || "
                                              "cat \"$KSCLIENT_REPORT.part\" > \"$KSCLIENT_REPORT\"\n");
-    QFile(app + "/ksclient.exe").setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    QFile(app + "/ksclient.exe")
+        .setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     KsTest::writeFile(dir.path() + "/www/product.xml",
                       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Deploy>\n"
                       "<ResourceFileDirectory UUID=\"{f3367421-1bcd-4b0a-91a5-c0d5809ca780}\" Absence=\"false\" "

@@ -134,6 +134,19 @@ class ActivationTest(ClientCase):
         self.assertIn("KSCLIENT_COLOR=blue", report["env"])
         self.assertNotIn("KSCLIENT_LOST=1", report["env"])
 
+    def test_a_run_from_a_sandbox_has_that_sandbox_removed_by_the_next_start(self):
+        sandbox = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Sandboxes",
+                               "{0b5c1c1e-7a2d-4c3e-9f00-1234567890ab}")
+        os.makedirs(sandbox)
+        shutil.copy2(ksharness.BIN, sandbox)
+        r = self.launch(env={"KSDEPLOY": os.path.join(sandbox, "ksdeploy")})
+        self.assertOk(r)
+        self.assertIsNotNone(self.client_report())
+        # The copy was in use: it goes at the next start, not at once.
+        self.assertTrue(os.path.isdir(sandbox))
+        self.assertOk(self.run_ks("--flags", "quiet=true", "--help", "command=plugin"))
+        self.assertFalse(os.path.exists(sandbox))
+
     def test_a_plugin_name_in_another_case_is_no_plugin(self):
         r = self.run_ks("--flags", "quiet=true", "--plugin", "name=kestraclient")
         self.assertFails(r)
@@ -363,6 +376,18 @@ class VersionBoxTest(ClientCase):
         self.assertIsNone(proc.poll(), "the offer was not kept up")
         # No (Escape) closes it; nothing is updated.
         self.press("^Kestra Auto-Update$", "Escape", proc)
+        self.assertEqual(0, proc.wait(timeout=60), self.output())
+        self.assertNotIn("error", self.output())
+
+    def test_yes_to_the_optional_offer_updates_after_the_client_started(self):
+        self.update_ini(VersionCheckTest.OPTIONAL)
+        proc = self.start()
+        wait_for(lambda: os.path.exists(self.report), "the client's report")
+        self.press("^Kestra Auto-Update$", "Return", proc)
+        # The update came after the start; its failure is told, the run itself succeeded.
+        wait_for(lambda: self.box("^ksdeploy$"), "the update's failure notice")
+        self.press("^ksdeploy$", "Return", proc)
+        self.press("^Kestra Imaging$", "Escape", proc)
         self.assertEqual(0, proc.wait(timeout=60), self.output())
         self.assertNotIn("error", self.output())
 

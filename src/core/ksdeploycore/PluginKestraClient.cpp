@@ -97,8 +97,7 @@ void consoleWrite(const QString& inText)
 // standard input the user types it; without one the default button answers, so that machines
 // nobody sits at update by themselves.
 QMessageBox::StandardButton consoleAsk(const QString& inTitle, const QString& inText,
-                                       QMessageBox::StandardButtons inButtons,
-                                       QMessageBox::StandardButton inDefault)
+                                       QMessageBox::StandardButtons inButtons, QMessageBox::StandardButton inDefault)
 {
     consoleWrite(inTitle + QLatin1Char('\n') + inText + QLatin1Char('\n'));
     if (!(inButtons & QMessageBox::Yes))
@@ -460,8 +459,9 @@ QString PluginKestraClient::updateQuestionText(bool inOptional, bool inImpossibl
                   QLatin1Char('\n') + tr("Recommended client version: %1").arg(recommended));
     const QString supported = reply.value(QStringLiteral("VersionsOfClientSupportedByServer"));
     if (!supported.isEmpty())
-        blocks.append(tr("Protocol version of client: %1").arg(reply.value(QStringLiteral("VersionOfProtocolCurrent"))) +
-                      QLatin1Char('\n') + tr("Protocol version of server: %1").arg(supported));
+        blocks.append(
+            tr("Protocol version of client: %1").arg(reply.value(QStringLiteral("VersionOfProtocolCurrent"))) +
+            QLatin1Char('\n') + tr("Protocol version of server: %1").arg(supported));
     if (!inImpossible)
         blocks.append(tr("Do you want to update your client to version %1?").arg(recommended));
     return blocks.join(QStringLiteral("\n\n"));
@@ -521,7 +521,8 @@ bool PluginKestraClient::askUserIfHeWantsToUpdate()
         box->setWindowModality(Qt::WindowModal);
         connect(box, &QMessageBox::buttonClicked, this, [this, box](QAbstractButton* inButton) {
             if (box->standardButton(inButton) == QMessageBox::Yes)
-                QMetaObject::invokeMethod(this, [this]() { deploy(); }, Qt::QueuedConnection);
+                QMetaObject::invokeMethod(
+                    this, [this]() { deploy(); }, Qt::QueuedConnection);
         });
         box->show();
         box->raise();
@@ -547,10 +548,10 @@ QString PluginKestraClient::ksweblaunchExePath()
 {
     Engine& e = Engine::instance();
     const Configuration& config = e.configuration();
-    const QString application = QStringList{config.value(QStringLiteral("DIR_TARGET")),
-                                            config.value(QStringLiteral("DIR_VENDOR")),
-                                            config.value(QStringLiteral("DIR_APPLICATION"))}
-                                    .join(QLatin1Char('/'));
+    const QString application =
+        QStringList{config.value(QStringLiteral("DIR_TARGET")), config.value(QStringLiteral("DIR_VENDOR")),
+                    config.value(QStringLiteral("DIR_APPLICATION"))}
+            .join(QLatin1Char('/'));
     McHandle<ResourceFileDirectory> root;
     McDArray<McHandle<Resource>> found;
     QString retVal;
