@@ -78,19 +78,15 @@ client_pub="$demo/publish/client"
 client_base="${KSDEPLOY_DEMO_URL:-file://$demo/publish}/client"
 mkdir -p "$client_pub"
 
-# Publishes the client build folder as version $1: with the build-system plugin when this ksdeploy
-# has it, else as a plain folder description with the same layout.
+# Publishes the client build folder as version $1 with the build-system plugin; extra arguments go
+# to --generateProductXML (e.g. updateini=true).
 publish_client() {
-  printf '%s\n' "$1" > "$client_out/ksclient.version"
-  if "$ks" --flags quiet=true --plugin name=KestraClientBuildSystem >/dev/null 2>&1; then
-    run "$ks" --flags quiet=true --plugin name=KestraClientBuildSystem \
-      --generate type=directory path="$client_out" \
-      --generateProductXML dir="$client_out" version="$1" target="$client_pub/product.xml"
-  else
-    run "$ks" --flags quiet=true \
-      --generate type=directory path="$client_out" 'name=${DIR_TARGET}/${DIR_VENDOR}/${DIR_APPLICATION}' \
-      product=KestraClient --save target="$client_pub/product.xml" compress=true
-  fi
+  local version="$1"; shift
+  printf '%s\n' "$version" > "$client_out/ksclient.version"
+  run "$ks" --flags quiet=true --generate type=directory path="$client_out" \
+    --plugin name=KestraClientBuildSystem \
+    --generateProductXML name=KestraClient "displayname=Kestra Demo" version="$version" \
+      file="$client_pub/product.xml" compress=true deployer="$ks" "$@"
   run "$ks" --flags quiet=true \
     --cache action=precache dir="$client_out" compress=true targetdir="$client_pub/items"
 }
@@ -120,9 +116,8 @@ echo "what the client was started with (password masked):"
 sed 's/demo-secret/******/' "$KSCLIENT_REPORT"
 
 step "12. Publish version 2.0.0.0 with an update.ini that recommends it, and launch again"
-publish_client 2.0.0.0
-printf '%s\n' '# what the server answers every client' 'Product=Kestra Demo' 'UpdateIsOptional=1' \
-  'VersionOfClientRecommended=2.0.0.0' 'UpdateMessage=Version 2 starts faster.' > "$client_pub/update.ini"
+publish_client 2.0.0.0 previous="$client_pub/product.xml" updateini=true \
+  "message=Version 2 starts faster."
 cat "$client_pub/update.ini"
 rm -f "$KSCLIENT_REPORT"
 # Without a terminal the default answer (Yes) is taken: the installed client starts, then the update
