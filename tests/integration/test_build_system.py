@@ -180,7 +180,9 @@ class BadInputTest(BuildSystemCase):
         self.assertFalse(os.path.exists(self.path("publish/product.xml.lzma")))
 
     def test_bad_attributes_fail_clearly_and_write_nothing(self):
-        self.write("broken.xml", self.read("v1.xml")[:300])
+        v1 = self.read("v1.xml")
+        self.write("broken.xml", v1[:v1.index(b"<ResourceRegistryKey")])
+        self.write("empty.xml", b"<?xml version='1.0'?>\n<Deploy/>\n")
         os.makedirs(self.path("adir"))
         cases = [
             (["version=1.2.3"], "invalid version '1.2.3'"),
@@ -191,8 +193,10 @@ class BadInputTest(BuildSystemCase):
             (["version="], "invalid version ''"),
             (["version=1.2.3.4", "previous=missing.xml"], "previous description 'missing.xml' cannot be read"),
             (["version=1.2.3.4", "previous=adir"], "previous description 'adir' cannot be read"),
-            (["version=1.2.3.4", "previous=broken.xml"], "broken.xml"),
-            (["version=1.2.3.4", "previous=build/read me.txt"], "holds no product 'KestraClient'"),
+            # Cut off after the product and its application folder: still refused whole.
+            (["version=1.2.3.4", "previous=broken.xml"], "previous description 'broken.xml' is not a whole XML"),
+            (["version=1.2.3.4", "previous=build/read me.txt"], "'build/read me.txt' is not a whole XML document"),
+            (["version=1.2.3.4", "previous=empty.xml"], "'empty.xml' holds no product 'KestraClient'"),
             (["version=1.2.3.4", "optional=yes"], "invalid value 'yes' of attribute 'optional'"),
             (["version=1.2.3.4", "message=two\nlines"], "invalid message"),
             (["version=1.2.3.4", "name=a/b"], "invalid product name 'a/b'"),

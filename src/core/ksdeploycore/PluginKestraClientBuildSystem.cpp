@@ -18,6 +18,7 @@
 #include <QSaveFile>
 #include <QSet>
 #include <QTemporaryFile>
+#include <QXmlStreamReader>
 
 #include <cerrno>
 #include <unistd.h>
@@ -273,6 +274,29 @@ McResult findOne(const Tree& inTree, const QString& inName, McHandle<ResourceFil
     return retVal;
 }
 
+// The reader keeps what it read before an error, so a cut-off description would look like one
+// with fewer files: the whole document is checked first.
+McResult wellFormed(const QString& inPath, const QString& inShownName)
+{
+    McResult retVal;
+    QFile file(inPath);
+    if (MC_CHECK_DETAIL(retVal, file.open(QIODevice::ReadOnly),
+                        QStringLiteral("previous description '%1' cannot be read").arg(inShownName),
+                        mcMessageText(QStringLiteral("%1: %2").arg(inShownName, file.errorString()))))
+        return retVal;
+    QXmlStreamReader reader(&file);
+    while (!reader.atEnd() && !reader.hasError())
+        if (reader.readNext() == QXmlStreamReader::DTD)
+            reader.raiseError(QStringLiteral("document type declarations are not read"));
+    MC_CHECK_DETAIL(retVal, !reader.hasError(),
+                    QStringLiteral("previous description '%1' is not a whole XML document").arg(inShownName),
+                    mcMessageText(QStringLiteral("%1: line %2: %3")
+                                      .arg(inShownName)
+                                      .arg(reader.lineNumber())
+                                      .arg(reader.errorString())));
+    return retVal;
+}
+
 // Every file the previous description had below its application folder, absent ones included,
 // so that a client that skipped a version still loses what that version dropped. The loaded
 // resources leave the pool again on every path.
@@ -299,6 +323,10 @@ McResult previousFiles(const QString& inSource, const QString& inProductName, QS
                             McLib::osDetail(mcMessageText(path), info.exists() ? EISDIR : ENOENT)))
             return retVal;
     }
+
+    retVal << wellFormed(path, inSource);
+    if (retVal.isBad())
+        return retVal;
 
     McDArray<McHandle<Resource>> loaded;
     XmlSerializer serializer;
