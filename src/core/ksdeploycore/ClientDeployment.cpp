@@ -181,12 +181,13 @@ McResult ClientDeployment::stage()
     Engine& e = Engine::instance();
     const QString staging = stagingDir();
     const QString stagingKey = stagingKeyOf(mProductKey);
-    if (QFileInfo::exists(staging) || QFileInfo(staging).isSymLink())
-    {
+    // Whatever an earlier update left under the name goes; a link is removed, never followed.
+    if (QFileInfo(staging).isSymLink() || QFileInfo(staging).isFile())
+        retVal << QxBase::File::removeFile(staging);
+    else if (QFileInfo::exists(staging))
         retVal << QxBase::File::removeDir(staging, true, {}, {});
-        if (retVal.isBad())
-            return retVal;
-    }
+    if (retVal.isBad())
+        return retVal;
 
     // The application folder's part of the product, copied with the staging folder as its root.
     const McHandle<ResourceProduct> product = e.productResource(mProductKey);
@@ -385,10 +386,14 @@ McResult ClientDeployment::run()
 
     // The old version is kept as the previous one until the next update has worked.
     const QString previous = previousDir();
-    if (QFileInfo::exists(previous) || QFileInfo(previous).isSymLink())
+    if (QFileInfo(previous).isSymLink() || QFileInfo(previous).isFile())
+        QxBase::File::removeFile(previous);
+    else if (QFileInfo::exists(previous))
         QxBase::File::removeDir(previous, true, {}, {});
     if (QDir().rename(stagingDir(), previous))
         note(QStringLiteral("update: the previous version is kept in '%1'").arg(previous));
+    else
+        note(QStringLiteral("update: the previous version could not be kept in '%1'").arg(previous), McLogLevelWarning);
     mOutcome = Outcome::Updated;
     note(QStringLiteral("update: done"));
     freeResources();
