@@ -148,6 +148,11 @@ private:
     // What every start does before the command line: changes that a dead process left half
     // done are rolled back, and temporary files it left in the cache are removed.
     void startRecover();
+    // The opening of every product operation: the product of inKey ("Internal Error" when there
+    // is none) and the resources collected from it; with inPlan also every name resolved and
+    // every path checked, before anything is touched.
+    McResult productOpen(const QString& inKey, bool inPlan, McHandle<ResourceProduct>& outProduct,
+                         McDArray<McHandle<Resource>>& outResources) const;
     // Called by the install and uninstall loops: true (and the result bad) once a signal asked
     // to stop.
     bool productInterrupted(McResult& inoutResult, const QString& inOperation);

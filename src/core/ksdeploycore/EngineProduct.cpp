@@ -82,16 +82,14 @@ namespace
 // Plan first, then act: every name of the product resolved and every path checked, before a
 // plugin is asked, a snapshot taken, a byte downloaded or a file touched. Stops at the first
 // refusal, so a forgotten value is one report, not one per file.
-McResult productPlan(const Engine& inEngine, const QString& inKey)
+McResult productPlan(const McDArray<McHandle<Resource>>& inResources)
 {
     McResult retVal;
-    McDArray<McHandle<Resource>> all;
-    inEngine.productResources(inKey, all);
     // Names first: a path built on an unresolved folder would fail once for each file in it.
-    for (int64_t i = 0; i < all.size() && retVal.isOk(); ++i)
-        retVal << all[i]->nameResolvableCheck();
-    for (int64_t i = 0; i < all.size() && retVal.isOk(); ++i)
-        retVal << all[i]->pathCheck();
+    for (int64_t i = 0; i < inResources.size() && retVal.isOk(); ++i)
+        retVal << inResources[i]->nameResolvableCheck();
+    for (int64_t i = 0; i < inResources.size() && retVal.isOk(); ++i)
+        retVal << inResources[i]->pathCheck();
     return retVal;
 }
 }
@@ -144,6 +142,21 @@ void Engine::productResources(const QString& inKey, McDArray<McHandle<Resource>>
     }
 }
 
+McResult Engine::productOpen(const QString& inKey, bool inPlan, McHandle<ResourceProduct>& outProduct,
+                             McDArray<McHandle<Resource>>& outResources) const
+{
+    McResult retVal;
+    outResources.clear();
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    outProduct = resProduct;
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    productResources(inKey, outResources);
+    if (inPlan)
+        retVal << productPlan(outResources);
+    return retVal;
+}
+
 bool Engine::productInterrupted(McResult& inoutResult, const QString& inOperation)
 {
     if (KsPlatform::InterruptSignals::pending() == 0)
@@ -168,10 +181,9 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
     }
     // All registry changes of the operation land in one store transaction, or none of them.
     RegistryTransaction registryChanges;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
-    if (!inRollbackMode && (retVal << productPlan(*this, inKey)).isBad())
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, !inRollbackMode, resProduct, all)).isBad())
         return retVal;
 
     if (!inRollbackMode)
@@ -183,11 +195,8 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
             retVal << productTransactionBegin(inKey);
     }
 
-    McDArray<McHandle<Resource>> all;
     if (retVal.isOk())
     {
-        productResources(inKey, all);
-
         progress().taskStartNext(tr("Download"));
         std::vector<ResourceFileEntry*> entries;
         for (int64_t i = 0; i < all.size(); ++i)
@@ -379,17 +388,14 @@ McResult Engine::productUninstall(const QString& inKey)
     mRollbackIncomplete = false;
     mOperationRunning = QStringLiteral("uninstall");
     RegistryTransaction registryChanges;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
-    if ((retVal << productPlan(*this, inKey)).isBad())
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, true, resProduct, all)).isBad())
         return retVal;
     retVal << productTransactionBegin(inKey);
     if (retVal.isOk())
     {
         progress().taskStartNext(tr("Uninstallation"));
-        McDArray<McHandle<Resource>> all;
-        productResources(inKey, all);
         const ProductGraph graph(all);
         const size_t total = graph.nodes.size();
         // Per resource: how many pending resources still link to it.
@@ -461,14 +467,11 @@ McResult Engine::productUninstall(const QString& inKey)
 McResult Engine::productVerify(const QString& inKey)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
-    if ((retVal << productPlan(*this, inKey)).isBad())
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, true, resProduct, all)).isBad())
         return retVal;
     progress().taskStartNext(tr("Verification"));
-    McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
     const int64_t n = all.size();
     for (int64_t k = n - 1, i = 1; k >= 0; --k, ++i)
     {
@@ -482,12 +485,11 @@ McResult Engine::productVerify(const QString& inKey)
 McResult Engine::productRescan(const QString& inKey)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, false, resProduct, all)).isBad())
         return retVal;
     progress().taskStartNext(tr("Rescan"));
-    McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
     const int64_t n = all.size();
     for (int64_t i = 0; i < n; ++i)
     {
@@ -501,11 +503,10 @@ McResult Engine::productRescan(const QString& inKey)
 McResult Engine::productPrecache(const QString& inKey, bool inCompress)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
+    McHandle<ResourceProduct> resProduct;
     McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
+    if ((retVal << productOpen(inKey, false, resProduct, all)).isBad())
+        return retVal;
     retVal << cache().retrieveFromResources(all, inCompress);
     return retVal;
 }
@@ -513,8 +514,9 @@ McResult Engine::productPrecache(const QString& inKey, bool inCompress)
 McResult Engine::productResolve(const QString& inKey, const QList<QString>& inTargetKeys)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, false, resProduct, all)).isBad())
         return retVal;
     for (const QString& targetKey : inTargetKeys)
     {
@@ -524,8 +526,6 @@ McResult Engine::productResolve(const QString& inKey, const QList<QString>& inTa
                      QStringLiteral("configuration key '%1' is not defined").arg(targetKey)))
             return retVal;
     }
-    McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
     for (const QString& targetKey : inTargetKeys)
     {
         // Every property text of the product's resources ...
