@@ -4,6 +4,7 @@
 #include "Cache.h"
 #include "Link.h"
 #include "Plugin.h"
+#include "ProductWalk.h"
 #include "Progress.h"
 #include "Property.h"
 #include "RegistryStore.h"
@@ -38,41 +39,6 @@ struct InterruptScope
     ~InterruptScope()
     {
         KsPlatform::InterruptSignals::armedSet(false);
-    }
-};
-
-// The resources of one product, with the link structure among them as indexes, so that the
-// ordering loops run in time linear in resources and links per pass.
-struct ProductGraph
-{
-    std::vector<Resource*> nodes;
-    std::vector<std::vector<int>> targets; // per node: indexes of its link targets (one per link)
-    std::vector<std::vector<int>> sources; // per node: indexes of the nodes linking to it (one per link)
-
-    explicit ProductGraph(const McDArray<McHandle<Resource>>& inResources)
-    {
-        QHash<const Resource*, int> index;
-        index.reserve(static_cast<int>(inResources.size()));
-        nodes.reserve(static_cast<size_t>(inResources.size()));
-        for (int64_t i = 0; i < inResources.size(); ++i)
-        {
-            index.insert(inResources[i].ptr(), static_cast<int>(i));
-            nodes.push_back(inResources[i].ptr());
-        }
-        targets.resize(nodes.size());
-        sources.resize(nodes.size());
-        for (size_t i = 0; i < nodes.size(); ++i)
-        {
-            const McDArray<McHandle<Link>>& links = nodes[i]->links();
-            for (int64_t l = 0; l < links.size(); ++l)
-            {
-                auto it = index.constFind(&links[l]->target());
-                if (it == index.constEnd())
-                    continue;
-                targets[i].push_back(it.value());
-                sources[static_cast<size_t>(it.value())].push_back(static_cast<int>(i));
-            }
-        }
     }
 };
 }
@@ -224,22 +190,8 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
     if (retVal.isOk() || inRollbackMode)
     {
         progress().taskStartNext(tr("Installation"));
-        const ProductGraph graph(all);
-        const size_t total = graph.nodes.size();
-        // Per resource: how many of its links still point at a pending resource.
-        std::vector<int> pendingTargets(total, 0);
-        for (size_t i = 0; i < total; ++i)
-            pendingTargets[i] = static_cast<int>(graph.targets[i].size());
-        std::vector<int> pending(total);
-        for (size_t i = 0; i < total; ++i)
-            pending[i] = static_cast<int>(i);
-        std::vector<char> done(total, 0);
-
-        auto take = [&](int inIndex) {
-            done[static_cast<size_t>(inIndex)] = 1;
-            for (int s : graph.sources[static_cast<size_t>(inIndex)])
-                --pendingTargets[static_cast<size_t>(s)];
-        };
+        const ProductWalk walk(all, ProductWalk::Order::TargetsFirst);
+        const size_t total = walk.total();
 
         // New files of a big product are written by worker threads while this one goes on; a
         // file they could not simply create is installed here again, the usual way, which also
@@ -282,63 +234,36 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         };
 
         bool stop = false;
-        while (!pending.empty() && !stop)
-        {
-            const size_t numLeft0 = pending.size();
-            size_t left = numLeft0;
-            for (size_t k = pending.size(); k-- > 0;)
+        const auto visit = [&](Resource& inResource, size_t inLeft) {
+            if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
             {
-                const int idx = pending[k];
-                if (pendingTargets[static_cast<size_t>(idx)] > 0)
-                    continue;
-                if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
-                {
-                    stop = true;
-                    break;
-                }
-                Resource* r = graph.nodes[static_cast<size_t>(idx)];
-                trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
-                const McResult one = installOne(r);
-                retVal << one;
-                if (inRollbackMode)
-                    rollbackFailureAdd(r->path(), one);
-                progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
-                take(idx);
-                --left;
-                if (one.isBad() && !inRollbackMode)
-                {
-                    stop = true;
-                    break;
-                }
+                stop = true;
+                return false;
             }
-            std::vector<int> rest;
-            rest.reserve(left);
-            for (int idx : pending)
-                if (!done[static_cast<size_t>(idx)])
-                    rest.push_back(idx);
-            pending.swap(rest);
-            if (stop)
-                break;
-            const size_t numLeft1 = pending.size();
-            if (numLeft0 > numLeft1)
-                continue;
+            trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
+            const McResult one = installOne(&inResource);
+            retVal << one;
+            if (inRollbackMode)
+                rollbackFailureAdd(inResource.path(), one);
+            progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
+            stop = one.isBad() && !inRollbackMode;
+            return !stop;
+        };
+        const auto onCycle = [&](size_t numLeft0, size_t numLeft1) {
             // The rest link to one another in a cycle.
             McResult cycle;
             MC_CHECK(cycle, numLeft0>numLeft1, "Internal Error");
             if (!inRollbackMode)
-            {
                 retVal << cycle;
-                break;
-            }
             // Rollback restores as much as it can: the last pending one goes regardless.
-            const int idx = pending.back();
-            Resource* r = graph.nodes[static_cast<size_t>(idx)];
-            trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
-            const McResult forced = r->install();
-            rollbackFailureAdd(r->path(), forced);
-            take(idx);
-            pending.pop_back();
-        }
+            return inRollbackMode;
+        };
+        const auto forced = [&](Resource& inResource, size_t) {
+            trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
+            rollbackFailureAdd(inResource.path(), inResource.install());
+            return true;
+        };
+        walk.run(visit, onCycle, forced);
         // The last files are written before anything is committed or rolled back.
         if (writers && !stop)
         {
@@ -396,57 +321,21 @@ McResult Engine::productUninstall(const QString& inKey)
     if (retVal.isOk())
     {
         progress().taskStartNext(tr("Uninstallation"));
-        const ProductGraph graph(all);
-        const size_t total = graph.nodes.size();
-        // Per resource: how many pending resources still link to it.
-        std::vector<int> pendingSources(total, 0);
-        for (size_t i = 0; i < total; ++i)
-            pendingSources[i] = static_cast<int>(graph.sources[i].size());
-        std::vector<int> pending(total);
-        for (size_t i = 0; i < total; ++i)
-            pending[i] = static_cast<int>(i);
-        std::vector<char> done(total, 0);
-        size_t left = total;
-
-        auto release = [&](int inIndex) {
-            Resource* r = graph.nodes[static_cast<size_t>(inIndex)];
-            if (r->deleteOnUninstall())
+        const ProductWalk walk(all, ProductWalk::Order::SourcesFirst);
+        const size_t total = walk.total();
+        // A cycle lets its last pending resource go regardless, so uninstall always ends.
+        const auto release = [&](Resource& inResource, size_t inLeft) {
+            if (productInterrupted(retVal, mOperationRunning))
+                return false;
+            if (inResource.deleteOnUninstall())
             {
-                trace(McLogLevelInfo, QStringLiteral("uninstall:") + r->path());
-                retVal << r->uninstall();
+                trace(McLogLevelInfo, QStringLiteral("uninstall:") + inResource.path());
+                retVal << inResource.uninstall();
             }
-            progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
-            --left;
-            done[static_cast<size_t>(inIndex)] = 1;
-            for (int t : graph.targets[static_cast<size_t>(inIndex)])
-                --pendingSources[static_cast<size_t>(t)];
+            progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
+            return true;
         };
-
-        bool stop = false;
-        while (!pending.empty() && !stop)
-        {
-            const size_t numLeft0 = pending.size();
-            for (size_t k = pending.size(); k-- > 0 && !stop;)
-            {
-                stop = productInterrupted(retVal, mOperationRunning);
-                if (!stop && pendingSources[static_cast<size_t>(pending[k])] == 0)
-                    release(pending[k]);
-            }
-            if (stop)
-                break;
-            std::vector<int> rest;
-            rest.reserve(left);
-            for (int idx : pending)
-                if (!done[static_cast<size_t>(idx)])
-                    rest.push_back(idx);
-            pending.swap(rest);
-            if (!pending.empty() && pending.size() == numLeft0)
-            {
-                // A cycle: the last pending resource goes regardless, so uninstall always ends.
-                release(pending.back());
-                pending.pop_back();
-            }
-        }
+        walk.run(release, [](size_t, size_t) { return true; }, release);
     }
     if (retVal.isOk())
         productInterrupted(retVal, mOperationRunning);
