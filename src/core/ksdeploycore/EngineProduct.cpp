@@ -2,6 +2,7 @@
 #include "Engine.h"
 
 #include "Cache.h"
+#include "FileWriter.h"
 #include "Link.h"
 #include "Plugin.h"
 #include "ProductWalk.h"
@@ -18,11 +19,7 @@
 #include <QHash>
 #include <QSet>
 
-#include <algorithm>
 #include <memory>
-#include <thread>
-
-#include <vector>
 
 using namespace KsDeploy;
 
@@ -193,46 +190,7 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         const ProductWalk walk(all, ProductWalk::Order::TargetsFirst);
         const size_t total = walk.total();
 
-        // New files of a big product are written by worker threads while this one goes on; a
-        // file they could not simply create is installed here again, the usual way, which also
-        // says why it failed. Everything else waits until the files before it are written.
-        std::unique_ptr<QxBase::FileCreateQueue> writers;
-        if (!inRollbackMode && total > 64)
-            writers.reset(new QxBase::FileCreateQueue(static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u))));
-        // Takes finished files back, waiting while more than inKeep are outstanding: a bounded
-        // backlog keeps memory small and brings a failure to light soon.
-        const auto written = [&](size_t inKeep) {
-            McResult res;
-            void* tag = nullptr;
-            QString target;
-            bool created = false;
-            QxBase::FileStamp stamp;
-            while (res.isOk() && writers->next(writers->backlog() > inKeep, tag, target, created, stamp))
-            {
-                ResourceFileEntry* entry = static_cast<ResourceFileEntry*>(tag);
-                if (created)
-                    entry->installCreated(target, stamp);
-                else
-                    res << entry->install();
-            }
-            return res;
-        };
-        const auto installOne = [&](Resource* r) {
-            QString item, target;
-            ResourceFileEntry* entry = writers ? dynamic_cast<ResourceFileEntry*>(r) : nullptr;
-            if (entry && entry->installPlan(item, target))
-            {
-                writers->add(item, target, entry);
-                return written(512);
-            }
-            McResult res;
-            if (writers && !dynamic_cast<ResourceFileDirectory*>(r))
-                res << written(0);
-            if (res.isOk())
-                res << r->install();
-            return res;
-        };
-
+        const std::unique_ptr<FileWriter> writer = FileWriter::create(total, inRollbackMode);
         bool stop = false;
         const auto visit = [&](Resource& inResource, size_t inLeft) {
             if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
@@ -241,7 +199,7 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
                 return false;
             }
             trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
-            const McResult one = installOne(&inResource);
+            const McResult one = writer->install(inResource);
             retVal << one;
             if (inRollbackMode)
                 rollbackFailureAdd(inResource.path(), one);
@@ -265,12 +223,8 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
         };
         walk.run(visit, onCycle, forced);
         // The last files are written before anything is committed or rolled back.
-        if (writers && !stop)
-        {
-            const McResult last = written(0);
-            retVal << last;
-        }
-        writers.reset();
+        if (!stop)
+            retVal << writer->finish();
     }
 
     if (!inRollbackMode)
