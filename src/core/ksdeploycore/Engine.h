@@ -23,6 +23,7 @@ class Progress;
 class Resource;
 class ResourceProduct;
 class Plugin;
+class RegistryTransaction;
 class ResourcePoolIndex;
 class TransactionJournal;
 
@@ -153,6 +154,19 @@ private:
     // every path checked, before anything is touched.
     McResult productOpen(const QString& inKey, bool inPlan, McHandle<ResourceProduct>& outProduct,
                          McDArray<McHandle<Resource>>& outResources) const;
+    // The steps of productInstall, in order, and of productUninstall (EngineProduct). Start: a
+    // change begins, nothing interrupted it, its rollback is complete. Begin: the plugins'
+    // onInstallPre, then the snapshot. End: the commit (flush, registry, journal) when the result
+    // is good, the rollback otherwise.
+    void productOperationStart(const QString& inOperation);
+    McResult productInstallBegin(const QString& inKey, const McHandle<ResourceProduct>& inProduct);
+    McResult productInstallDownload(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode);
+    McResult productInstallResources(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode);
+    McResult productInstallPlugins(const McHandle<ResourceProduct>& inProduct);
+    void productTransactionEnd(const QString& inKey, RegistryTransaction& inoutRegistryChanges,
+                               McResult& inoutResult);
+    void productInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed);
+    McResult productUninstallResources(const McDArray<McHandle<Resource>>& inResources);
     // Called by the install and uninstall loops: true (and the result bad) once a signal asked
     // to stop.
     bool productInterrupted(McResult& inoutResult, const QString& inOperation);

@@ -20,6 +20,7 @@
 #include <QSet>
 
 #include <memory>
+#include <vector>
 
 using namespace KsDeploy;
 
@@ -38,6 +39,15 @@ struct InterruptScope
         KsPlatform::InterruptSignals::armedSet(false);
     }
 };
+
+// The change is over: signals have their usual effect again, and one that was noted but stopped
+// nothing is acted on now.
+void interruptsRelease(std::unique_ptr<InterruptScope>& inoutScope, const Engine& inEngine)
+{
+    inoutScope.reset();
+    if (inEngine.interruptedOperation().isEmpty())
+        KsPlatform::InterruptSignals::deliverPending();
+}
 }
 
 namespace
@@ -138,9 +148,7 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
     if (!inRollbackMode)
     {
         interrupts.reset(new InterruptScope);
-        mInterruptedOperation.clear();
-        mRollbackIncomplete = false;
-        mOperationRunning = QStringLiteral("install");
+        productOperationStart(QStringLiteral("install"));
     }
     // All registry changes of the operation land in one store transaction, or none of them.
     RegistryTransaction registryChanges;
@@ -148,124 +156,154 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
     McDArray<McHandle<Resource>> all;
     if ((retVal << productOpen(inKey, !inRollbackMode, resProduct, all)).isBad())
         return retVal;
-
     if (!inRollbackMode)
-    {
-        // Every plugin is asked, even after one refused; then the snapshot is taken.
-        for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
-            retVal << mListOfPlugin[i]->onInstallPre(resProduct);
-        if (retVal.isOk())
-            retVal << productTransactionBegin(inKey);
-    }
-
+        retVal << productInstallBegin(inKey, resProduct);
     if (retVal.isOk())
-    {
-        progress().taskStartNext(tr("Download"));
-        std::vector<ResourceFileEntry*> entries;
-        for (int64_t i = 0; i < all.size(); ++i)
-            if (ResourceFileEntry* e = dynamic_cast<ResourceFileEntry*>(all[i].ptr()))
-                entries.push_back(e);
-        const size_t n = entries.size();
-        // For many files one listing of the cache says which items are there already; only the
-        // others are looked at one by one.
-        QSet<QString> cached;
-        const bool listed = n > 64 && cache().itemsCached(cached);
-        for (size_t i = 0; i < n && retVal.isOk(); ++i)
-        {
-            if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
-                break;
-            const BufferID id = entries[i]->bufferId();
-            if (!id.isValid())
-                continue;
-            if (!listed || !cached.contains(id.toString()))
-                retVal << cache().retrieve(id);
-            if (retVal.isOk())
-                progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
-        }
-    }
-
+        retVal << productInstallDownload(all, inRollbackMode);
+    // A rollback installs what it can even without every item.
     if (retVal.isOk() || inRollbackMode)
-    {
-        progress().taskStartNext(tr("Installation"));
-        const ProductWalk walk(all, ProductWalk::Order::TargetsFirst);
-        const size_t total = walk.total();
-
-        const std::unique_ptr<FileWriter> writer = FileWriter::create(total, inRollbackMode);
-        bool stop = false;
-        const auto visit = [&](Resource& inResource, size_t inLeft) {
-            if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
-            {
-                stop = true;
-                return false;
-            }
-            trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
-            const McResult one = writer->install(inResource);
-            retVal << one;
-            if (inRollbackMode)
-                rollbackFailureAdd(inResource.path(), one);
-            progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
-            stop = one.isBad() && !inRollbackMode;
-            return !stop;
-        };
-        const auto onCycle = [&](size_t numLeft0, size_t numLeft1) {
-            // The rest link to one another in a cycle.
-            McResult cycle;
-            MC_CHECK(cycle, numLeft0>numLeft1, "Internal Error");
-            if (!inRollbackMode)
-                retVal << cycle;
-            // Rollback restores as much as it can: the last pending one goes regardless.
-            return inRollbackMode;
-        };
-        const auto forced = [&](Resource& inResource, size_t) {
-            trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
-            rollbackFailureAdd(inResource.path(), inResource.install());
-            return true;
-        };
-        walk.run(visit, onCycle, forced);
-        // The last files are written before anything is committed or rolled back.
-        if (!stop)
-            retVal << writer->finish();
-    }
-
-    if (!inRollbackMode)
-    {
-        if (retVal.isOk())
-            for (int64_t i = mListOfPlugin.size() - 1; i >= 0 && retVal.isOk(); --i)
-                retVal << mListOfPlugin[i]->onInstall(resProduct);
-        if (retVal.isOk())
-            productInterrupted(retVal, mOperationRunning);
-        // Files on the device first, then the registry, then the journal goes: after a crash at
-        // any point the files and the registry are of the same version once recovery has run.
-        if (retVal.isOk())
-            retVal << productTransactionFlush(inKey);
-        if (retVal.isOk())
-            retVal << registryChanges.commit();
-        if (retVal.isOk())
-            productTransactionCommit(inKey);
-        else
-            productTransactionRollback(inKey);
-        for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
-            mListOfPlugin[i]->onInstallPost(resProduct, retVal.isBad());
-        interrupts.reset();
-        if (mInterruptedOperation.isEmpty())
-            KsPlatform::InterruptSignals::deliverPending();
-    }
-    else
+        retVal << productInstallResources(all, inRollbackMode);
+    if (inRollbackMode)
     {
         // Rolling back: the enclosing store transaction puts the registry back exactly, while the
         // snapshot's registry resources hold the new values, not the old ones.
         registryChanges.rollback();
+        return retVal;
+    }
+    if (retVal.isOk())
+        retVal << productInstallPlugins(resProduct);
+    productTransactionEnd(inKey, registryChanges, retVal);
+    productInstallPost(resProduct, retVal.isBad());
+    interruptsRelease(interrupts, *this);
+    return retVal;
+}
+
+void Engine::productOperationStart(const QString& inOperation)
+{
+    mInterruptedOperation.clear();
+    mRollbackIncomplete = false;
+    mOperationRunning = inOperation;
+}
+
+McResult Engine::productInstallBegin(const QString& inKey, const McHandle<ResourceProduct>& inProduct)
+{
+    McResult retVal;
+    // Every plugin is asked, even after one refused; then the snapshot is taken.
+    for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
+        retVal << mListOfPlugin[i]->onInstallPre(inProduct);
+    if (retVal.isOk())
+        retVal << productTransactionBegin(inKey);
+    return retVal;
+}
+
+McResult Engine::productInstallDownload(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode)
+{
+    McResult retVal;
+    progress().taskStartNext(tr("Download"));
+    std::vector<ResourceFileEntry*> entries;
+    for (int64_t i = 0; i < inResources.size(); ++i)
+        if (ResourceFileEntry* e = dynamic_cast<ResourceFileEntry*>(inResources[i].ptr()))
+            entries.push_back(e);
+    const size_t n = entries.size();
+    // For many files one listing of the cache says which items are there already; only the
+    // others are looked at one by one.
+    QSet<QString> cached;
+    const bool listed = n > 64 && cache().itemsCached(cached);
+    for (size_t i = 0; i < n && retVal.isOk(); ++i)
+    {
+        if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
+            break;
+        const BufferID id = entries[i]->bufferId();
+        if (!id.isValid())
+            continue;
+        if (!listed || !cached.contains(id.toString()))
+            retVal << cache().retrieve(id);
+        if (retVal.isOk())
+            progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
     }
     return retVal;
+}
+
+McResult Engine::productInstallResources(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode)
+{
+    McResult retVal;
+    progress().taskStartNext(tr("Installation"));
+    const ProductWalk walk(inResources, ProductWalk::Order::TargetsFirst);
+    const size_t total = walk.total();
+    const std::unique_ptr<FileWriter> writer = FileWriter::create(total, inRollbackMode);
+    bool stop = false;
+    const auto visit = [&](Resource& inResource, size_t inLeft) {
+        if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
+        {
+            stop = true;
+            return false;
+        }
+        trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
+        const McResult one = writer->install(inResource);
+        retVal << one;
+        if (inRollbackMode)
+            rollbackFailureAdd(inResource.path(), one);
+        progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
+        stop = one.isBad() && !inRollbackMode;
+        return !stop;
+    };
+    const auto onCycle = [&](size_t numLeft0, size_t numLeft1) {
+        // The rest link to one another in a cycle.
+        McResult cycle;
+        MC_CHECK(cycle, numLeft0>numLeft1, "Internal Error");
+        if (!inRollbackMode)
+            retVal << cycle;
+        // Rollback restores as much as it can: the last pending one goes regardless.
+        return inRollbackMode;
+    };
+    const auto forced = [&](Resource& inResource, size_t) {
+        trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
+        rollbackFailureAdd(inResource.path(), inResource.install());
+        return true;
+    };
+    walk.run(visit, onCycle, forced);
+    // The last files are written before anything is committed or rolled back.
+    if (!stop)
+        retVal << writer->finish();
+    return retVal;
+}
+
+McResult Engine::productInstallPlugins(const McHandle<ResourceProduct>& inProduct)
+{
+    McResult retVal;
+    for (int64_t i = mListOfPlugin.size() - 1; i >= 0 && retVal.isOk(); --i)
+        retVal << mListOfPlugin[i]->onInstall(inProduct);
+    return retVal;
+}
+
+void Engine::productTransactionEnd(const QString& inKey, RegistryTransaction& inoutRegistryChanges,
+                                   McResult& inoutResult)
+{
+    if (inoutResult.isOk())
+        productInterrupted(inoutResult, mOperationRunning);
+    // Files on the device first, then the registry, then the journal goes: after a crash at
+    // any point the files and the registry are of the same version once recovery has run.
+    if (inoutResult.isOk())
+        inoutResult << productTransactionFlush(inKey);
+    if (inoutResult.isOk())
+        inoutResult << inoutRegistryChanges.commit();
+    if (inoutResult.isOk())
+        productTransactionCommit(inKey);
+    else
+        productTransactionRollback(inKey);
+}
+
+void Engine::productInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed)
+{
+    for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
+        mListOfPlugin[i]->onInstallPost(inProduct, inFailed);
 }
 
 McResult Engine::productUninstall(const QString& inKey)
 {
     McResult retVal;
     std::unique_ptr<InterruptScope> interrupts(new InterruptScope);
-    mInterruptedOperation.clear();
-    mRollbackIncomplete = false;
-    mOperationRunning = QStringLiteral("uninstall");
+    productOperationStart(QStringLiteral("uninstall"));
     RegistryTransaction registryChanges;
     McHandle<ResourceProduct> resProduct;
     McDArray<McHandle<Resource>> all;
@@ -273,37 +311,31 @@ McResult Engine::productUninstall(const QString& inKey)
         return retVal;
     retVal << productTransactionBegin(inKey);
     if (retVal.isOk())
-    {
-        progress().taskStartNext(tr("Uninstallation"));
-        const ProductWalk walk(all, ProductWalk::Order::SourcesFirst);
-        const size_t total = walk.total();
-        // A cycle lets its last pending resource go regardless, so uninstall always ends.
-        const auto release = [&](Resource& inResource, size_t inLeft) {
-            if (productInterrupted(retVal, mOperationRunning))
-                return false;
-            if (inResource.deleteOnUninstall())
-            {
-                trace(McLogLevelInfo, QStringLiteral("uninstall:") + inResource.path());
-                retVal << inResource.uninstall();
-            }
-            progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
-            return true;
-        };
-        walk.run(release, [](size_t, size_t) { return true; }, release);
-    }
-    if (retVal.isOk())
-        productInterrupted(retVal, mOperationRunning);
-    if (retVal.isOk())
-        retVal << productTransactionFlush(inKey);
-    if (retVal.isOk())
-        retVal << registryChanges.commit();
-    if (retVal.isOk())
-        productTransactionCommit(inKey);
-    else
-        productTransactionRollback(inKey);
-    interrupts.reset();
-    if (mInterruptedOperation.isEmpty())
-        KsPlatform::InterruptSignals::deliverPending();
+        retVal << productUninstallResources(all);
+    productTransactionEnd(inKey, registryChanges, retVal);
+    interruptsRelease(interrupts, *this);
+    return retVal;
+}
+
+McResult Engine::productUninstallResources(const McDArray<McHandle<Resource>>& inResources)
+{
+    McResult retVal;
+    progress().taskStartNext(tr("Uninstallation"));
+    const ProductWalk walk(inResources, ProductWalk::Order::SourcesFirst);
+    const size_t total = walk.total();
+    // A cycle lets its last pending resource go regardless, so uninstall always ends.
+    const auto release = [&](Resource& inResource, size_t inLeft) {
+        if (productInterrupted(retVal, mOperationRunning))
+            return false;
+        if (inResource.deleteOnUninstall())
+        {
+            trace(McLogLevelInfo, QStringLiteral("uninstall:") + inResource.path());
+            retVal << inResource.uninstall();
+        }
+        progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
+        return true;
+    };
+    walk.run(release, [](size_t, size_t) { return true; }, release);
     return retVal;
 }
 
