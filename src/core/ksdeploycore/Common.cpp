@@ -265,3 +265,12 @@ McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
     MC_CHECK(retVal, !file.exists(), file.fileName());
     return retVal;
 }
+
+void KsDeploy::directoryPostconditions(const McResult& retVal, const QString& outValue)
+{
+    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).exists(), "retVal.isBad() || QDir(outValue).exists()");
+    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isReadable(),
+                "retVal.isBad() || QDir(outValue).isReadable()");
+    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isAbsolute(),
+                "retVal.isBad() || QDir(outValue).isAbsolute()");
+}

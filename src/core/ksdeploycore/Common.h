@@ -23,6 +23,10 @@ McResult fileUncompress(const QString& inDst, const QString& inSrc);
 // space; it never exceeds the size the stream's header states. No partial destination is left.
 McResult fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve);
 
+// The contract of a function that hands out a folder it checked: when inResult is good, inPath
+// exists, can be read and is absolute.
+void directoryPostconditions(const McResult& inResult, const QString& inPath);
+
 // Proves that a directory is writable by creating, writing and removing a file in it.
 McResult probeFileUpdate(const QString& inDirPath);
 

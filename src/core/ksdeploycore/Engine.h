@@ -57,10 +57,9 @@ public:
     void trace(McLogLevel inLevel, const QString& inText);
 
     McResult pathOfMaintenanceDir(QString& outValue) const;
+    // The cache's folder (Cache::path).
     McResult pathToCache(QString& outValue) const;
-    void pathToCacheSet(const QString& inPath) { mPathToCache = inPath; }
-    // The cache folder may have gone: the next pathToCache checks (and creates) it again.
-    void pathToCacheForget() const { mPathToCacheVerified.clear(); }
+    void pathToCacheSet(const QString& inPath);
 
     // ---- resource pool (EnginePool) ------------------------------------------------------
     void resourceRegister(const McHandle<Resource>& inResource);
@@ -182,10 +181,6 @@ private:
     Progress* mProgress = nullptr;
     McDArray<McHandle<Resource>> mListOfResource;
     Configuration mConfiguration;
-    QString mPathToCache;
-    // The cache folder last checked by pathToCache, and whether it was the default one.
-    mutable QString mPathToCacheVerified;
-    mutable bool mPathToCacheVerifiedIsDefault = false;
     // Per open transaction: the product's directories that did not exist when it began, removed
     // again (when empty) on rollback so that a failed install leaves no folders behind.
     QHash<QString, QStringList> mListOfTransactionNewDirs;
