@@ -121,15 +121,7 @@ McResult Cache::path(QString& outValue) const
     outValue = mPath;
     if (outValue.isEmpty())
         retVal << mDefaultPath(outValue);
-    if (retVal.isOk())
-    {
-        if (!QDir(outValue).exists())
-            QDir().mkpath(outValue);
-        MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access cache directory [%1]").arg(outValue));
-    }
-    if (retVal.isBad())
-        outValue.clear();
-    directoryPostconditions(retVal, outValue);
+    directoryEnsure(retVal, outValue, QStringLiteral("Failed to access cache directory [%1]").arg(outValue));
     if (retVal.isOk() && QDir(outValue).isAbsolute())
     {
         mPathVerified = outValue;

@@ -214,12 +214,7 @@ McResult Engine::pathOfMaintenanceDir(QString& outValue) const
         outValue.clear();
         return retVal;
     }
-    if (!QDir(outValue).exists())
-        QDir().mkpath(outValue);
-    MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access maintenance directory [%1]").arg(outValue));
-    if (retVal.isBad())
-        outValue.clear();
-    directoryPostconditions(retVal, outValue);
+    directoryEnsure(retVal, outValue, QStringLiteral("Failed to access maintenance directory [%1]").arg(outValue));
     return retVal;
 }
 
