@@ -227,4 +227,10 @@ McResult Engine::pathToCache(QString& outValue) const
     return mCache->path(outValue);
 }
 
-void Engine::pathToCacheSet(const QString& inPath) { cache().pathSet(inPath); }
+void Engine::pathToCacheSet(const QString& inPath)
+{
+    // A copy of the engine has no cache of its own (see pathToCache).
+    MC_ASSERT(mCache!=0);
+    if (mCache)
+        mCache->pathSet(inPath);
+}

@@ -16,7 +16,6 @@
 #include "InterruptSignals.h"
 
 #include <QCoreApplication>
-#include <QHash>
 #include <QSet>
 
 #include <memory>
