@@ -112,3 +112,34 @@ TEST_F(CacheTest, WriteToFileRules)
     EXPECT_STREQ("cond[b]", r.condition());
     EXPECT_EQ(QStringList({"target"}), listing(work("out")));
 }
+
+TEST_F(CacheTest, TheCacheKeepsItsFolderAndFindsItAgainOnceEmptied)
+{
+    KsTest::ContractRecorder contracts;
+    const QByteArray a = content(100, 3);
+    KsTest::writeFile(work("src"), a);
+
+    // The folder set is the engine's and the cache's; another set later is taken at once.
+    QString dir;
+    ASSERT_TRUE(cache().path(dir).isOk());
+    EXPECT_EQ(cacheDir(), dir);
+    Engine::instance().pathToCacheSet(work("other/cache"));
+    ASSERT_TRUE(Engine::instance().pathToCache(dir).isOk());
+    EXPECT_EQ(work("other/cache"), dir);
+    ASSERT_TRUE(cache().retrieveFromFile(work("src"), false).isOk());
+    EXPECT_TRUE(QFileInfo::exists(work("other/cache/") + hexOf(a)));
+
+    // Emptied, the folder is gone; the next item makes it again.
+    cache().itemRemoveAll();
+    EXPECT_FALSE(QFileInfo::exists(work("other/cache")));
+    ASSERT_TRUE(cache().retrieveFromFile(work("src"), false).isOk());
+    EXPECT_TRUE(cache().itemIsCached(idOf(a)));
+
+    // Without a folder set, the default one.
+    Engine::instance().pathToCacheSet(QString());
+    QString maintenance;
+    ASSERT_TRUE(Engine::instance().pathOfMaintenanceDir(maintenance).isOk());
+    ASSERT_TRUE(cache().path(dir).isOk());
+    EXPECT_EQ(maintenance + "/Cache", dir);
+    EXPECT_TRUE(contracts.events().empty());
+}

@@ -212,3 +212,19 @@ TEST_F(EngineProductTest, ResolveReplacesAKeyEverywhere)
     EXPECT_TRUE(e().productResolve("R", {"UNDEFINED"}).isBad());
     EXPECT_TRUE(failures.hasMessage("configuration key 'UNDEFINED' is not defined"));
 }
+
+TEST_F(EngineProductTest, FilesTheWorkerThreadsCouldNotCreateAreInstalledTheUsualWay)
+{
+    // Enough files for the worker threads; two targets are the user's own files already.
+    for (int i = 0; i < 100; ++i)
+        KsTest::writeFile(p(QStringLiteral("src/f%1.txt").arg(i)), QByteArray::number(i));
+    describe("Many");
+    e().configuration().valueSet("TARGET", p("target"), false);
+    e().pathToCacheSet(p("cache"));
+    ASSERT_TRUE(e().cache().retrieveFromDirectory(p("src"), false, {}, false).isOk());
+    KsTest::writeFile(p("target/f3.txt"), "the user's own");
+    KsTest::writeFile(p("target/f97.txt"), "the user's own");
+    ASSERT_TRUE(e().productInstall("Many", false).isOk());
+    EXPECT_EQ(snapshot(p("src")), snapshot(p("target")));
+    EXPECT_TRUE(e().productVerify("Many").isOk());
+}

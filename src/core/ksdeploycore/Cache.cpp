@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <mutex>
 #include <unistd.h>
 
 using namespace KsDeploy;
@@ -104,28 +103,42 @@ QString folderOf(const QString& inUrl)
     const int slash = inUrl.lastIndexOf(QLatin1Char('/'));
     return slash < 0 ? inUrl : inUrl.left(slash);
 }
-
-std::mutex sFoldersMutex;
-QSet<QString> sFoldersWithoutPacked;
-
-bool packedMissingAt(const QString& inFolder)
-{
-    std::lock_guard<std::mutex> lock(sFoldersMutex);
-    return sFoldersWithoutPacked.contains(inFolder);
 }
 
-void packedMissingSet(const QString& inFolder, bool inMissing)
-{
-    std::lock_guard<std::mutex> lock(sFoldersMutex);
-    if (inMissing)
-        sFoldersWithoutPacked.insert(inFolder);
-    else
-        sFoldersWithoutPacked.remove(inFolder);
-}
-}
-
-Cache::Cache() = default;
+Cache::Cache(const std::function<McResult(QString&)>& inDefaultPath) : mDefaultPath(inDefaultPath) {}
 Cache::~Cache() = default;
+
+McResult Cache::path(QString& outValue) const
+{
+    McResult retVal;
+    // Asked for once per item or more: the folder verified before is taken as it is. Whoever
+    // removes it (itemRemoveAll) forgets it.
+    if (!mPathVerified.isEmpty() && (mPath.isEmpty() ? mPathVerifiedIsDefault : mPathVerified == mPath))
+    {
+        outValue = mPathVerified;
+        return retVal;
+    }
+    outValue = mPath;
+    if (outValue.isEmpty())
+        retVal << mDefaultPath(outValue);
+    directoryEnsure(retVal, outValue, QStringLiteral("Failed to access cache directory [%1]").arg(outValue));
+    if (retVal.isOk() && QDir(outValue).isAbsolute())
+    {
+        mPathVerified = outValue;
+        mPathVerifiedIsDefault = mPath.isEmpty();
+    }
+    return retVal;
+}
+
+bool Cache::packedMissingAt(const QString& inFolder) const { return mListOfFolderWithoutPacked.contains(inFolder); }
+
+void Cache::packedMissingSet(const QString& inFolder, bool inMissing)
+{
+    if (inMissing)
+        mListOfFolderWithoutPacked.insert(inFolder);
+    else
+        mListOfFolderWithoutPacked.remove(inFolder);
+}
 
 void Cache::httpUrlAdd(const QString& inUrl)
 {
@@ -136,7 +149,7 @@ void Cache::httpUrlAdd(const QString& inUrl)
 QString Cache::itemFilePath(const BufferID& inBufferId) const
 {
     QString dir;
-    const McResult res = Engine::instance().pathToCache(dir);
+    const McResult res = path(dir);
     MC_ASSERT(res.isOk());
     return QStringLiteral("%1/%2").arg(dir, inBufferId.toString());
 }
@@ -150,7 +163,7 @@ bool Cache::itemsCached(QSet<QString>& outNames) const
 {
     outNames.clear();
     QString dir;
-    if (Engine::instance().pathToCache(dir).isBad())
+    if (path(dir).isBad())
         return false;
     if (!QFileInfo(dir).isDir())
         return false;
@@ -185,10 +198,11 @@ void Cache::itemRemove(const BufferID& inBufferId) { QFile::remove(itemFilePath(
 void Cache::itemRemoveAll()
 {
     QString dir;
-    if (Engine::instance().pathToCache(dir).isBad())
+    if (path(dir).isBad())
         return;
     QxBase::File::removeDir(dir, true, QStringList(), QStringList());
-    Engine::instance().pathToCacheForget();
+    // The folder may have gone: the next look checks (and creates) it again.
+    mPathVerified.clear();
 }
 
 McResult Cache::itemCreateFile(const BufferID& inBufferId, const QString& inTarget, bool& outExisted)
@@ -239,7 +253,7 @@ McResult Cache::retrieve(const BufferID& inBufferId)
 {
     McResult retVal;
     QString dir;
-    retVal << Engine::instance().pathToCache(dir);
+    retVal << path(dir);
     if (retVal.isBad())
         return retVal;
     // A good answer of retrieveFromHTTP already means the item is in the cache.
@@ -304,12 +318,10 @@ McResult Cache::retrieveFromHTTP(const BufferID& inBufferId, const QString& inUr
     return retrieveFromHTTP(inBufferId, inUrl, unreachable);
 }
 
-namespace
-{
 // One item from one URL, ".lzma" copy first, digest checked. Reports nothing: whether a failure
 // is one depends on the URLs still to come. outUnreachable: the server could not be connected
 // to or did not answer in time (its plain copy is then not asked for either).
-McResult fetchFile(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected, bool& outUnreachable)
+McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected, bool& outUnreachable)
 {
     McResult retVal;
     outUnreachable = false;
@@ -440,7 +452,6 @@ McResult fetchFile(const QString& inDestination, const QString& inUrl, const McL
     }
     return retVal;
 }
-}
 
 McResult Cache::retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl, bool& outUnreachable)
 {
@@ -458,7 +469,8 @@ McResult Cache::retrieveFromHTTP(const BufferID& inBufferId, const QString& inUr
 McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected)
 {
     bool unreachable = false;
-    const McResult retVal = fetchFile(inDestination, inUrl, inExpected, unreachable);
+    // The engine's cache remembers the folders without ".lzma" copies for the items that follow.
+    const McResult retVal = Engine::instance().cache().fetchFile(inDestination, inUrl, inExpected, unreachable);
     Ks::fail(retVal);
     return retVal;
 }

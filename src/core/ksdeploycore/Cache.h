@@ -8,6 +8,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 namespace KsDeploy
 {
 class Resource;
@@ -20,6 +22,11 @@ public:
     Cache(const Cache& inOther) = default;
     Cache& operator=(const Cache& inOther) = default;
     virtual ~Cache();
+
+    // The cache folder: the one set, else the default one. Checked (and created) when first asked
+    // for; after that the folder is taken as it is until another is set or the cache is emptied.
+    McResult path(QString& outValue) const;
+    void pathSet(const QString& inPath) { mPath = inPath; }
 
     void httpUrlAdd(const QString& inUrl);
     void httpUrlClearAll() { mListOfUrl.clear(); }
@@ -64,12 +71,26 @@ public:
 
 private:
     friend class Engine;
-    Cache();
+    // inDefaultPath finds the folder used when none is set.
+    explicit Cache(const std::function<McResult(QString&)>& inDefaultPath);
     // One base URL; outUnreachable tells that it could not be connected to or timed out.
     McResult retrieveFromHTTP(const BufferID& inBufferId, const QString& inUrl, bool& outUnreachable);
+    // One item from one URL into inDestination, ".lzma" copy first, digest checked.
+    McResult fetchFile(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected,
+                       bool& outUnreachable);
+    bool packedMissingAt(const QString& inFolder) const;
+    void packedMissingSet(const QString& inFolder, bool inMissing);
 
     QList<QString> mListOfUrl;
     // Base URLs that did not answer: skipped for the rest of the run.
     QSet<QString> mListOfUnreachableUrl;
+    // Folders on a server whose last ".lzma" copy could not be had (see folderOf in Cache.cpp).
+    QSet<QString> mListOfFolderWithoutPacked;
+
+    QString mPath;
+    std::function<McResult(QString&)> mDefaultPath;
+    // The folder last checked by path, and whether it was the default one.
+    mutable QString mPathVerified;
+    mutable bool mPathVerifiedIsDefault = false;
 };
 }

@@ -265,3 +265,20 @@ McResult KsDeploy::probeFileUpdate(const QString& inDirPath)
     MC_CHECK(retVal, !file.exists(), file.fileName());
     return retVal;
 }
+
+void KsDeploy::directoryEnsure(McResult& inoutResult, QString& inoutPath, const QString& inFailureMessage)
+{
+    if (inoutResult.isOk())
+    {
+        if (!QDir(inoutPath).exists())
+            QDir().mkpath(inoutPath);
+        MC_CHECK_TEXT(inoutResult, QDir(inoutPath).exists(), "QDir(outValue).exists()", inFailureMessage);
+    }
+    if (inoutResult.isBad())
+        inoutPath.clear();
+    // Reported in the words of the functions that hand out folders (retVal, outValue).
+    const bool bad = inoutResult.isBad();
+    MC_DBC_TEXT(DbCPostcondition, bad || QDir(inoutPath).exists(), "retVal.isBad() || QDir(outValue).exists()");
+    MC_DBC_TEXT(DbCPostcondition, bad || QDir(inoutPath).isReadable(), "retVal.isBad() || QDir(outValue).isReadable()");
+    MC_DBC_TEXT(DbCPostcondition, bad || QDir(inoutPath).isAbsolute(), "retVal.isBad() || QDir(outValue).isAbsolute()");
+}

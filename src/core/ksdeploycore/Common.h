@@ -23,6 +23,11 @@ McResult fileUncompress(const QString& inDst, const QString& inSrc);
 // space; it never exceeds the size the stream's header states. No partial destination is left.
 McResult fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve);
 
+// The end of a function that hands out a folder: unless inoutResult is bad already, the folder is
+// made when missing and must then exist (else inFailureMessage). A bad result clears inoutPath;
+// a good one names a folder that exists, can be read and is absolute (postconditions).
+void directoryEnsure(McResult& inoutResult, QString& inoutPath, const QString& inFailureMessage);
+
 // Proves that a directory is writable by creating, writing and removing a file in it.
 McResult probeFileUpdate(const QString& inDirPath);
 

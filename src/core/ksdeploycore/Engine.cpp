@@ -1,6 +1,7 @@
 #include "Engine.h"
 
 #include "Cache.h"
+#include "Common.h"
 #include "ConsoleProgress.h"
 #include "Plugin.h"
 #include "Resource.h"
@@ -18,14 +19,23 @@ using namespace KsDeploy;
 Engine* Engine::sInstance = nullptr;
 bool Engine::sIsShutdown = false;
 
-Engine::Engine() : mCache(new Cache), mPoolIndex(new ResourcePoolIndex) {}
+Engine::Engine()
+    : mCache(new Cache([this](QString& outValue) {
+        // By default the cache is the maintenance directory's "Cache" folder.
+        McResult retVal = pathOfMaintenanceDir(outValue);
+        if (retVal.isOk())
+            outValue += QStringLiteral("/Cache");
+        return retVal;
+    }))
+    , mPoolIndex(new ResourcePoolIndex)
+{
+}
 
 // Copies describe the same state but own neither the cache nor the progress sink.
 Engine::Engine(const Engine& inOther)
     : mListOfEnvVal(inOther.mListOfEnvVal)
     , mListOfResource(inOther.mListOfResource)
     , mConfiguration(inOther.mConfiguration)
-    , mPathToCache(inOther.mPathToCache)
     , mQuiet(inOther.mQuiet)
     , mListOfPlugin(inOther.mListOfPlugin)
     , mPoolIndex(new ResourcePoolIndex(*inOther.mPoolIndex))
@@ -39,7 +49,6 @@ Engine& Engine::operator=(const Engine& inOther)
         mListOfEnvVal = inOther.mListOfEnvVal;
         mListOfResource = inOther.mListOfResource;
         mConfiguration = inOther.mConfiguration;
-        mPathToCache = inOther.mPathToCache;
         mQuiet = inOther.mQuiet;
         mListOfPlugin = inOther.mListOfPlugin;
         mPoolIndex.reset(new ResourcePoolIndex(*inOther.mPoolIndex));
@@ -189,18 +198,6 @@ void Engine::trace(McLogLevel inLevel, const QString& inText)
     getTheLogInstance().tracef(inLevel, "KsDeploy", "%s", inText.toLatin1().constData());
 }
 
-namespace
-{
-void ensureDirPostconditions(const McResult& retVal, const QString& outValue)
-{
-    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).exists(), "retVal.isBad() || QDir(outValue).exists()");
-    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isReadable(),
-                "retVal.isBad() || QDir(outValue).isReadable()");
-    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isAbsolute(),
-                "retVal.isBad() || QDir(outValue).isAbsolute()");
-}
-}
-
 McResult Engine::pathOfMaintenanceDir(QString& outValue) const
 {
     McResult retVal;
@@ -217,46 +214,23 @@ McResult Engine::pathOfMaintenanceDir(QString& outValue) const
         outValue.clear();
         return retVal;
     }
-    if (!QDir(outValue).exists())
-        QDir().mkpath(outValue);
-    MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access maintenance directory [%1]").arg(outValue));
-    if (retVal.isBad())
-        outValue.clear();
-    ensureDirPostconditions(retVal, outValue);
+    directoryEnsure(retVal, outValue, QStringLiteral("Failed to access maintenance directory [%1]").arg(outValue));
     return retVal;
 }
 
 McResult Engine::pathToCache(QString& outValue) const
 {
     McResult retVal;
-    // Asked for once per item or more: the folder verified before is taken as it is. Whoever
-    // removes it (Cache::itemRemoveAll) calls pathToCacheForget.
-    if (!mPathToCacheVerified.isEmpty() &&
-        (mPathToCache.isEmpty() ? mPathToCacheVerifiedIsDefault : mPathToCacheVerified == mPathToCache))
-    {
-        outValue = mPathToCacheVerified;
+    // A copy of the engine has no cache of its own.
+    if (MC_CHECK(retVal, mCache!=0, "Internal Error"))
         return retVal;
-    }
-    outValue = mPathToCache;
-    if (outValue.isEmpty())
-    {
-        retVal << pathOfMaintenanceDir(outValue);
-        if (retVal.isOk())
-            outValue += QStringLiteral("/Cache");
-    }
-    if (retVal.isOk())
-    {
-        if (!QDir(outValue).exists())
-            QDir().mkpath(outValue);
-        MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access cache directory [%1]").arg(outValue));
-    }
-    if (retVal.isBad())
-        outValue.clear();
-    ensureDirPostconditions(retVal, outValue);
-    if (retVal.isOk() && QDir(outValue).isAbsolute())
-    {
-        mPathToCacheVerified = outValue;
-        mPathToCacheVerifiedIsDefault = mPathToCache.isEmpty();
-    }
-    return retVal;
+    return mCache->path(outValue);
+}
+
+void Engine::pathToCacheSet(const QString& inPath)
+{
+    // A copy of the engine has no cache of its own (see pathToCache).
+    MC_ASSERT(mCache!=0);
+    if (mCache)
+        mCache->pathSet(inPath);
 }

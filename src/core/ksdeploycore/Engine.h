@@ -23,6 +23,7 @@ class Progress;
 class Resource;
 class ResourceProduct;
 class Plugin;
+class RegistryTransaction;
 class ResourcePoolIndex;
 class TransactionJournal;
 
@@ -56,10 +57,9 @@ public:
     void trace(McLogLevel inLevel, const QString& inText);
 
     McResult pathOfMaintenanceDir(QString& outValue) const;
+    // The cache's folder (Cache::path).
     McResult pathToCache(QString& outValue) const;
-    void pathToCacheSet(const QString& inPath) { mPathToCache = inPath; }
-    // The cache folder may have gone: the next pathToCache checks (and creates) it again.
-    void pathToCacheForget() const { mPathToCacheVerified.clear(); }
+    void pathToCacheSet(const QString& inPath);
 
     // ---- resource pool (EnginePool) ------------------------------------------------------
     void resourceRegister(const McHandle<Resource>& inResource);
@@ -148,6 +148,24 @@ private:
     // What every start does before the command line: changes that a dead process left half
     // done are rolled back, and temporary files it left in the cache are removed.
     void startRecover();
+    // The opening of every product operation: the product of inKey ("Internal Error" when there
+    // is none) and the resources collected from it; with inPlan also every name resolved and
+    // every path checked, before anything is touched.
+    McResult productOpen(const QString& inKey, bool inPlan, McHandle<ResourceProduct>& outProduct,
+                         McDArray<McHandle<Resource>>& outResources) const;
+    // The steps of productInstall, in order, and of productUninstall (EngineProduct). Start: a
+    // change begins, nothing interrupted it, its rollback is complete. Begin: the plugins'
+    // onInstallPre, then the snapshot. End: the commit (flush, registry, journal) when the result
+    // is good, the rollback otherwise.
+    void productOperationStart(const QString& inOperation);
+    McResult productInstallBegin(const QString& inKey, const McHandle<ResourceProduct>& inProduct);
+    McResult productInstallDownload(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode);
+    McResult productInstallResources(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode);
+    McResult productInstallPlugins(const McHandle<ResourceProduct>& inProduct);
+    void productTransactionEnd(const QString& inKey, RegistryTransaction& inoutRegistryChanges,
+                               McResult& inoutResult);
+    void productInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed);
+    McResult productUninstallResources(const McDArray<McHandle<Resource>>& inResources);
     // Called by the install and uninstall loops: true (and the result bad) once a signal asked
     // to stop.
     bool productInterrupted(McResult& inoutResult, const QString& inOperation);
@@ -163,10 +181,6 @@ private:
     Progress* mProgress = nullptr;
     McDArray<McHandle<Resource>> mListOfResource;
     Configuration mConfiguration;
-    QString mPathToCache;
-    // The cache folder last checked by pathToCache, and whether it was the default one.
-    mutable QString mPathToCacheVerified;
-    mutable bool mPathToCacheVerifiedIsDefault = false;
     // Per open transaction: the product's directories that did not exist when it began, removed
     // again (when empty) on rollback so that a failed install leaves no folders behind.
     QHash<QString, QStringList> mListOfTransactionNewDirs;

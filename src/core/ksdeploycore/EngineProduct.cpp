@@ -2,8 +2,10 @@
 #include "Engine.h"
 
 #include "Cache.h"
+#include "FileWriter.h"
 #include "Link.h"
 #include "Plugin.h"
+#include "ProductWalk.h"
 #include "Progress.h"
 #include "Property.h"
 #include "RegistryStore.h"
@@ -14,13 +16,9 @@
 #include "InterruptSignals.h"
 
 #include <QCoreApplication>
-#include <QHash>
 #include <QSet>
 
-#include <algorithm>
 #include <memory>
-#include <thread>
-
 #include <vector>
 
 using namespace KsDeploy;
@@ -41,40 +39,14 @@ struct InterruptScope
     }
 };
 
-// The resources of one product, with the link structure among them as indexes, so that the
-// ordering loops run in time linear in resources and links per pass.
-struct ProductGraph
+// The change is over: signals have their usual effect again, and one that was noted but stopped
+// nothing is acted on now.
+void interruptsRelease(std::unique_ptr<InterruptScope>& inoutScope, const Engine& inEngine)
 {
-    std::vector<Resource*> nodes;
-    std::vector<std::vector<int>> targets; // per node: indexes of its link targets (one per link)
-    std::vector<std::vector<int>> sources; // per node: indexes of the nodes linking to it (one per link)
-
-    explicit ProductGraph(const McDArray<McHandle<Resource>>& inResources)
-    {
-        QHash<const Resource*, int> index;
-        index.reserve(static_cast<int>(inResources.size()));
-        nodes.reserve(static_cast<size_t>(inResources.size()));
-        for (int64_t i = 0; i < inResources.size(); ++i)
-        {
-            index.insert(inResources[i].ptr(), static_cast<int>(i));
-            nodes.push_back(inResources[i].ptr());
-        }
-        targets.resize(nodes.size());
-        sources.resize(nodes.size());
-        for (size_t i = 0; i < nodes.size(); ++i)
-        {
-            const McDArray<McHandle<Link>>& links = nodes[i]->links();
-            for (int64_t l = 0; l < links.size(); ++l)
-            {
-                auto it = index.constFind(&links[l]->target());
-                if (it == index.constEnd())
-                    continue;
-                targets[i].push_back(it.value());
-                sources[static_cast<size_t>(it.value())].push_back(static_cast<int>(i));
-            }
-        }
-    }
-};
+    inoutScope.reset();
+    if (inEngine.interruptedOperation().isEmpty())
+        KsPlatform::InterruptSignals::deliverPending();
+}
 }
 
 namespace
@@ -82,16 +54,14 @@ namespace
 // Plan first, then act: every name of the product resolved and every path checked, before a
 // plugin is asked, a snapshot taken, a byte downloaded or a file touched. Stops at the first
 // refusal, so a forgotten value is one report, not one per file.
-McResult productPlan(const Engine& inEngine, const QString& inKey)
+McResult productPlan(const McDArray<McHandle<Resource>>& inResources)
 {
     McResult retVal;
-    McDArray<McHandle<Resource>> all;
-    inEngine.productResources(inKey, all);
     // Names first: a path built on an unresolved folder would fail once for each file in it.
-    for (int64_t i = 0; i < all.size() && retVal.isOk(); ++i)
-        retVal << all[i]->nameResolvableCheck();
-    for (int64_t i = 0; i < all.size() && retVal.isOk(); ++i)
-        retVal << all[i]->pathCheck();
+    for (int64_t i = 0; i < inResources.size() && retVal.isOk(); ++i)
+        retVal << inResources[i]->nameResolvableCheck();
+    for (int64_t i = 0; i < inResources.size() && retVal.isOk(); ++i)
+        retVal << inResources[i]->pathCheck();
     return retVal;
 }
 }
@@ -144,6 +114,21 @@ void Engine::productResources(const QString& inKey, McDArray<McHandle<Resource>>
     }
 }
 
+McResult Engine::productOpen(const QString& inKey, bool inPlan, McHandle<ResourceProduct>& outProduct,
+                             McDArray<McHandle<Resource>>& outResources) const
+{
+    McResult retVal;
+    outResources.clear();
+    const McHandle<ResourceProduct> resProduct = productResource(inKey);
+    outProduct = resProduct;
+    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+        return retVal;
+    productResources(inKey, outResources);
+    if (inPlan)
+        retVal << productPlan(outResources);
+    return retVal;
+}
+
 bool Engine::productInterrupted(McResult& inoutResult, const QString& inOperation)
 {
     if (KsPlatform::InterruptSignals::pending() == 0)
@@ -162,313 +147,205 @@ McResult Engine::productInstall(const QString& inKey, bool inRollbackMode)
     if (!inRollbackMode)
     {
         interrupts.reset(new InterruptScope);
-        mInterruptedOperation.clear();
-        mRollbackIncomplete = false;
-        mOperationRunning = QStringLiteral("install");
+        productOperationStart(QStringLiteral("install"));
     }
     // All registry changes of the operation land in one store transaction, or none of them.
     RegistryTransaction registryChanges;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
-    if (!inRollbackMode && (retVal << productPlan(*this, inKey)).isBad())
-        return retVal;
-
-    if (!inRollbackMode)
-    {
-        // Every plugin is asked, even after one refused; then the snapshot is taken.
-        for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
-            retVal << mListOfPlugin[i]->onInstallPre(resProduct);
-        if (retVal.isOk())
-            retVal << productTransactionBegin(inKey);
-    }
-
+    McHandle<ResourceProduct> resProduct;
     McDArray<McHandle<Resource>> all;
-    if (retVal.isOk())
-    {
-        productResources(inKey, all);
-
-        progress().taskStartNext(tr("Download"));
-        std::vector<ResourceFileEntry*> entries;
-        for (int64_t i = 0; i < all.size(); ++i)
-            if (ResourceFileEntry* e = dynamic_cast<ResourceFileEntry*>(all[i].ptr()))
-                entries.push_back(e);
-        const size_t n = entries.size();
-        // For many files one listing of the cache says which items are there already; only the
-        // others are looked at one by one.
-        QSet<QString> cached;
-        const bool listed = n > 64 && cache().itemsCached(cached);
-        for (size_t i = 0; i < n && retVal.isOk(); ++i)
-        {
-            if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
-                break;
-            const BufferID id = entries[i]->bufferId();
-            if (!id.isValid())
-                continue;
-            if (!listed || !cached.contains(id.toString()))
-                retVal << cache().retrieve(id);
-            if (retVal.isOk())
-                progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
-        }
-    }
-
-    if (retVal.isOk() || inRollbackMode)
-    {
-        progress().taskStartNext(tr("Installation"));
-        const ProductGraph graph(all);
-        const size_t total = graph.nodes.size();
-        // Per resource: how many of its links still point at a pending resource.
-        std::vector<int> pendingTargets(total, 0);
-        for (size_t i = 0; i < total; ++i)
-            pendingTargets[i] = static_cast<int>(graph.targets[i].size());
-        std::vector<int> pending(total);
-        for (size_t i = 0; i < total; ++i)
-            pending[i] = static_cast<int>(i);
-        std::vector<char> done(total, 0);
-
-        auto take = [&](int inIndex) {
-            done[static_cast<size_t>(inIndex)] = 1;
-            for (int s : graph.sources[static_cast<size_t>(inIndex)])
-                --pendingTargets[static_cast<size_t>(s)];
-        };
-
-        // New files of a big product are written by worker threads while this one goes on; a
-        // file they could not simply create is installed here again, the usual way, which also
-        // says why it failed. Everything else waits until the files before it are written.
-        std::unique_ptr<QxBase::FileCreateQueue> writers;
-        if (!inRollbackMode && total > 64)
-            writers.reset(new QxBase::FileCreateQueue(static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u))));
-        // Takes finished files back, waiting while more than inKeep are outstanding: a bounded
-        // backlog keeps memory small and brings a failure to light soon.
-        const auto written = [&](size_t inKeep) {
-            McResult res;
-            void* tag = nullptr;
-            QString target;
-            bool created = false;
-            QxBase::FileStamp stamp;
-            while (res.isOk() && writers->next(writers->backlog() > inKeep, tag, target, created, stamp))
-            {
-                ResourceFileEntry* entry = static_cast<ResourceFileEntry*>(tag);
-                if (created)
-                    entry->installCreated(target, stamp);
-                else
-                    res << entry->install();
-            }
-            return res;
-        };
-        const auto installOne = [&](Resource* r) {
-            QString item, target;
-            ResourceFileEntry* entry = writers ? dynamic_cast<ResourceFileEntry*>(r) : nullptr;
-            if (entry && entry->installPlan(item, target))
-            {
-                writers->add(item, target, entry);
-                return written(512);
-            }
-            McResult res;
-            if (writers && !dynamic_cast<ResourceFileDirectory*>(r))
-                res << written(0);
-            if (res.isOk())
-                res << r->install();
-            return res;
-        };
-
-        bool stop = false;
-        while (!pending.empty() && !stop)
-        {
-            const size_t numLeft0 = pending.size();
-            size_t left = numLeft0;
-            for (size_t k = pending.size(); k-- > 0;)
-            {
-                const int idx = pending[k];
-                if (pendingTargets[static_cast<size_t>(idx)] > 0)
-                    continue;
-                if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
-                {
-                    stop = true;
-                    break;
-                }
-                Resource* r = graph.nodes[static_cast<size_t>(idx)];
-                trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
-                const McResult one = installOne(r);
-                retVal << one;
-                if (inRollbackMode)
-                    rollbackFailureAdd(r->path(), one);
-                progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
-                take(idx);
-                --left;
-                if (one.isBad() && !inRollbackMode)
-                {
-                    stop = true;
-                    break;
-                }
-            }
-            std::vector<int> rest;
-            rest.reserve(left);
-            for (int idx : pending)
-                if (!done[static_cast<size_t>(idx)])
-                    rest.push_back(idx);
-            pending.swap(rest);
-            if (stop)
-                break;
-            const size_t numLeft1 = pending.size();
-            if (numLeft0 > numLeft1)
-                continue;
-            // The rest link to one another in a cycle.
-            McResult cycle;
-            MC_CHECK(cycle, numLeft0>numLeft1, "Internal Error");
-            if (!inRollbackMode)
-            {
-                retVal << cycle;
-                break;
-            }
-            // Rollback restores as much as it can: the last pending one goes regardless.
-            const int idx = pending.back();
-            Resource* r = graph.nodes[static_cast<size_t>(idx)];
-            trace(McLogLevelInfo, QStringLiteral("install: ") + r->path());
-            const McResult forced = r->install();
-            rollbackFailureAdd(r->path(), forced);
-            take(idx);
-            pending.pop_back();
-        }
-        // The last files are written before anything is committed or rolled back.
-        if (writers && !stop)
-        {
-            const McResult last = written(0);
-            retVal << last;
-        }
-        writers.reset();
-    }
-
+    if ((retVal << productOpen(inKey, !inRollbackMode, resProduct, all)).isBad())
+        return retVal;
     if (!inRollbackMode)
-    {
-        if (retVal.isOk())
-            for (int64_t i = mListOfPlugin.size() - 1; i >= 0 && retVal.isOk(); --i)
-                retVal << mListOfPlugin[i]->onInstall(resProduct);
-        if (retVal.isOk())
-            productInterrupted(retVal, mOperationRunning);
-        // Files on the device first, then the registry, then the journal goes: after a crash at
-        // any point the files and the registry are of the same version once recovery has run.
-        if (retVal.isOk())
-            retVal << productTransactionFlush(inKey);
-        if (retVal.isOk())
-            retVal << registryChanges.commit();
-        if (retVal.isOk())
-            productTransactionCommit(inKey);
-        else
-            productTransactionRollback(inKey);
-        for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
-            mListOfPlugin[i]->onInstallPost(resProduct, retVal.isBad());
-        interrupts.reset();
-        if (mInterruptedOperation.isEmpty())
-            KsPlatform::InterruptSignals::deliverPending();
-    }
-    else
+        retVal << productInstallBegin(inKey, resProduct);
+    if (retVal.isOk())
+        retVal << productInstallDownload(all, inRollbackMode);
+    // A rollback installs what it can even without every item.
+    if (retVal.isOk() || inRollbackMode)
+        retVal << productInstallResources(all, inRollbackMode);
+    if (inRollbackMode)
     {
         // Rolling back: the enclosing store transaction puts the registry back exactly, while the
         // snapshot's registry resources hold the new values, not the old ones.
         registryChanges.rollback();
+        return retVal;
+    }
+    if (retVal.isOk())
+        retVal << productInstallPlugins(resProduct);
+    productTransactionEnd(inKey, registryChanges, retVal);
+    productInstallPost(resProduct, retVal.isBad());
+    interruptsRelease(interrupts, *this);
+    return retVal;
+}
+
+void Engine::productOperationStart(const QString& inOperation)
+{
+    mInterruptedOperation.clear();
+    mRollbackIncomplete = false;
+    mOperationRunning = inOperation;
+}
+
+McResult Engine::productInstallBegin(const QString& inKey, const McHandle<ResourceProduct>& inProduct)
+{
+    McResult retVal;
+    // Every plugin is asked, even after one refused; then the snapshot is taken.
+    for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
+        retVal << mListOfPlugin[i]->onInstallPre(inProduct);
+    if (retVal.isOk())
+        retVal << productTransactionBegin(inKey);
+    return retVal;
+}
+
+McResult Engine::productInstallDownload(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode)
+{
+    McResult retVal;
+    progress().taskStartNext(tr("Download"));
+    std::vector<ResourceFileEntry*> entries;
+    for (int64_t i = 0; i < inResources.size(); ++i)
+        if (ResourceFileEntry* e = dynamic_cast<ResourceFileEntry*>(inResources[i].ptr()))
+            entries.push_back(e);
+    const size_t n = entries.size();
+    // For many files one listing of the cache says which items are there already; only the
+    // others are looked at one by one.
+    QSet<QString> cached;
+    const bool listed = n > 64 && cache().itemsCached(cached);
+    for (size_t i = 0; i < n && retVal.isOk(); ++i)
+    {
+        if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
+            break;
+        const BufferID id = entries[i]->bufferId();
+        if (!id.isValid())
+            continue;
+        if (!listed || !cached.contains(id.toString()))
+            retVal << cache().retrieve(id);
+        if (retVal.isOk())
+            progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
     }
     return retVal;
+}
+
+McResult Engine::productInstallResources(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode)
+{
+    McResult retVal;
+    progress().taskStartNext(tr("Installation"));
+    const ProductWalk walk(inResources, ProductWalk::Order::TargetsFirst);
+    const size_t total = walk.total();
+    const std::unique_ptr<FileWriter> writer = FileWriter::create(total, inRollbackMode);
+    bool stop = false;
+    const auto visit = [&](Resource& inResource, size_t inLeft) {
+        if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
+        {
+            stop = true;
+            return false;
+        }
+        trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
+        const McResult one = writer->install(inResource);
+        retVal << one;
+        if (inRollbackMode)
+            rollbackFailureAdd(inResource.path(), one);
+        progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
+        stop = one.isBad() && !inRollbackMode;
+        return !stop;
+    };
+    const auto onCycle = [&](size_t numLeft0, size_t numLeft1) {
+        // The rest link to one another in a cycle.
+        McResult cycle;
+        MC_CHECK(cycle, numLeft0>numLeft1, "Internal Error");
+        if (!inRollbackMode)
+            retVal << cycle;
+        // Rollback restores as much as it can: the last pending one goes regardless.
+        return inRollbackMode;
+    };
+    const auto forced = [&](Resource& inResource, size_t) {
+        trace(McLogLevelInfo, QStringLiteral("install: ") + inResource.path());
+        rollbackFailureAdd(inResource.path(), inResource.install());
+        return true;
+    };
+    walk.run(visit, onCycle, forced);
+    // The last files are written before anything is committed or rolled back.
+    if (!stop)
+        retVal << writer->finish();
+    return retVal;
+}
+
+McResult Engine::productInstallPlugins(const McHandle<ResourceProduct>& inProduct)
+{
+    McResult retVal;
+    for (int64_t i = mListOfPlugin.size() - 1; i >= 0 && retVal.isOk(); --i)
+        retVal << mListOfPlugin[i]->onInstall(inProduct);
+    return retVal;
+}
+
+void Engine::productTransactionEnd(const QString& inKey, RegistryTransaction& inoutRegistryChanges,
+                                   McResult& inoutResult)
+{
+    if (inoutResult.isOk())
+        productInterrupted(inoutResult, mOperationRunning);
+    // Files on the device first, then the registry, then the journal goes: after a crash at
+    // any point the files and the registry are of the same version once recovery has run.
+    if (inoutResult.isOk())
+        inoutResult << productTransactionFlush(inKey);
+    if (inoutResult.isOk())
+        inoutResult << inoutRegistryChanges.commit();
+    if (inoutResult.isOk())
+        productTransactionCommit(inKey);
+    else
+        productTransactionRollback(inKey);
+}
+
+void Engine::productInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed)
+{
+    for (int64_t i = mListOfPlugin.size() - 1; i >= 0; --i)
+        mListOfPlugin[i]->onInstallPost(inProduct, inFailed);
 }
 
 McResult Engine::productUninstall(const QString& inKey)
 {
     McResult retVal;
     std::unique_ptr<InterruptScope> interrupts(new InterruptScope);
-    mInterruptedOperation.clear();
-    mRollbackIncomplete = false;
-    mOperationRunning = QStringLiteral("uninstall");
+    productOperationStart(QStringLiteral("uninstall"));
     RegistryTransaction registryChanges;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
-    if ((retVal << productPlan(*this, inKey)).isBad())
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, true, resProduct, all)).isBad())
         return retVal;
     retVal << productTransactionBegin(inKey);
     if (retVal.isOk())
-    {
-        progress().taskStartNext(tr("Uninstallation"));
-        McDArray<McHandle<Resource>> all;
-        productResources(inKey, all);
-        const ProductGraph graph(all);
-        const size_t total = graph.nodes.size();
-        // Per resource: how many pending resources still link to it.
-        std::vector<int> pendingSources(total, 0);
-        for (size_t i = 0; i < total; ++i)
-            pendingSources[i] = static_cast<int>(graph.sources[i].size());
-        std::vector<int> pending(total);
-        for (size_t i = 0; i < total; ++i)
-            pending[i] = static_cast<int>(i);
-        std::vector<char> done(total, 0);
-        size_t left = total;
+        retVal << productUninstallResources(all);
+    productTransactionEnd(inKey, registryChanges, retVal);
+    interruptsRelease(interrupts, *this);
+    return retVal;
+}
 
-        auto release = [&](int inIndex) {
-            Resource* r = graph.nodes[static_cast<size_t>(inIndex)];
-            if (r->deleteOnUninstall())
-            {
-                trace(McLogLevelInfo, QStringLiteral("uninstall:") + r->path());
-                retVal << r->uninstall();
-            }
-            progress().progressSet(1.0f - static_cast<float>(left) / static_cast<float>(total));
-            --left;
-            done[static_cast<size_t>(inIndex)] = 1;
-            for (int t : graph.targets[static_cast<size_t>(inIndex)])
-                --pendingSources[static_cast<size_t>(t)];
-        };
-
-        bool stop = false;
-        while (!pending.empty() && !stop)
+McResult Engine::productUninstallResources(const McDArray<McHandle<Resource>>& inResources)
+{
+    McResult retVal;
+    progress().taskStartNext(tr("Uninstallation"));
+    const ProductWalk walk(inResources, ProductWalk::Order::SourcesFirst);
+    const size_t total = walk.total();
+    // A cycle lets its last pending resource go regardless, so uninstall always ends.
+    const auto release = [&](Resource& inResource, size_t inLeft) {
+        if (productInterrupted(retVal, mOperationRunning))
+            return false;
+        if (inResource.deleteOnUninstall())
         {
-            const size_t numLeft0 = pending.size();
-            for (size_t k = pending.size(); k-- > 0 && !stop;)
-            {
-                stop = productInterrupted(retVal, mOperationRunning);
-                if (!stop && pendingSources[static_cast<size_t>(pending[k])] == 0)
-                    release(pending[k]);
-            }
-            if (stop)
-                break;
-            std::vector<int> rest;
-            rest.reserve(left);
-            for (int idx : pending)
-                if (!done[static_cast<size_t>(idx)])
-                    rest.push_back(idx);
-            pending.swap(rest);
-            if (!pending.empty() && pending.size() == numLeft0)
-            {
-                // A cycle: the last pending resource goes regardless, so uninstall always ends.
-                release(pending.back());
-                pending.pop_back();
-            }
+            trace(McLogLevelInfo, QStringLiteral("uninstall:") + inResource.path());
+            retVal << inResource.uninstall();
         }
-    }
-    if (retVal.isOk())
-        productInterrupted(retVal, mOperationRunning);
-    if (retVal.isOk())
-        retVal << productTransactionFlush(inKey);
-    if (retVal.isOk())
-        retVal << registryChanges.commit();
-    if (retVal.isOk())
-        productTransactionCommit(inKey);
-    else
-        productTransactionRollback(inKey);
-    interrupts.reset();
-    if (mInterruptedOperation.isEmpty())
-        KsPlatform::InterruptSignals::deliverPending();
+        progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
+        return true;
+    };
+    walk.run(release, [](size_t, size_t) { return true; }, release);
     return retVal;
 }
 
 McResult Engine::productVerify(const QString& inKey)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
-    if ((retVal << productPlan(*this, inKey)).isBad())
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, true, resProduct, all)).isBad())
         return retVal;
     progress().taskStartNext(tr("Verification"));
-    McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
     const int64_t n = all.size();
     for (int64_t k = n - 1, i = 1; k >= 0; --k, ++i)
     {
@@ -482,12 +359,11 @@ McResult Engine::productVerify(const QString& inKey)
 McResult Engine::productRescan(const QString& inKey)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, false, resProduct, all)).isBad())
         return retVal;
     progress().taskStartNext(tr("Rescan"));
-    McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
     const int64_t n = all.size();
     for (int64_t i = 0; i < n; ++i)
     {
@@ -501,11 +377,10 @@ McResult Engine::productRescan(const QString& inKey)
 McResult Engine::productPrecache(const QString& inKey, bool inCompress)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
-        return retVal;
+    McHandle<ResourceProduct> resProduct;
     McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
+    if ((retVal << productOpen(inKey, false, resProduct, all)).isBad())
+        return retVal;
     retVal << cache().retrieveFromResources(all, inCompress);
     return retVal;
 }
@@ -513,8 +388,9 @@ McResult Engine::productPrecache(const QString& inKey, bool inCompress)
 McResult Engine::productResolve(const QString& inKey, const QList<QString>& inTargetKeys)
 {
     McResult retVal;
-    const McHandle<ResourceProduct> resProduct = productResource(inKey);
-    if (MC_CHECK(retVal, resProduct.isNotNull(), "Internal Error"))
+    McHandle<ResourceProduct> resProduct;
+    McDArray<McHandle<Resource>> all;
+    if ((retVal << productOpen(inKey, false, resProduct, all)).isBad())
         return retVal;
     for (const QString& targetKey : inTargetKeys)
     {
@@ -524,8 +400,6 @@ McResult Engine::productResolve(const QString& inKey, const QList<QString>& inTa
                      QStringLiteral("configuration key '%1' is not defined").arg(targetKey)))
             return retVal;
     }
-    McDArray<McHandle<Resource>> all;
-    productResources(inKey, all);
     for (const QString& targetKey : inTargetKeys)
     {
         // Every property text of the product's resources ...

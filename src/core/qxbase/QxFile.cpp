@@ -458,91 +458,11 @@ McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool
     return retVal;
 }
 
-struct FileCreateQueue::Job
+bool File::copyCreateSilently(const QString& inSource, const QString& inTarget, bool inLookFirst,
+                              FileStamp* outStamp)
 {
-    QString source;
-    QString target;
-    bool lookFirst = true;
-    bool finished = false;
-    bool created = false;
-    FileStamp stamp;
-};
-
-FileCreateQueue::FileCreateQueue(int inWorkers)
-{
-    for (int i = 0; i < inWorkers; ++i)
-        mWorkers.emplace_back([this] { work(); });
+    return createNameless(inSource, inTarget, inLookFirst, outStamp) == Made::Created;
 }
 
-FileCreateQueue::~FileCreateQueue()
-{
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mStopping = true;
-    }
-    mWork.notify_all();
-    for (std::thread& t : mWorkers)
-        t.join();
-}
-
-void FileCreateQueue::add(const QString& inSource, const QString& inTarget, void* inTag)
-{
-    auto job = std::make_shared<Job>();
-    job->source = inSource;
-    job->target = inTarget;
-    // Decided here, on the caller's thread, which is the one that makes folders.
-    job->lookFirst = mustLookFirst(inTarget);
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mOrder.push_back({job, inTag});
-        mTodo.push_back(job);
-    }
-    mWork.notify_one();
-}
-
-size_t FileCreateQueue::backlog()
-{
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mOrder.size();
-}
-
-bool FileCreateQueue::next(bool inWait, void*& outTag, QString& outTarget, bool& outCreated, FileStamp& outStamp)
-{
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (mOrder.empty())
-        return false;
-    if (!mOrder.front().first->finished)
-    {
-        if (!inWait)
-            return false;
-        mDone.wait(lock, [this] { return mOrder.front().first->finished; });
-    }
-    const auto front = mOrder.front();
-    mOrder.pop_front();
-    lock.unlock();
-    outTag = front.second;
-    outTarget = front.first->target;
-    outCreated = front.first->created;
-    outStamp = front.first->stamp;
-    return true;
-}
-
-void FileCreateQueue::work()
-{
-    std::unique_lock<std::mutex> lock(mMutex);
-    for (;;)
-    {
-        mWork.wait(lock, [this] { return mStopping || !mTodo.empty(); });
-        if (mTodo.empty())
-            return;
-        const std::shared_ptr<Job> job = mTodo.front();
-        mTodo.pop_front();
-        lock.unlock();
-        const bool created = createNameless(job->source, job->target, job->lookFirst, &job->stamp) == Made::Created;
-        lock.lock();
-        job->created = created;
-        job->finished = true;
-        mDone.notify_all();
-    }
-}
+bool File::targetMayExist(const QString& inTarget) { return mustLookFirst(inTarget); }
 }

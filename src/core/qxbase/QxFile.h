@@ -6,13 +6,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <condition_variable>
-#include <deque>
-#include <memory>
-#include <mutex>
-#include <thread>
-#include <utility>
-#include <vector>
 
 namespace QxBase
 {
@@ -81,37 +74,13 @@ public:
     static bool linkNameless(int inFd, const QString& inTarget, bool inReplace);
     // A temporary file name in the same folder as inPath (not created).
     static QString temporaryPathBeside(const QString& inPath);
-};
-
-// Runs copyCreate's fast path on worker threads: creating many small files is mostly the file
-// system's work, which a second core halves. Jobs come back in the order they were added, each
-// only saying whether the file was created; anything else (something there, a failure) is for
-// the caller to do again through copyCreate, which then says why. Folders must be made
-// (makePath) by the thread that adds the jobs.
-class FileCreateQueue
-{
-public:
-    explicit FileCreateQueue(int inWorkers);
-    // Waits for the workers; jobs not taken back yet are finished first.
-    ~FileCreateQueue();
-    FileCreateQueue(const FileCreateQueue&) = delete;
-    FileCreateQueue& operator=(const FileCreateQueue&) = delete;
-
-    void add(const QString& inSource, const QString& inTarget, void* inTag);
-    // Jobs added and not yet taken back: the caller keeps this bounded by taking them back.
-    size_t backlog();
-    // The oldest job once finished (inWait: wait for it); false when there is none (yet).
-    bool next(bool inWait, void*& outTag, QString& outTarget, bool& outCreated, FileStamp& outStamp);
-
-private:
-    struct Job;
-    void work();
-
-    std::mutex mMutex;
-    std::condition_variable mWork, mDone;
-    std::deque<std::pair<std::shared_ptr<Job>, void*>> mOrder;
-    std::deque<std::shared_ptr<Job>> mTodo;
-    bool mStopping = false;
-    std::vector<std::thread> mWorkers;
+    // The steps of copyCreate without a word said, so that any thread may run them: true when
+    // the file was created; anything else (something there, a failure) is left for copyCreate,
+    // which then says why. inLookFirst false spares the look at the target (see targetMayExist).
+    static bool copyCreateSilently(const QString& inSource, const QString& inTarget, bool inLookFirst,
+                                   FileStamp* outStamp);
+    // False when inTarget is in a folder that makePath made, so nothing can be there yet (the
+    // final link of copyCreate still refuses a newcomer). Asked on the thread that makes folders.
+    static bool targetMayExist(const QString& inTarget);
 };
 }

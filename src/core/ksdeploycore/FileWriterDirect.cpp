@@ -1,0 +1,7 @@
+#include "FileWriterDirect.h"
+
+#include "Resource.h"
+
+using namespace KsDeploy;
+
+McResult FileWriterDirect::install(Resource& inResource) { return inResource.install(); }

@@ -1,0 +1,46 @@
+#include "FileWriterThreaded.h"
+
+#include "ResourceFileDirectory.h"
+#include "ResourceFileEntry.h"
+
+using namespace KsDeploy;
+
+FileWriterThreaded::FileWriterThreaded(int inWorkers) : mQueue(inWorkers) {}
+
+McResult FileWriterThreaded::install(Resource& inResource)
+{
+    QString item, target;
+    ResourceFileEntry* entry = dynamic_cast<ResourceFileEntry*>(&inResource);
+    if (entry && entry->installPlan(item, target))
+    {
+        mQueue.add(item, target, entry);
+        return written(512);
+    }
+    // A folder does not depend on the files before it; anything else may.
+    McResult res;
+    if (!dynamic_cast<ResourceFileDirectory*>(&inResource))
+        res << written(0);
+    if (res.isOk())
+        res << inResource.install();
+    return res;
+}
+
+McResult FileWriterThreaded::finish() { return written(0); }
+
+McResult FileWriterThreaded::written(size_t inKeep)
+{
+    McResult res;
+    void* tag = nullptr;
+    QString target;
+    bool created = false;
+    QxBase::FileStamp stamp;
+    while (res.isOk() && mQueue.next(mQueue.backlog() > inKeep, tag, target, created, stamp))
+    {
+        ResourceFileEntry* entry = static_cast<ResourceFileEntry*>(tag);
+        if (created)
+            entry->installCreated(target, stamp);
+        else
+            res << entry->install();
+    }
+    return res;
+}
