@@ -64,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* inData, size_t inSize)
         for (int i = 0; i < 8; ++i)
             claimed |= static_cast<uint64_t>(data[5 + i]) << (8 * i);
         if (claimed != UINT64_MAX && streamed.size() > claimed)
-            std::abort(); // more than the header states
+            std::abort();  // more than the header states
     }
     // A stream the piecewise decoder accepts is one the whole decoder accepts, with the same bytes
     // (the piecewise one is stricter: nothing may follow the end).

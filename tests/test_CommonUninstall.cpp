@@ -114,8 +114,7 @@ TEST_F(UninstallTest, RunsTheUninstallerWithShellQuotingAndWaitsForTheEntryToGo)
     QDir().mkpath(p("with space"));
     const QString script = uninstaller("with space/uninstall.sh", "App", false);
     entry(RegistryRoot::CurrentUser, "App",
-          {{"InstallLocation", p("app")},
-           {"UninstallString", "'" + script + "' --all \"two words\" back\\ slash"}});
+          {{"InstallLocation", p("app")}, {"UninstallString", "'" + script + "' --all \"two words\" back\\ slash"}});
     ASSERT_TRUE(uninstallWhatsOnThisAppDir(p("app")).isOk());
     EXPECT_FALSE(entryExists(RegistryRoot::CurrentUser, "App"));
     EXPECT_EQ(QByteArray("--all\ntwo words\nback slash\n"), KsTest::readFile(p("arguments.txt")));

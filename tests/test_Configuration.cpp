@@ -92,7 +92,7 @@ TEST_F(ConfigurationTest, CyclesAndUndefinedKeysFailWithBothTraces)
     config().valueSet("G", "${G}x", false);
     QString g = "${G}";
     EXPECT_TRUE(config().resolve(g).isBad());
-    EXPECT_EQ(4 + 1001, g.size()); // "${G}" followed by one x per pass
+    EXPECT_EQ(4 + 1001, g.size());  // "${G}" followed by one x per pass
     ASSERT_EQ(2u, failures.failures().size());
     EXPECT_EQ("cyclic variable substitution", failures.failures()[0].message);
     EXPECT_EQ("cond[maxLoop--]", failures.failures()[0].condition);

@@ -1,7 +1,7 @@
 // Base library: results, handles, arrays, MD5 and contract reports.
-#include <cerrno>
 #include "KsTestSupport.h"
 #include "mclib.h"
+#include <cerrno>
 
 #include <QCryptographicHash>
 #include <QProcess>
@@ -92,7 +92,7 @@ TEST(McResultTest, DetailLineCarriesTheSystemReasonAndSurvivesChaining)
     McResult ok;
     errno = 0;
     EXPECT_FALSE(MC_CHECK_DETAIL(ok, true, "Internal Error", detail(errno)));
-    EXPECT_EQ(0, detailsBuilt); // nothing is formatted on the good path
+    EXPECT_EQ(0, detailsBuilt);  // nothing is formatted on the good path
 
     McResult bad;
     errno = EACCES;
@@ -105,7 +105,7 @@ TEST(McResultTest, DetailLineCarriesTheSystemReasonAndSurvivesChaining)
     McResult outer;
     outer << bad;
     EXPECT_STREQ("/opt/app/bin: Permission denied", outer.detail());
-    EXPECT_STREQ("", McLib::detailTaken().c_str()); // the slot is empty again
+    EXPECT_STREQ("", McLib::detailTaken().c_str());  // the slot is empty again
 }
 
 TEST(McHandleTest, CountsFollowCopiesAssignmentsAndSelfAssignment)
@@ -163,7 +163,7 @@ TEST(McDArrayTest, SelfInsertCopiesTheRightElementsAndCounts)
         EXPECT_TRUE(a.data()[5].isNull());
         a.removeLast(2);
         EXPECT_EQ(2, a.size());
-        EXPECT_EQ(1, Counted::sAlive); // only element 1 is still held
+        EXPECT_EQ(1, Counted::sAlive);  // only element 1 is still held
     }
     EXPECT_EQ(0, Counted::sAlive);
 }

@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <csignal>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,7 +87,8 @@ TEST(PlatformProcess, ProgramsThatCannotRunAreReported)
 
     // Executable bits but no program inside: the exec itself fails, at once or on resume.
     start.program = dir + "/garbage";
-    std::ofstream(start.program) << "\x7f" "ELF garbage";
+    std::ofstream(start.program) << "\x7f"
+                                    "ELF garbage";
     chmod(start.program.c_str(), 0755);
     Process direct;
     s = direct.start(start, false);
@@ -132,7 +133,8 @@ TEST(PlatformProcess, AnAttachedProgramIsOurChildAndReportsHowItEnded)
 
     // An attached program whose exec fails is reported and reaped, not left a zombie.
     start.program = dir + "/garbage";
-    std::ofstream(start.program) << "\x7f" "ELF garbage";
+    std::ofstream(start.program) << "\x7f"
+                                    "ELF garbage";
     chmod(start.program.c_str(), 0755);
     Process failing;
     EXPECT_EQ(ENOEXEC, failing.start(start, false).code);

@@ -1,6 +1,6 @@
 // Shortcut files of the platform layer: shell links and desktop entries, written and read back.
-#include "Shortcut.h"
 #include "../fuzz/FuzzPlatformChecks.h"
+#include "Shortcut.h"
 
 #include <gtest/gtest.h>
 
@@ -42,7 +42,8 @@ std::vector<std::pair<std::string, std::string>> fuzzInputs(const std::string& i
             if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
                 continue;
             std::ifstream in(path, std::ios::binary);
-            inputs.emplace_back(path, std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
+            inputs.emplace_back(path,
+                                std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
         }
         ::closedir(dir);
     }
@@ -119,8 +120,9 @@ TEST(PlatformShortcut, DesktopEntryQuotesExecAndReadsBackExactly)
     EXPECT_NE(std::string::npos, text.find("[Desktop Entry]\nType=Application\nName=My Tool\n"));
     EXPECT_NE(std::string::npos, text.find("Comment=Caf\xC3\xA9 tool\\nsecond line\n")) << text;
     // Reserved characters quoted, backslash escaped for quoting and again for the string value.
-    EXPECT_NE(std::string::npos,
-              text.find("Exec=\"/opt/My App/bin/run\" --name \"two words\" 100%% \"back\\\\\\\\slash\" \"\\\\$HOME\" \"\"\n"))
+    EXPECT_NE(
+        std::string::npos,
+        text.find("Exec=\"/opt/My App/bin/run\" --name \"two words\" 100%% \"back\\\\\\\\slash\" \"\\\\$HOME\" \"\"\n"))
         << text;
     EXPECT_NE(std::string::npos, text.find("Path=/opt/My App\n"));
 

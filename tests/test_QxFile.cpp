@@ -129,7 +129,8 @@ TEST_F(QxFileTest, JunctionIsALinkThatNeverReplacesAnything)
     KsTest::FailureRecorder failures;
     McResult r = File::junctionCreate(path("j"), path("target"));
     ASSERT_TRUE(r.isBad());
-    EXPECT_EQ(QStringLiteral("'%1' already exists; a link is never put over it").arg(path("j")).toStdString(), r.text());
+    EXPECT_EQ(QStringLiteral("'%1' already exists; a link is never put over it").arg(path("j")).toStdString(),
+              r.text());
     r = File::junctionCreate(path("j2"), path("target/f"));
     ASSERT_TRUE(r.isBad());
     EXPECT_EQ(QStringLiteral("link target '%1' is not a directory").arg(path("target/f")).toStdString(), r.text());

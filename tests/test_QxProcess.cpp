@@ -62,7 +62,8 @@ TEST(QxProcessTest, AHeldProgramRunsWithItsSettingsOnlyAfterResume)
     // A held program that cannot run is reported when it is let go.
     QxBase::Process garbage;
     const QString path = dir.path() + "/garbage";
-    KsTest::writeFile(path, "\x7f" "ELF garbage");
+    KsTest::writeFile(path, "\x7f"
+                            "ELF garbage");
     QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     garbage.programSet(path);
     ASSERT_TRUE(garbage.start(false, false, false).isOk());

@@ -23,7 +23,6 @@ namespace
 class RegistryTest : public KsTest::RegistryEngineTest
 {
 protected:
-
     // A connection of its own, so that what is seen is what reached the file.
     std::unique_ptr<KsPlatform::Registry> openStore()
     {

@@ -39,7 +39,8 @@ protected:
     }
     void TearDown() override { Engine::instanceTestReset(); }
 
-    template <class T> T* child(const char* inName)
+    template <class T>
+    T* child(const char* inName)
     {
         T* found = mDialog->findChild<T*>(QString::fromLatin1(inName));
         EXPECT_NE(nullptr, found) << inName;
@@ -239,7 +240,9 @@ TEST_F(WidgetProgressTest, LanguageChangeRetranslatesTheTexts)
 TEST_F(WidgetProgressTest, GradientOnLightThemesOnlyAndBackAfterAPaletteChange)
 {
     const QPalette original = QApplication::palette();
-    auto hasGradient = [this] { return mDialog->palette().brush(QPalette::Active, QPalette::Window).gradient() != nullptr; };
+    auto hasGradient = [this] {
+        return mDialog->palette().brush(QPalette::Active, QPalette::Window).gradient() != nullptr;
+    };
     EXPECT_TRUE(hasGradient());
     const QGradientStops stops = mDialog->palette().brush(QPalette::Window).gradient()->stops();
     ASSERT_EQ(2, stops.size());
@@ -258,10 +261,7 @@ TEST_F(WidgetProgressTest, GradientOnLightThemesOnlyAndBackAfterAPaletteChange)
 
 #if defined(__SANITIZE_ADDRESS__)
 // Font and platform caches live as long as the process; see src/app/LeakSuppressions.cpp.
-extern "C" const char* __lsan_default_suppressions()
-{
-    return "leak:libfontconfig.so\n";
-}
+extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig.so\n"; }
 #endif
 
 // Widgets need a QApplication, which the shared test main does not create.

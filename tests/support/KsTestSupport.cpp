@@ -14,8 +14,8 @@ std::vector<KsTest::LogLine> sLines;
 void onContract(DbCEventType inType, const char* inCondition, const char* inFile, unsigned int, const char* inFunction,
                 const char*)
 {
-    sEvents.push_back({static_cast<int>(inType), inCondition ? inCondition : "", inFile ? inFile : "",
-                       inFunction ? inFunction : ""});
+    sEvents.push_back(
+        {static_cast<int>(inType), inCondition ? inCondition : "", inFile ? inFile : "", inFunction ? inFunction : ""});
 }
 
 bool onFailure(const McResult& inResult)

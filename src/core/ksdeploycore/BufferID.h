@@ -29,8 +29,5 @@ private:
     McLib::MD5 mMd5;
 };
 
-inline size_t qHash(const BufferID& inId, size_t inSeed = 0)
-{
-    return qHashBits(inId.md5().data(), 16, inSeed);
-}
+inline size_t qHash(const BufferID& inId, size_t inSeed = 0) { return qHashBits(inId.md5().data(), 16, inSeed); }
 }

@@ -58,8 +58,7 @@ McResult Command_commands::getArguments(QList<QString>& outArguments, QList<int>
     return retVal;
 }
 
-void Command_commands::argumentsFromBytes(const QByteArray& inBytes, QList<QString>& outArguments,
-                                          QList<int>& outLines)
+void Command_commands::argumentsFromBytes(const QByteArray& inBytes, QList<QString>& outArguments, QList<int>& outLines)
 {
     outArguments.clear();
     outLines.clear();

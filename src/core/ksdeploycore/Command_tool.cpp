@@ -7,7 +7,6 @@ using namespace KsDeploy;
 
 KS_COMMAND_CLASS_DEFINE(Command_tool, "tool")
 
-
 const char* const Command_tool::sHelpMessageBrief = "Unspecific actions.";
 
 const char* const Command_tool::sHelpMessageAttributes =

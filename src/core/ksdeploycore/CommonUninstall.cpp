@@ -135,12 +135,12 @@ McResult theOneEntry(const QString& inAppDir, UninstallEntry& outEntry, Temporar
         listOfProductKeyPath.append(e.key->path());
     if (MC_CHECK(retVal, listOfProductKeyPath.size()==1, inAppDir))
     {
-        Engine::instance().trace(
-            McLogLevelError, listOfProductKeyPath.isEmpty()
-                                 ? QStringLiteral("no uninstall entry has the InstallLocation '%1'").arg(inAppDir)
-                                 : QStringLiteral("%1 uninstall entries have the InstallLocation '%2': %3")
-                                       .arg(listOfProductKeyPath.size())
-                                       .arg(inAppDir, listOfProductKeyPath.join(QStringLiteral(", "))));
+        Engine::instance().trace(McLogLevelError,
+                                 listOfProductKeyPath.isEmpty()
+                                     ? QStringLiteral("no uninstall entry has the InstallLocation '%1'").arg(inAppDir)
+                                     : QStringLiteral("%1 uninstall entries have the InstallLocation '%2': %3")
+                                           .arg(listOfProductKeyPath.size())
+                                           .arg(inAppDir, listOfProductKeyPath.join(QStringLiteral(", "))));
         return retVal;
     }
     outEntry = entries.first();
@@ -225,9 +225,9 @@ McResult KsDeploy::uninstallWhatsOnThisAppDir(const QString& inAppDir)
             break;
         if (!told)
         {
-            engine.trace(McLogLevelInfo,
-                         QStringLiteral("the uninstaller has ended; waiting for the uninstall entry '%1' to go")
-                             .arg(entryPath));
+            engine.trace(
+                McLogLevelInfo,
+                QStringLiteral("the uninstaller has ended; waiting for the uninstall entry '%1' to go").arg(entryPath));
             told = true;
         }
         McThread::sleep(1);

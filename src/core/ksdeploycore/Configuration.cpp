@@ -16,7 +16,10 @@ struct AutoEntry
     Configuration::AutoValue value;
 };
 
-#define KS_AUTO(x) {#x, Configuration::x}
+#define KS_AUTO(x)                                                                                                     \
+    {                                                                                                                  \
+#x, Configuration::x                                                                                           \
+    }
 const AutoEntry sAutoTable[Configuration::sAutoValueCount] = {
     KS_AUTO(WIN_ADMINTOOLS),
     KS_AUTO(WIN_ALTSTARTUP),
@@ -248,8 +251,8 @@ std::string Configuration::unresolvedDetail(const QString& inGiven, const QStrin
     if (!missing.isEmpty())
         why = QStringLiteral("no value for %1").arg(missing.join(QLatin1String(", ")));
     if (!cyclic.isEmpty())
-        why += QStringLiteral("%1%2 never settles (its value leads back to itself)").arg(why.isEmpty() ? QString() : QStringLiteral("; "),
-                                                              cyclic.join(QLatin1String(", ")));
+        why += QStringLiteral("%1%2 never settles (its value leads back to itself)")
+                   .arg(why.isEmpty() ? QString() : QStringLiteral("; "), cyclic.join(QLatin1String(", ")));
     if (why.isEmpty())
         why = QStringLiteral("an unterminated reference");
     return mcMessageText(QStringLiteral("%1: %2").arg(inGiven, why));

@@ -84,7 +84,7 @@ void Engine::resourceUnregister(const McHandle<Resource>& inResource)
     MC_REQUIRE(inResource.isNotNull());
     if (inResource.isNull())
         return;
-    const McHandle<Resource> keep(inResource); // the pool's handle may be the last one
+    const McHandle<Resource> keep(inResource);  // the pool's handle may be the last one
     resourceUnlink(keep);
     const int64_t pos = keep->mPoolPosition;
     if (pos >= 0 && pos < mListOfResource.size() && mListOfResource[pos] == keep)

@@ -38,7 +38,8 @@ McResult Engine::pathOfSandboxDir(QString& outValue) const
         QDir().mkpath(outValue);
     if (MC_CHECK(retVal, QDir(outValue).exists(), QStringLiteral("Failed to access sandbox directory [%1]").arg(outValue)))
         outValue.clear();
-    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).exists(), "retVal.isBad() || QDir(outValue).exists()");
+    MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).exists(),
+                "retVal.isBad() || QDir(outValue).exists()");
     MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isReadable(),
                 "retVal.isBad() || QDir(outValue).isReadable()");
     MC_DBC_TEXT(DbCPostcondition, retVal.isBad() || QDir(outValue).isAbsolute(),
@@ -126,8 +127,8 @@ McResult Engine::sandboxRemove(const QString& inSandboxName, bool inAtReboot) co
             return retVal;
         const QString listPath = maintenance + QLatin1Char('/') + QLatin1String(sPendingRemovalFile);
         QFile list(listPath);
-        const bool res = list.open(QIODevice::Append | QIODevice::Text) && list.write((path + "\n").toUtf8()) > 0 &&
-                         list.flush();
+        const bool res =
+            list.open(QIODevice::Append | QIODevice::Text) && list.write((path + "\n").toUtf8()) > 0 && list.flush();
         MC_CHECK_WIN(retVal, res!=0, "Internal Error");
         return retVal;
     }

@@ -53,7 +53,8 @@ std::string dirDetail(const QString& inDirPath)
 }
 
 McResult generate(McHandle<ResourceFileDirectory>& outDirectory, McDArray<McHandle<Resource>>& outResources,
-                  const QString& inDirPath, bool inRecursive, const QStringList& inFilters, const QStringList& inExcludes)
+                  const QString& inDirPath, bool inRecursive, const QStringList& inFilters,
+                  const QStringList& inExcludes)
 {
     McResult retVal;
     Engine& engine = Engine::instance();

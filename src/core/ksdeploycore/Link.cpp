@@ -4,9 +4,7 @@
 
 using namespace KsDeploy;
 
-Link::Link(const Resource& inTarget, const QString& inName)
-    : mTarget(const_cast<Resource*>(&inTarget))
-    , mName(inName)
+Link::Link(const Resource& inTarget, const QString& inName) : mTarget(const_cast<Resource*>(&inTarget)), mName(inName)
 {
 }
 

@@ -1,6 +1,5 @@
 #include "Plugin.h"
 
-
 using namespace KsDeploy;
 
 Plugin::~Plugin() = default;

@@ -32,8 +32,8 @@ void scopeEnded(int inLevel)
 const int sCsidlLocalAppData = 0x1C;
 }
 
-bool KsDeploy::registryCheck(McResult& inoutResult, const KsPlatform::Status& inStatus, int inLine,
-                             const char* inFile, const char* inPrettyFunction)
+bool KsDeploy::registryCheck(McResult& inoutResult, const KsPlatform::Status& inStatus, int inLine, const char* inFile,
+                             const char* inPrettyFunction)
 {
     if (inStatus.isOk())
         return false;
@@ -69,7 +69,8 @@ McResult RegistryStore::instance(KsPlatform::Registry*& outRegistry)
         sRegistry.reset();
         sLocation.clear();
         KsPlatform::Status status;
-        std::unique_ptr<KsPlatform::Registry> opened = KsPlatform::Registry::open(where.toLocal8Bit().toStdString(), status);
+        std::unique_ptr<KsPlatform::Registry> opened =
+            KsPlatform::Registry::open(where.toLocal8Bit().toStdString(), status);
         if (KS_CHECK_REGISTRY(retVal, status))
             return retVal;
         sRegistry = std::move(opened);

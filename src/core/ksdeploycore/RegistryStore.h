@@ -60,5 +60,5 @@ bool registryCheck(McResult& inoutResult, const KsPlatform::Status& inStatus, in
 }
 
 // One-line checked store call: true (and RESULT bad) when STATUS failed.
-#define KS_CHECK_REGISTRY(RESULT, STATUS) \
+#define KS_CHECK_REGISTRY(RESULT, STATUS)                                                                              \
     ::KsDeploy::registryCheck((RESULT), (STATUS), __LINE__, __FILE__, __PRETTY_FUNCTION__)

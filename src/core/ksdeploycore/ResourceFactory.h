@@ -20,4 +20,3 @@ public:
     static QString className(const Resource* inResource);
 };
 }
-

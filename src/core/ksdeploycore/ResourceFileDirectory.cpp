@@ -15,10 +15,7 @@ using namespace KsDeploy;
 
 ResourceFileDirectory::~ResourceFileDirectory() = default;
 
-Resource::NameRule ResourceFileDirectory::nameRule() const
-{
-    return container().isNull() ? NameFolderRoot : NameFile;
-}
+Resource::NameRule ResourceFileDirectory::nameRule() const { return container().isNull() ? NameFolderRoot : NameFile; }
 
 QString ResourceFileDirectory::path() const
 {
@@ -85,8 +82,9 @@ std::string keptBy(const QString& inPath, int inErrno)
     QStringList shown = names.mid(0, 5);
     if (names.size() > 5)
         shown.append(QStringLiteral("and %1 more").arg(names.size() - 5));
-    return mcMessageText(QStringLiteral("%1: %2, still holds %3")
-                             .arg(inPath, QString::fromLocal8Bit(std::strerror(inErrno)), shown.join(QLatin1String(", "))));
+    return mcMessageText(
+        QStringLiteral("%1: %2, still holds %3")
+            .arg(inPath, QString::fromLocal8Bit(std::strerror(inErrno)), shown.join(QLatin1String(", "))));
 }
 }
 

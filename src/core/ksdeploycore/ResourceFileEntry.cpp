@@ -22,9 +22,9 @@ std::string linkDetail(const QString& inPath)
 
 // An "Internal Error" step whose condition is spelt as written against a fresh file object,
 // while the code asks the one it already holds; the line under it is built only on failure.
-#define KS_CHECK_AS(RESULT, OK, COND_TEXT, DETAIL)                                                       \
-    (static_cast<bool>(OK) ? false                                                                       \
-                           : ::McLib::checkStep((RESULT), false, __LINE__, __FILE__, __PRETTY_FUNCTION__, \
+#define KS_CHECK_AS(RESULT, OK, COND_TEXT, DETAIL)                                                                     \
+    (static_cast<bool>(OK) ? false                                                                                     \
+                           : ::McLib::checkStep((RESULT), false, __LINE__, __FILE__, __PRETTY_FUNCTION__,              \
                                                 "Internal Error", "cond[" COND_TEXT "]", false, (DETAIL)))
 
 ResourceFileEntry::~ResourceFileEntry() = default;
@@ -35,11 +35,13 @@ const Resource::PropertyTable& ResourceFileEntry::properties() const
 {
     static const PropertyTable sTable = [this] {
         PropertyTable t = Resource::properties();
-        propertyTableInsert(t, "MD5", new Property<Resource, ResourceFileEntry, BufferID>("MD5", -720, &ResourceFileEntry::bufferId,
-                                                                           &ResourceFileEntry::bufferIdSet));
+        propertyTableInsert(t, "MD5",
+                            new Property<Resource, ResourceFileEntry, BufferID>(
+                                "MD5", -720, &ResourceFileEntry::bufferId, &ResourceFileEntry::bufferIdSet));
         propertyTableInsert(t, "Executable",
-                 new Property<Resource, ResourceFileEntry, bool>("Executable", 0, &ResourceFileEntry::isExecutable,
-                                                                 &ResourceFileEntry::isExecutableSet));
+                            new Property<Resource, ResourceFileEntry, bool>("Executable", 0,
+                                                                            &ResourceFileEntry::isExecutable,
+                                                                            &ResourceFileEntry::isExecutableSet));
         return t;
     }();
     return sTable;
@@ -138,7 +140,8 @@ McResult ResourceFileEntry::scan()
     // One look at the path serves the link check, existence and the mode.
     const QFileInfo info(fullPath);
     if (!MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error") &&
-        !KS_CHECK_AS(retVal, !info.isSymLink(), "!QFileInfo(fullPath).isSymLink()", linkDetail(fullPath)))
+                                            !KS_CHECK_AS(retVal, !info.isSymLink(), "!QFileInfo(fullPath).isSymLink()",
+                                                         linkDetail(fullPath)))
     {
         if (!info.exists())
             absenceFound();

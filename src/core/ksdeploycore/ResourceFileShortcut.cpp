@@ -16,10 +16,12 @@ const Resource::PropertyTable& ResourceFileShortcut::properties() const
 {
     static const PropertyTable sTable = [this] {
         PropertyTable t = Resource::properties();
-        propertyTableInsert(t, "Args", new Property<Resource, ResourceFileShortcut, QString>(
-                             "Args", 0, &ResourceFileShortcut::arguments, &ResourceFileShortcut::argumentsSet));
-        propertyTableInsert(t, "Desc", new Property<Resource, ResourceFileShortcut, QString>(
-                             "Desc", 0, &ResourceFileShortcut::description, &ResourceFileShortcut::descriptionSet));
+        propertyTableInsert(t, "Args",
+                            new Property<Resource, ResourceFileShortcut, QString>(
+                                "Args", 0, &ResourceFileShortcut::arguments, &ResourceFileShortcut::argumentsSet));
+        propertyTableInsert(t, "Desc",
+                            new Property<Resource, ResourceFileShortcut, QString>(
+                                "Desc", 0, &ResourceFileShortcut::description, &ResourceFileShortcut::descriptionSet));
         return t;
     }();
     return sTable;
@@ -60,10 +62,10 @@ McResult ResourceFileShortcut::install()
     if (MC_CHECK(retVal, !linkPath.isEmpty(), "Internal Error"))
         return retVal;
     // A longer text would be cut by the shell and never verify: refused instead of written.
-    if (MC_CHECK_TEXT(retVal, arguments().size() <= 1024 && description().size() <= 1024,
-                      "arguments().size() <= 1024 && description().size() <= 1024",
-                      QStringLiteral("shortcut '%1': arguments and description are limited to 1024 characters")
-                          .arg(linkPath)))
+    if (MC_CHECK_TEXT(
+            retVal, arguments().size() <= 1024 && description().size() <= 1024,
+            "arguments().size() <= 1024 && description().size() <= 1024",
+            QStringLiteral("shortcut '%1': arguments and description are limited to 1024 characters").arg(linkPath)))
         return retVal;
     const McHandle<ResourceFileEntry> entry = target();
     if (MC_CHECK(retVal, entry.isNotNull(), "Internal Error"))

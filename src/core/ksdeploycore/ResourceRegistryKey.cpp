@@ -11,10 +11,7 @@ using namespace KsDeploy;
 
 ResourceRegistryKey::~ResourceRegistryKey() = default;
 
-Resource::NameRule ResourceRegistryKey::nameRule() const
-{
-    return container().isNull() ? NameKeyRoot : NameKey;
-}
+Resource::NameRule ResourceRegistryKey::nameRule() const { return container().isNull() ? NameKeyRoot : NameKey; }
 
 QString ResourceRegistryKey::path() const
 {
@@ -128,7 +125,8 @@ McResult ResourceRegistryKey::queryValues(McDArray<McHandle<ResourceRegistryValu
         const auto type = static_cast<ResourceRegistryValue::Type>(v.type);
         value->nameSet(QString::fromLatin1(v.name.data(), static_cast<int>(v.name.size())));
         value->typeSet(type);
-        value->valueSet(ResourceRegistryValue::binaryToString(QByteArray(v.data.data(), static_cast<int>(v.data.size())), type));
+        value->valueSet(
+            ResourceRegistryValue::binaryToString(QByteArray(v.data.data(), static_cast<int>(v.data.size())), type));
         value->containerSet(self);
         outValues.append(value);
     }

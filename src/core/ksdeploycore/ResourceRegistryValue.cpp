@@ -60,10 +60,12 @@ const Resource::PropertyTable& ResourceRegistryValue::properties() const
 {
     static const PropertyTable sTable = [this] {
         PropertyTable t = Resource::properties();
-        propertyTableInsert(t, "Type", new Property<Resource, ResourceRegistryValue, Type>("Type", -510, &ResourceRegistryValue::type,
-                                                                            &ResourceRegistryValue::typeSet));
-        propertyTableInsert(t, "Value", new Property<Resource, ResourceRegistryValue, QString>(
-                              "Value", 10, &ResourceRegistryValue::value, &ResourceRegistryValue::valueSet));
+        propertyTableInsert(t, "Type",
+                            new Property<Resource, ResourceRegistryValue, Type>(
+                                "Type", -510, &ResourceRegistryValue::type, &ResourceRegistryValue::typeSet));
+        propertyTableInsert(t, "Value",
+                            new Property<Resource, ResourceRegistryValue, QString>(
+                                "Value", 10, &ResourceRegistryValue::value, &ResourceRegistryValue::valueSet));
         return t;
     }();
     return sTable;
@@ -159,7 +161,8 @@ QByteArray ResourceRegistryValue::binaryFromString(const QString& inValue, Type 
     {
         MC_ASSERT(inValue.size()%2==0);
         QByteArray out(inValue.size() / 2, '\0');
-        if (!McCoder::hexStringToData(reinterpret_cast<unsigned char*>(out.data()), McString(inValue.toLatin1().toStdString())))
+        if (!McCoder::hexStringToData(reinterpret_cast<unsigned char*>(out.data()),
+                                      McString(inValue.toLatin1().toStdString())))
             return QByteArray();
         return out;
     }
@@ -247,7 +250,8 @@ McResult ResourceRegistryValue::readRaw(const ResourceRegistryKey& inKey, Type& 
     return retVal;
 }
 
-McResult ResourceRegistryValue::readFromRegistry(const ResourceRegistryKey& inKey, Type& outType, QString& outValue) const
+McResult ResourceRegistryValue::readFromRegistry(const ResourceRegistryKey& inKey, Type& outType,
+                                                 QString& outValue) const
 {
     QByteArray data;
     McResult retVal = readRaw(inKey, outType, data);
@@ -273,9 +277,8 @@ McResult ResourceRegistryValue::install()
                       QStringLiteral("registry value '%1': %2").arg(path(), problem)))
         return retVal;
     const QByteArray data = binaryFromString(value(), type());
-    KS_CHECK_REGISTRY(retVal, at.registry->valueSet(at.root, at.path, valueName,
-                                                 static_cast<unsigned long>(type()),
-                                                 std::string(data.constData(), static_cast<size_t>(data.size()))));
+    KS_CHECK_REGISTRY(retVal, at.registry->valueSet(at.root, at.path, valueName, static_cast<unsigned long>(type()),
+                                                    std::string(data.constData(), static_cast<size_t>(data.size()))));
     return retVal;
 }
 
@@ -311,8 +314,8 @@ McResult ResourceRegistryValue::verify()
     // Both sides in the canonical text form of the described type, so "FF" and "ff" are the
     // same binary value and a value of another type is reported as that, not as other data.
     const QString currValue = binaryToString(currData, type());
-    const QString expected = textProblem(value(), type()).isEmpty() ? binaryToString(binaryFromString(value(), type()), type())
-                                                                    : value();
+    const QString expected =
+        textProblem(value(), type()).isEmpty() ? binaryToString(binaryFromString(value(), type()), type()) : value();
     MC_CHECK_TEXT(retVal, currType == type(), "currType==type()", "Internal Error");
     MC_CHECK_TEXT(retVal, currValue == expected, "currValue==value()", "Internal Error");
     return retVal;

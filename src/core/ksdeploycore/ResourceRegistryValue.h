@@ -62,7 +62,8 @@ public:
 
 private:
     // The place of inKey and this value's resolved name in it.
-    McResult locate(const ResourceRegistryKey& inKey, ResourceRegistryKey::Place& outKey, std::string& outValueName) const;
+    McResult locate(const ResourceRegistryKey& inKey, ResourceRegistryKey::Place& outKey,
+                    std::string& outValueName) const;
     // The live type and raw bytes of this value under inKey.
     McResult readRaw(const ResourceRegistryKey& inKey, Type& outType, QByteArray& outData) const;
 

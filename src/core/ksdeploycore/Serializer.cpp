@@ -82,11 +82,13 @@ McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resour
         {
             Resource* source = engine.resource(l.source);
             McResult report;
-            MC_CHECK_TEXT(report, source != nullptr, "false",
-                          QStringLiteral("Unable to resolve resource UUID '%1'").arg(l.source.toString(QUuid::WithBraces)));
+            MC_CHECK_TEXT(
+                report, source != nullptr, "false",
+                QStringLiteral("Unable to resolve resource UUID '%1'").arg(l.source.toString(QUuid::WithBraces)));
             Resource* target = engine.resource(l.target);
-            MC_CHECK_TEXT(report, target != nullptr, "false",
-                          QStringLiteral("Unable to resolve resource UUID '%1'").arg(l.target.toString(QUuid::WithBraces)));
+            MC_CHECK_TEXT(
+                report, target != nullptr, "false",
+                QStringLiteral("Unable to resolve resource UUID '%1'").arg(l.target.toString(QUuid::WithBraces)));
             if (source && target)
                 source->linkAdd(*target, l.name);
         }

@@ -186,9 +186,9 @@ void WidgetProgress::dialogUpdate()
     const double scaled = static_cast<double>(mUi->mProgress->maximum()) * static_cast<double>(progress());
     int value = INT_MIN;
     if (!std::isnan(scaled))
-        value = scaled >= static_cast<double>(INT_MAX) ? INT_MAX
+        value = scaled >= static_cast<double>(INT_MAX)   ? INT_MAX
                 : scaled <= static_cast<double>(INT_MIN) ? INT_MIN
-                                                          : static_cast<int>(scaled);
+                                                         : static_cast<int>(scaled);
     mUi->mProgress->setValue(value);
     mLauncherEntry.progressSet(static_cast<double>(progress()));
     eventsProcess(false);

@@ -19,13 +19,13 @@ inline uint32_t load32(const unsigned char* p)
     return v;
 }
 
-#define MD5_F(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
+#define MD5_F(x, y, z)                   ((z) ^ ((x) & ((y) ^ (z))))
 // Only one operation waits for the newest word of the state (b in a step): H starts from the two
 // older words, and G's two halves never share a bit, so they are added one by one (MD5_STEP_G).
-#define MD5_H(x, y, z) (((y) ^ (z)) ^ (x))
-#define MD5_I(x, y, z) ((y) ^ ((x) | ~(z)))
+#define MD5_H(x, y, z)                   (((y) ^ (z)) ^ (x))
+#define MD5_I(x, y, z)                   ((y) ^ ((x) | ~(z)))
 #define MD5_STEP(f, a, b, c, d, x, t, s) (a) = (b) + rotl((a) + (x) + (t) + f((b), (c), (d)), (s))
-#define MD5_STEP_G(a, b, c, d, x, t, s) (a) = (b) + rotl((a) + (x) + (t) + ((c) & ~(d)) + ((b) & (d)), (s))
+#define MD5_STEP_G(a, b, c, d, x, t, s)  (a) = (b) + rotl((a) + (x) + (t) + ((c) & ~(d)) + ((b) & (d)), (s))
 }
 
 McCoder::McCoder() { crcMD5Init(); }

@@ -15,7 +15,8 @@ public:
     void crcMD5Query(unsigned char outDigest[16]) const;
 
     // Writes 2 digits per byte; lower case when inLowerCase (the cache's item names rely on it).
-    static void dataToHexString(const unsigned char* inData, unsigned int inLength, McString& outText, bool inLowerCase);
+    static void dataToHexString(const unsigned char* inData, unsigned int inLength, McString& outText,
+                                bool inLowerCase);
     // Decodes pairs of digits of either case; returns false on a bad digit or odd length.
     static bool hexStringToData(unsigned char* outData, const McString& inText);
 

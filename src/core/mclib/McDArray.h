@@ -195,7 +195,7 @@ public:
             return;
         }
         reserve(inSize);
-        mSize = inSize; // slots beyond the old size are zero already
+        mSize = inSize;  // slots beyond the old size are zero already
     }
 
     void reserve(int64_t inCapacity)
@@ -226,7 +226,8 @@ private:
             return;
         if constexpr (McIsRelocatable<T>::value)
         {
-            std::memmove(static_cast<void*>(inDst), static_cast<const void*>(inSrc), sizeof(T) * static_cast<size_t>(n));
+            std::memmove(static_cast<void*>(inDst), static_cast<const void*>(inSrc),
+                         sizeof(T) * static_cast<size_t>(n));
         }
         else if (inDst < inSrc)
         {

@@ -24,9 +24,11 @@ void dbcReport(DbCEventType inType, bool inOk, const char* inCondition, const ch
                const char* inPrettyFunction);
 }
 
-#define MC_DBC_(TYPE, COND) ::McLib::dbcReport((TYPE), static_cast<bool>(COND), #COND, __FILE__, __LINE__, __PRETTY_FUNCTION__)
+#define MC_DBC_(TYPE, COND)                                                                                            \
+    ::McLib::dbcReport((TYPE), static_cast<bool>(COND), #COND, __FILE__, __LINE__, __PRETTY_FUNCTION__)
 #define MC_REQUIRE(COND) MC_DBC_(DbCPrecondition, COND)
-#define MC_ENSURE(COND) MC_DBC_(DbCPostcondition, COND)
-#define MC_ASSERT(COND) MC_DBC_(DbCCheck, COND)
+#define MC_ENSURE(COND)  MC_DBC_(DbCPostcondition, COND)
+#define MC_ASSERT(COND)  MC_DBC_(DbCCheck, COND)
 // Contract event whose text differs from the expression evaluated (e.g. a fixed "0").
-#define MC_DBC_TEXT(TYPE, OK, TEXT) ::McLib::dbcReport((TYPE), static_cast<bool>(OK), (TEXT), __FILE__, __LINE__, __PRETTY_FUNCTION__)
+#define MC_DBC_TEXT(TYPE, OK, TEXT)                                                                                    \
+    ::McLib::dbcReport((TYPE), static_cast<bool>(OK), (TEXT), __FILE__, __LINE__, __PRETTY_FUNCTION__)

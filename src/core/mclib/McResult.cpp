@@ -16,18 +16,13 @@ std::vector<McResult::NotificationCallback>& callbacks()
 
 McResult::McResult(Code inCode, int inLine, const char* inFileAndFunction, const char* inMessage,
                    const char* inCondition)
-    : mCode(inCode)
-    , mLine(inLine)
-    , mLocation(inFileAndFunction ? inFileAndFunction : "")
-    , mMessage(inMessage ? inMessage : "")
-    , mCondition(inCondition ? inCondition : "")
+    : mCode(inCode), mLine(inLine), mLocation(inFileAndFunction ? inFileAndFunction : ""),
+      mMessage(inMessage ? inMessage : ""), mCondition(inCondition ? inCondition : "")
 {
 }
 
 McResult::McResult(Code inCode, const char* inMessage, const char* inCondition)
-    : mCode(inCode)
-    , mMessage(inMessage ? inMessage : "")
-    , mCondition(inCondition ? inCondition : "")
+    : mCode(inCode), mMessage(inMessage ? inMessage : ""), mCondition(inCondition ? inCondition : "")
 {
 }
 
@@ -212,10 +207,7 @@ bool McLib::checkStep(McResult& inoutResult, bool inCondition, int inLine, const
     return failed;
 }
 
-std::string McLib::osDetail(const std::string& inPath, int inErrno)
-{
-    return inPath + ": " + std::strerror(inErrno);
-}
+std::string McLib::osDetail(const std::string& inPath, int inErrno) { return inPath + ": " + std::strerror(inErrno); }
 
 namespace
 {
@@ -223,10 +215,7 @@ namespace
 thread_local std::string tDetail;
 }
 
-void McLib::detailKeep(const std::string& inDetail)
-{
-    tDetail = inDetail;
-}
+void McLib::detailKeep(const std::string& inDetail) { tDetail = inDetail; }
 
 std::string McLib::detailTaken()
 {

@@ -67,9 +67,9 @@ std::string fileBaseName(const char* inFile);
 
 // Builds the code-2 failure for a condition and reports it; makes inoutResult bad.
 // Returns true when the condition failed.
-bool checkStep(McResult& inoutResult, bool inCondition, int inLine, const char* inFile,
-               const char* inPrettyFunction, const std::string& inMessage, const char* inConditionText,
-               bool inWin = false, const std::string& inDetail = std::string());
+bool checkStep(McResult& inoutResult, bool inCondition, int inLine, const char* inFile, const char* inPrettyFunction,
+               const std::string& inMessage, const char* inConditionText, bool inWin = false,
+               const std::string& inDetail = std::string());
 // "<path>: <reason of inErrno>", the detail line of a failed file-system call.
 std::string osDetail(const std::string& inPath, int inErrno);
 }
@@ -87,30 +87,30 @@ inline std::string mcMessageText(const std::string& inText) { return inText; }
 
 // One-line checked step: evaluates COND once; on failure reports a code-2 result with
 // line, location, MESSAGE and "cond[COND]" through Ks::fail, makes RESULT bad and yields true.
-#define MC_CHECK(RESULT, COND, MESSAGE)                                                                  \
-    ::McLib::checkStep((RESULT), static_cast<bool>(COND), __LINE__, __FILE__, __PRETTY_FUNCTION__,       \
+#define MC_CHECK(RESULT, COND, MESSAGE)                                                                                \
+    ::McLib::checkStep((RESULT), static_cast<bool>(COND), __LINE__, __FILE__, __PRETTY_FUNCTION__,                     \
                        mcMessageText(MESSAGE), "cond[" #COND "]")
 
 // Same, with a condition text that differs from the expression evaluated.
-#define MC_CHECK_TEXT(RESULT, OK, COND_TEXT, MESSAGE)                                                    \
-    ::McLib::checkStep((RESULT), static_cast<bool>(OK), __LINE__, __FILE__, __PRETTY_FUNCTION__,         \
+#define MC_CHECK_TEXT(RESULT, OK, COND_TEXT, MESSAGE)                                                                  \
+    ::McLib::checkStep((RESULT), static_cast<bool>(OK), __LINE__, __FILE__, __PRETTY_FUNCTION__,                       \
                        mcMessageText(MESSAGE), "cond[" COND_TEXT "]")
 
 // Same, after an operating-system call (Ks::failWin).
-#define MC_CHECK_WIN(RESULT, COND, MESSAGE)                                                              \
-    ::McLib::checkStep((RESULT), static_cast<bool>(COND), __LINE__, __FILE__, __PRETTY_FUNCTION__,       \
+#define MC_CHECK_WIN(RESULT, COND, MESSAGE)                                                                            \
+    ::McLib::checkStep((RESULT), static_cast<bool>(COND), __LINE__, __FILE__, __PRETTY_FUNCTION__,                     \
                        mcMessageText(MESSAGE), "cond[" #COND "]", true)
 
 // Same, with a detail line (see McResult::detail). DETAIL is evaluated only when COND failed, and
 // before anything else runs, so it may read errno.
-#define MC_CHECK_DETAIL(RESULT, COND, MESSAGE, DETAIL)                                                   \
-    (static_cast<bool>(COND)                                                                             \
-         ? false                                                                                         \
-         : (::McLib::detailKeep(DETAIL),                                                                 \
-            ::McLib::checkStep((RESULT), false, __LINE__, __FILE__, __PRETTY_FUNCTION__,                 \
-                               mcMessageText(MESSAGE), "cond[" #COND "]", false, ::McLib::detailTaken())))
+#define MC_CHECK_DETAIL(RESULT, COND, MESSAGE, DETAIL)                                                                 \
+    (static_cast<bool>(COND)                                                                                           \
+         ? false                                                                                                       \
+         : (::McLib::detailKeep(DETAIL),                                                                               \
+            ::McLib::checkStep((RESULT), false, __LINE__, __FILE__, __PRETTY_FUNCTION__, mcMessageText(MESSAGE),       \
+                               "cond[" #COND "]", false, ::McLib::detailTaken())))
 
 // A code-2 failure result for COND without reporting it (for callers that chain it).
-#define MC_FAILURE(COND_TEXT, MESSAGE)                                                                   \
-    McResult(McResult::CodeFailMessage, __LINE__, ::McLib::location(__FILE__, __PRETTY_FUNCTION__).c_str(), \
+#define MC_FAILURE(COND_TEXT, MESSAGE)                                                                                 \
+    McResult(McResult::CodeFailMessage, __LINE__, ::McLib::location(__FILE__, __PRETTY_FUNCTION__).c_str(),            \
              mcMessageText(MESSAGE).c_str(), "cond[" COND_TEXT "]")

@@ -22,12 +22,23 @@ std::string escapeValue(const std::string& inText)
         const char c = inText[i];
         switch (c)
         {
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\t': out += "\\t"; break;
-        case '\r': out += "\\r"; break;
-        case ' ': out += i == 0 ? "\\s" : " "; break;  // a leading blank would be dropped
-        default: out += c;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case ' ':
+            out += i == 0 ? "\\s" : " ";
+            break;  // a leading blank would be dropped
+        default:
+            out += c;
         }
     }
     return out;
@@ -47,12 +58,24 @@ std::string unescapeValue(const std::string& inText)
         const char n = inText[++i];
         switch (n)
         {
-        case 's': out += ' '; break;
-        case 'n': out += '\n'; break;
-        case 't': out += '\t'; break;
-        case 'r': out += '\r'; break;
-        case '\\': out += '\\'; break;
-        default: out += '\\'; out += n;
+        case 's':
+            out += ' ';
+            break;
+        case 'n':
+            out += '\n';
+            break;
+        case 't':
+            out += '\t';
+            break;
+        case 'r':
+            out += '\r';
+            break;
+        case '\\':
+            out += '\\';
+            break;
+        default:
+            out += '\\';
+            out += n;
         }
     }
     return out;
@@ -289,7 +312,8 @@ Status desktopEntryDecode(const std::string& inText, ShortcutData& outData)
     data.target = args[0];
     // The kept text counts only while it still says what Exec says.
     std::vector<std::string> kept;
-    if (hasKeptArguments && commandLineSplit(keptArguments, kept) && kept == std::vector<std::string>(args.begin() + 1, args.end()))
+    if (hasKeptArguments && commandLineSplit(keptArguments, kept) &&
+        kept == std::vector<std::string>(args.begin() + 1, args.end()))
         data.arguments = keptArguments;
     else
         data.arguments = joinCommandLine(args, 1);

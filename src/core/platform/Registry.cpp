@@ -2,8 +2,8 @@
 
 namespace
 {
-const char* const sRootNames[] = {"HKEY_CLASSES_ROOT", "HKEY_CURRENT_CONFIG", "HKEY_CURRENT_USER",
-                                  "HKEY_LOCAL_MACHINE", "HKEY_USERS"};
+const char* const sRootNames[] = {"HKEY_CLASSES_ROOT", "HKEY_CURRENT_CONFIG", "HKEY_CURRENT_USER", "HKEY_LOCAL_MACHINE",
+                                  "HKEY_USERS"};
 }
 
 bool KsPlatform::registryRootFromName(const std::string& inName, RegistryRoot& outRoot)

@@ -19,27 +19,27 @@ const int sBusyTimeoutMs = 15000;
 const size_t sMaxKeyNameLength = 255;
 const size_t sMaxValueNameLength = 16383;
 
-const char* const sSchema =
-    "CREATE TABLE registry_key ("
-    " id INTEGER PRIMARY KEY,"
-    " parent INTEGER NOT NULL,"
-    " name TEXT NOT NULL COLLATE NOCASE,"
-    " UNIQUE (parent, name));"
-    "CREATE TABLE registry_value ("
-    " key INTEGER NOT NULL REFERENCES registry_key(id),"
-    " name TEXT NOT NULL COLLATE NOCASE,"
-    " type INTEGER NOT NULL,"
-    " data BLOB NOT NULL,"
-    " PRIMARY KEY (key, name)) WITHOUT ROWID;"
-    "INSERT INTO registry_key (id, parent, name) VALUES"
-    " (1, 0, 'HKEY_CLASSES_ROOT'), (2, 0, 'HKEY_CURRENT_CONFIG'), (3, 0, 'HKEY_CURRENT_USER'),"
-    " (4, 0, 'HKEY_LOCAL_MACHINE'), (5, 0, 'HKEY_USERS');"
-    "PRAGMA application_id = 1263751751;"
-    "PRAGMA user_version = 1;";
+const char* const sSchema = "CREATE TABLE registry_key ("
+                            " id INTEGER PRIMARY KEY,"
+                            " parent INTEGER NOT NULL,"
+                            " name TEXT NOT NULL COLLATE NOCASE,"
+                            " UNIQUE (parent, name));"
+                            "CREATE TABLE registry_value ("
+                            " key INTEGER NOT NULL REFERENCES registry_key(id),"
+                            " name TEXT NOT NULL COLLATE NOCASE,"
+                            " type INTEGER NOT NULL,"
+                            " data BLOB NOT NULL,"
+                            " PRIMARY KEY (key, name)) WITHOUT ROWID;"
+                            "INSERT INTO registry_key (id, parent, name) VALUES"
+                            " (1, 0, 'HKEY_CLASSES_ROOT'), (2, 0, 'HKEY_CURRENT_CONFIG'), (3, 0, 'HKEY_CURRENT_USER'),"
+                            " (4, 0, 'HKEY_LOCAL_MACHINE'), (5, 0, 'HKEY_USERS');"
+                            "PRAGMA application_id = 1263751751;"
+                            "PRAGMA user_version = 1;";
 
 std::string fromDb(const unsigned char* inText, int inBytes)
 {
-    const std::string utf8(inText ? reinterpret_cast<const char*>(inText) : "", inText ? static_cast<size_t>(inBytes) : 0);
+    const std::string utf8(inText ? reinterpret_cast<const char*>(inText) : "",
+                           inText ? static_cast<size_t>(inBytes) : 0);
     std::string latin1;
     // A name put in by hand with characters beyond Latin-1 is passed on as it is.
     return utf8ToLatin1(utf8, latin1) ? latin1 : utf8;
@@ -64,8 +64,8 @@ public:
     Status keyOpen(RegistryRoot inRoot, const std::string& inPath) override;
     Status keyCreate(RegistryRoot inRoot, const std::string& inPath) override;
     Status keyDelete(RegistryRoot inRoot, const std::string& inPath) override;
-    Status valueSet(RegistryRoot inRoot, const std::string& inKeyPath, const std::string& inName,
-                    unsigned long inType, const std::string& inData) override;
+    Status valueSet(RegistryRoot inRoot, const std::string& inKeyPath, const std::string& inName, unsigned long inType,
+                    const std::string& inData) override;
     Status valueQuery(RegistryRoot inRoot, const std::string& inKeyPath, const std::string& inName,
                       unsigned long& outType, std::string& outData) override;
     Status valueDelete(RegistryRoot inRoot, const std::string& inKeyPath, const std::string& inName) override;
@@ -134,7 +134,8 @@ Status RegistrySqlite::failure(int inRc, const std::string& inWhat) const
                                              std::to_string(mWaitLimitMs) + " ms)");
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-        return Status::bad(RegistryCorrupt, store + " is damaged (" + detail + "); it was left as it is: restore it "
+        return Status::bad(RegistryCorrupt, store + " is damaged (" + detail +
+                                                "); it was left as it is: restore it "
                                                 "from a backup or move it away");
     default:
         return Status::bad(RegistryIoFailed, store + ": " + inWhat + " failed (" + detail + ")");
@@ -170,8 +171,9 @@ Status RegistrySqlite::init()
     int tables = 0;
     const auto readHeader = [&]() -> int {
         int rc;
-        for (const auto& q : {std::make_pair("PRAGMA application_id", &appId), std::make_pair("PRAGMA user_version", &version),
-                              std::make_pair("SELECT count(*) FROM sqlite_master", &tables)})
+        for (const auto& q :
+             {std::make_pair("PRAGMA application_id", &appId), std::make_pair("PRAGMA user_version", &version),
+              std::make_pair("SELECT count(*) FROM sqlite_master", &tables)})
         {
             sqlite3_stmt* stmt = nullptr;
             rc = sqlite3_prepare_v2(mDb, q.first, -1, &stmt, nullptr);
@@ -227,7 +229,8 @@ Status RegistrySqlite::init()
 
 std::string RegistrySqlite::fullPath(RegistryRoot inRoot, const std::string& inPath) const
 {
-    return inPath.empty() ? std::string(registryRootName(inRoot)) : std::string(registryRootName(inRoot)) + "\\" + inPath;
+    return inPath.empty() ? std::string(registryRootName(inRoot))
+                          : std::string(registryRootName(inRoot)) + "\\" + inPath;
 }
 
 Status RegistrySqlite::keyId(RegistryRoot inRoot, const std::string& inPath, bool inCreate, sqlite3_int64& outId)
@@ -265,8 +268,8 @@ Status RegistrySqlite::keyId(RegistryRoot inRoot, const std::string& inPath, boo
                 return failure(rc, "looking up '" + fullPath(inRoot, inPath) + "'");
         }
         if (!inCreate)
-            return Status::bad(RegistryNotFound, "registry key '" + fullPath(inRoot, inPath.substr(0, end)) +
-                                                     "' does not exist");
+            return Status::bad(RegistryNotFound,
+                               "registry key '" + fullPath(inRoot, inPath.substr(0, end)) + "' does not exist");
         Use insert(*this, "INSERT INTO registry_key (parent, name) VALUES (?1, ?2)");
         if (!insert.get())
             return failure(insert.prepareResult(), "creating a key");
@@ -308,8 +311,8 @@ Status RegistrySqlite::keyCreate(RegistryRoot inRoot, const std::string& inPath)
 Status RegistrySqlite::keyDelete(RegistryRoot inRoot, const std::string& inPath)
 {
     if (inPath.empty())
-        return Status::bad(RegistryAccessDenied, std::string("the registry root '") + registryRootName(inRoot) +
-                                                     "' cannot be deleted");
+        return Status::bad(RegistryAccessDenied,
+                           std::string("the registry root '") + registryRootName(inRoot) + "' cannot be deleted");
     Status s = transactionBegin();
     if (s.isBad())
         return s;
@@ -323,8 +326,8 @@ Status RegistrySqlite::keyDelete(RegistryRoot inRoot, const std::string& inPath)
         sqlite3_bind_int64(children.get(), 1, id);
         const int rc = sqlite3_step(children.get());
         if (rc == SQLITE_ROW)
-            s = Status::bad(RegistryAccessDenied, "registry key '" + fullPath(inRoot, inPath) +
-                                                      "' still has subkeys and cannot be deleted");
+            s = Status::bad(RegistryAccessDenied,
+                            "registry key '" + fullPath(inRoot, inPath) + "' still has subkeys and cannot be deleted");
         else if (rc != SQLITE_DONE)
             s = failure(rc, "deleting '" + fullPath(inRoot, inPath) + "'");
     }
@@ -390,8 +393,8 @@ Status RegistrySqlite::valueQuery(RegistryRoot inRoot, const std::string& inKeyP
     sqlite3_bind_text(q.get(), 2, name.data(), static_cast<int>(name.size()), SQLITE_STATIC);
     const int rc = sqlite3_step(q.get());
     if (rc == SQLITE_DONE)
-        return Status::bad(RegistryNotFound, "registry value '" + fullPath(inRoot, inKeyPath) + "\\" + inName +
-                                                 "' does not exist");
+        return Status::bad(RegistryNotFound,
+                           "registry value '" + fullPath(inRoot, inKeyPath) + "\\" + inName + "' does not exist");
     if (rc != SQLITE_ROW)
         return failure(rc, "reading '" + fullPath(inRoot, inKeyPath) + "\\" + inName + "'");
     outType = static_cast<unsigned long>(sqlite3_column_int64(q.get(), 0));
@@ -420,8 +423,8 @@ Status RegistrySqlite::valueDelete(RegistryRoot inRoot, const std::string& inKey
         if (rc != SQLITE_DONE)
             s = failure(rc, "deleting '" + fullPath(inRoot, inKeyPath) + "\\" + inName + "'");
         else if (sqlite3_changes(mDb) == 0)
-            s = Status::bad(RegistryNotFound, "registry value '" + fullPath(inRoot, inKeyPath) + "\\" + inName +
-                                                  "' does not exist");
+            s = Status::bad(RegistryNotFound,
+                            "registry value '" + fullPath(inRoot, inKeyPath) + "\\" + inName + "' does not exist");
     }
     return finish(s);
 }
@@ -493,8 +496,8 @@ Status RegistrySqlite::transactionCommit()
     {
         // SQLite already rolled everything back after a failed write (disk full, I/O error).
         --mDepth;
-        return Status::bad(RegistryIoFailed, "registry store '" + mPath +
-                                                 "': the change was abandoned after an earlier failure");
+        return Status::bad(RegistryIoFailed,
+                           "registry store '" + mPath + "': the change was abandoned after an earlier failure");
     }
     if (mDepth > 1)
     {

@@ -241,9 +241,11 @@ Status shellLinkDecode(const std::string& inBytes, ShortcutData& outData)
     const bool unicode = (flags & IsUnicode) != 0;
     std::string relativePath;
     std::string icon;
-    const std::pair<std::uint32_t, std::string*> strings[] = {
-        {HasName, &data.description},   {HasRelativePath, &relativePath}, {HasWorkingDir, &data.workingDirectory},
-        {HasArguments, &data.arguments}, {HasIconLocation, &icon}};
+    const std::pair<std::uint32_t, std::string*> strings[] = {{HasName, &data.description},
+                                                              {HasRelativePath, &relativePath},
+                                                              {HasWorkingDir, &data.workingDirectory},
+                                                              {HasArguments, &data.arguments},
+                                                              {HasIconLocation, &icon}};
     for (const auto& s : strings)
         if ((flags & s.first) && !r.takeString(unicode, *s.second))
             return damaged("truncated string data");

@@ -122,8 +122,8 @@ Status shortcutWrite(const std::string& inPath, const ShortcutData& inData)
     if (kind == ShortcutKind::Unknown)
         return Status::bad(EINVAL, "'" + inPath + "': a shortcut's name must end in \".lnk\" or \".desktop\"");
     if (inData.target.empty() || inData.target[0] != '/')
-        return Status::bad(EINVAL, "the shortcut '" + inPath + "' needs an absolute target path, not '" +
-                                       inData.target + "'");
+        return Status::bad(EINVAL,
+                           "the shortcut '" + inPath + "' needs an absolute target path, not '" + inData.target + "'");
     struct stat st;
     if (stat(inData.target.c_str(), &st) != 0)
         return systemError(errno, "the target '" + inData.target + "' of the shortcut '" + inPath + "' is missing");

@@ -1,8 +1,8 @@
 #include "SpecialFolders.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <pwd.h>
@@ -60,35 +60,68 @@ bool KsPlatform::specialFolderPath(int inCsidl, std::string& outPath)
 {
     switch (inCsidl)
     {
-    case 0x00: // desktop
-    case 0x10: // desktop directory
+    case 0x00:  // desktop
+    case 0x10:  // desktop directory
         outPath = userDir("DESKTOP", "Desktop");
         return true;
-    case 0x05: // personal
-    case 0x0C: // my documents
+    case 0x05:  // personal
+    case 0x0C:  // my documents
         outPath = userDir("DOCUMENTS", "Documents");
         return true;
-    case 0x0D: outPath = userDir("MUSIC", "Music"); return true;
-    case 0x27: outPath = userDir("PICTURES", "Pictures"); return true;
-    case 0x0E: outPath = userDir("VIDEOS", "Videos"); return true;
-    case 0x15: outPath = userDir("TEMPLATES", "Templates"); return true;
-    case 0x28: outPath = home(); return true;
-    case 0x14: outPath = dataHome() + "/fonts"; return true;
-    case 0x1A: outPath = configHome(); return true;        // application data (roams with the user)
-    case 0x1C: outPath = dataHome(); return true;          // local application data
-    case 0x20: outPath = cacheHome(); return true;         // internet cache
-    case 0x02:                                             // programs
-    case 0x0B: outPath = dataHome() + "/applications"; return true; // start menu
-    case 0x07: outPath = configHome() + "/autostart"; return true;  // startup
-    case 0x26:                                             // program files: a folder the user may write
-    case 0x2A: outPath = home() + "/.local/opt"; return true;
+    case 0x0D:
+        outPath = userDir("MUSIC", "Music");
+        return true;
+    case 0x27:
+        outPath = userDir("PICTURES", "Pictures");
+        return true;
+    case 0x0E:
+        outPath = userDir("VIDEOS", "Videos");
+        return true;
+    case 0x15:
+        outPath = userDir("TEMPLATES", "Templates");
+        return true;
+    case 0x28:
+        outPath = home();
+        return true;
+    case 0x14:
+        outPath = dataHome() + "/fonts";
+        return true;
+    case 0x1A:
+        outPath = configHome();
+        return true;  // application data (roams with the user)
+    case 0x1C:
+        outPath = dataHome();
+        return true;  // local application data
+    case 0x20:
+        outPath = cacheHome();
+        return true;  // internet cache
+    case 0x02:        // programs
+    case 0x0B:
+        outPath = dataHome() + "/applications";
+        return true;  // start menu
+    case 0x07:
+        outPath = configHome() + "/autostart";
+        return true;  // startup
+    case 0x26:        // program files: a folder the user may write
+    case 0x2A:
+        outPath = home() + "/.local/opt";
+        return true;
     case 0x2B:
-    case 0x2C: outPath = home() + "/.local/opt/Common Files"; return true;
-    case 0x23: outPath = "/etc/xdg"; return true;          // common application data
-    case 0x17:                                             // common programs
-    case 0x16: outPath = "/usr/local/share/applications"; return true; // common start menu
-    case 0x18: outPath = "/etc/xdg/autostart"; return true; // common startup
-    default: return false;
+    case 0x2C:
+        outPath = home() + "/.local/opt/Common Files";
+        return true;
+    case 0x23:
+        outPath = "/etc/xdg";
+        return true;  // common application data
+    case 0x17:        // common programs
+    case 0x16:
+        outPath = "/usr/local/share/applications";
+        return true;  // common start menu
+    case 0x18:
+        outPath = "/etc/xdg/autostart";
+        return true;  // common startup
+    default:
+        return false;
     }
 }
 
@@ -122,7 +155,8 @@ bool KsPlatform::userTempDir(std::string& outPath, std::string& outProblem)
     else if (!S_ISDIR(info.st_mode))
         outProblem = "not a directory (refused)";
     else if (info.st_uid != uid)
-        outProblem = "owned by uid " + std::to_string(info.st_uid) + ", not by uid " + std::to_string(uid) + " (refused)";
+        outProblem =
+            "owned by uid " + std::to_string(info.st_uid) + ", not by uid " + std::to_string(uid) + " (refused)";
     else if ((info.st_mode & 077) != 0)
     {
         char mode[8];

@@ -157,7 +157,7 @@ QString Command::usage(const QString& inCommandName, bool inShow)
                                "Commands run in the order given. '--help command=COMMAND' describes one "
                                "command.\n\nCommands:\n")
                     .arg(QCoreApplication::applicationName().isEmpty() ? QStringLiteral("ksdeploy")
-                                                                        : QCoreApplication::applicationName());
+                                                                       : QCoreApplication::applicationName());
         for (const QString& name : registeredNames())
         {
             const McHandle<Command> each = create(name);
@@ -208,8 +208,8 @@ QString CommandLine::syntaxCheck(const QList<QString>& inArguments, bool inIsCon
         else if (command.isEmpty())
             problem = QStringLiteral("argument '%1' of a command stream comes before its first command").arg(argument);
         else if (!argument.contains(QLatin1Char('=')))
-            problem = QStringLiteral("attribute '%1' of command '--%2' is not of the form name=value")
-                          .arg(argument, command);
+            problem =
+                QStringLiteral("attribute '%1' of command '--%2' is not of the form name=value").arg(argument, command);
         else
         {
             const QString name = argument.left(static_cast<int>(argument.indexOf(QLatin1Char('='))));

@@ -1,7 +1,7 @@
 #pragma once
-#include "QxGlobal.h"
 #include "McMD5.h"
 #include "QxDiskReserve.h"
+#include "QxGlobal.h"
 
 #include <QString>
 
@@ -37,10 +37,9 @@ public:
         FlagInPlace = 1,
         // The MD5 of the body is computed as it arrives (Request::md5), so nobody reads it again.
         FlagDigest = 2,
-        // With FlagInPlace: the body goes into a file without a name in the destination's folder, handed back open in Request::file
-        // for the caller to name (QxBase::File::linkNameless) once it is found good. Where the
-        // file system has no such files, the destination is written in place and
-        // Request::file stays -1.
+        // With FlagInPlace: the body goes into a file without a name in the destination's folder, handed back open in
+        // Request::file for the caller to name (QxBase::File::linkNameless) once it is found good. Where the file
+        // system has no such files, the destination is written in place and Request::file stays -1.
         FlagNameless = 4,
     };
 
@@ -65,12 +64,12 @@ public:
         std::function<long long(const char* inHead, size_t inSize)> limitOfHead;
         // Kept free on the destination's file system while the body arrives (ResultNoSpace).
         const QxBase::DiskReserve* reserve = nullptr;
-        int ms = 0;            // on return: the time taken
+        int ms = 0;  // on return: the time taken
         int result = ResultFailed;
-        QString error;         // the failure in words ("HTTP 404", "Couldn't connect to server", ...)
-        McLib::MD5 md5;        // with FlagDigest and a kept body: the MD5 of the bytes written
-        long long bytes = 0;   // the body's bytes written
-        int file = -1;         // with FlagNameless and a good result: the nameless file, the caller's to close
+        QString error;        // the failure in words ("HTTP 404", "Couldn't connect to server", ...)
+        McLib::MD5 md5;       // with FlagDigest and a kept body: the MD5 of the bytes written
+        long long bytes = 0;  // the body's bytes written
+        int file = -1;        // with FlagNameless and a good result: the nameless file, the caller's to close
     };
     void download(Request& inoutRequest);
     // Fetches a preferred copy and its fallback over two connections at once, so that the

@@ -13,8 +13,8 @@ bool widgetsAvailable() { return qobject_cast<QApplication*>(QCoreApplication::i
 
 void boxRun(QWidget* inParent, QxMessageBox::Icon inIcon, const QString& inCaption, const QString& inText)
 {
-    QMessageBox box(inIcon == QxMessageBox::IconWarning ? QMessageBox::Warning : QMessageBox::Information,
-                    inCaption, inText, QMessageBox::Ok, inParent);
+    QMessageBox box(inIcon == QxMessageBox::IconWarning ? QMessageBox::Warning : QMessageBox::Information, inCaption,
+                    inText, QMessageBox::Ok, inParent);
     box.setObjectName(QString::fromLatin1(QxMessageBox::sObjectName));
     box.setAccessibleName(inCaption.isEmpty() ? inText.section(QLatin1Char('\n'), 0, 0) : inCaption);
     box.setAccessibleDescription(inText);
