@@ -8,6 +8,7 @@
 // Sizes: KSDEPLOY_BENCH_QUICK=1 shrinks all; KSDEPLOY_BENCH_LZMA_MIB, _DIR_FILES, _PUBLISH_FILES,
 // _ITEMS and _BIG_MIB set one each.
 #include "BenchHarness.h"
+#include "BenchNginx.h"
 #include "Cache.h"
 #include "Common.h"
 #include "Engine.h"
@@ -15,7 +16,6 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
-#include <QProcess>
 
 #include <algorithm>
 #include <cmath>
@@ -82,43 +82,6 @@ void freshCache(const std::string& inDir)
     QDir().mkpath(QString::fromStdString(inDir));
     Engine::instance().pathToCacheSet(QString::fromStdString(inDir));
 }
-
-class Nginx
-{
-public:
-    explicit Nginx(const std::string& inRoot)
-    {
-        QByteArray src = qgetenv("KSDEPLOY_SOURCE_DIR");
-        const QString script = src.isEmpty()
-                                   ? QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/../tests/servers/nginx_server.py"
-                                   : QString::fromLocal8Bit(src) + "/tests/servers/nginx_server.py";
-        mProcess.start(QStringLiteral("python3"), {"-u", script, "--root", QString::fromStdString(inRoot)});
-        QByteArray out;
-        while (mProcess.waitForReadyRead(30000))
-        {
-            out += mProcess.readAllStandardOutput();
-            const int at = out.indexOf("PORT ");
-            if (at >= 0 && out.indexOf('\n', at) > 0)
-            {
-                mPort = out.mid(at + 5, out.indexOf('\n', at) - at - 5).toInt();
-                break;
-            }
-        }
-        if (mPort <= 0)
-            fail("nginx did not start: " + mProcess.readAllStandardError().toStdString());
-    }
-    ~Nginx()
-    {
-        mProcess.closeWriteChannel();
-        if (!mProcess.waitForFinished(10000))
-            mProcess.kill();
-    }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(mPort); }
-
-private:
-    QProcess mProcess;
-    int mPort = 0;
-};
 
 // A curl configuration that fetches every URL into the folder, in one process.
 void writeCurlList(const std::string& inList, const std::vector<std::string>& inUrls, const std::string& inOutDir,
@@ -255,7 +218,7 @@ std::vector<KsBench::Result> benchHttpItems(const std::string& inDir, int inItem
         check(fileCompress(QString::fromStdString(www + "/lzma/" + hex + ".lzma"), QString::fromStdString(www + "/plain/" + hex)),
               "fileCompress");
     }
-    Nginx nginx(www);
+    KsBench::BenchNginx nginx(www);
     std::vector<KsBench::Result> rows;
     for (const std::string kind : {"plain", "lzma"})
     {
@@ -309,7 +272,7 @@ KsBench::Result benchBigItem(const std::string& inDir, unsigned long long inByte
     KsBench::makeFile(tmp, inBytes, false, 77);
     const std::string hex = md5Hex(tmp);
     std::rename(tmp.c_str(), (www + "/" + hex).c_str());
-    Nginx nginx(www);
+    KsBench::BenchNginx nginx(www);
     const std::string url = nginx.url() + "/" + hex;
     const std::string out = inDir + "/curl.out";
     Cache& cache = Engine::instance().cache();
@@ -354,26 +317,26 @@ int main(int argc, char** argv)
     // items, big.
     if (KsBench::wanted("compress") || KsBench::wanted("decode"))
     {
-        const long long mib = KsBench::sizeFromEnv("KSDEPLOY_BENCH_LZMA_MIB", 256, 16);
+        const long long mib = KsBench::sizeFromEnv("KSDEPLOY_BENCH_LZMA_MIB", 256, 4);
         for (const auto& r : benchCompression(KsBench::scratchDir("cache-lzma"), static_cast<unsigned long long>(mib) << 20,
                                               KsBench::wanted("compress")))
             rows.push_back(r);
     }
     if (KsBench::wanted("directory"))
         rows.push_back(benchDirectory(KsBench::scratchDir("cache-dir"),
-                                      static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_DIR_FILES", 10000, 1000)),
-                                      (small ? 100ull : 1024ull) << 20));
+                                      static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_DIR_FILES", 10000, 300)),
+                                      (small ? 32ull : 1024ull) << 20));
     if (KsBench::wanted("publish"))
         rows.push_back(benchPublish(KsBench::scratchDir("cache-publish"),
                                     static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_PUBLISH_FILES", 200, 20)),
-                                    (small ? 8ull : 64ull) << 20));
+                                    (small ? 4ull : 64ull) << 20));
     if (KsBench::wanted("items"))
         for (const auto& r : benchHttpItems(KsBench::scratchDir("cache-items"),
                                             static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_ITEMS", 1000, 200))))
             rows.push_back(r);
     if (KsBench::wanted("big"))
         rows.push_back(benchBigItem(KsBench::scratchDir("cache-big"),
-                                    static_cast<unsigned long long>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_BIG_MIB", 512, 64)) << 20));
+                                    static_cast<unsigned long long>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_BIG_MIB", 512, 32)) << 20));
     const bool ok = KsBench::report(rows, "content cache (ratio = ours / peer, time)");
     Engine::instanceShutdown();
     return ok ? 0 : 1;

@@ -1,11 +1,10 @@
 // A product graph of 100,000 file entries in 2,000 directories (and one of 10,000 beside it):
 // saving and loading against xmllint reading the same file, pool teardown, and the memory a load
 // needs. KSDEPLOY_BENCH_GRAPH_ENTRIES sets the larger size.
+#include "BenchGraph.h"
 #include "BenchHarness.h"
 #include "Engine.h"
-#include "ResourceFileDirectory.h"
-#include "ResourceFileEntry.h"
-#include "ResourceProduct.h"
+#include "Resource.h"
 #include "XmlSerializer.h"
 
 #include <QCoreApplication>
@@ -26,33 +25,6 @@ using namespace KsDeploy;
 
 namespace
 {
-void generate(int inEntries, int inDirs)
-{
-    McHandle<ResourceFileDirectory> root(new ResourceFileDirectory);
-    root->nameSet(QStringLiteral("${TARGET}"));
-    McHandle<ResourceProduct> product(new ResourceProduct);
-    product->nameSet(QStringLiteral("Big"));
-    product->applicationDirectorySet(root);
-    McDArray<McHandle<ResourceFileDirectory>> dirs;
-    for (int d = 0; d < inDirs; ++d)
-    {
-        McHandle<ResourceFileDirectory> dir(new ResourceFileDirectory);
-        dir->nameSet(QStringLiteral("dir%1").arg(d));
-        dir->containerSet(d == 0 ? root : dirs[(d - 1) / 4]);
-        dirs.append(dir);
-    }
-    for (int i = 0; i < inEntries; ++i)
-    {
-        McHandle<ResourceFileEntry> entry(new ResourceFileEntry);
-        entry->nameSet(QStringLiteral("file%1.dat").arg(i));
-        entry->containerSet(dirs[i % inDirs]);
-        McLib::MD5 md5;
-        for (int b = 0; b < 16; ++b)
-            md5.data()[b] = static_cast<unsigned char>((i * 31 + b * 7) & 0xff);
-        entry->bufferIdSet(BufferID(md5));
-    }
-}
-
 long rssKiB()
 {
     FILE* f = std::fopen("/proc/self/statm", "r");
@@ -106,7 +78,7 @@ std::vector<KsBench::Result> rowsFor(int inEntries, int inDirs, const std::strin
     const std::string path = inDir + "/product-" + std::to_string(inEntries) + ".xml";
     const QString file = QString::fromStdString(path);
     const QString saved = QString::fromStdString(inDir + "/saved.xml");
-    generate(inEntries, inDirs);
+    KsBench::graphGenerate(inEntries, inDirs);
     {
         McDArray<McHandle<Resource>> all;
         engine.resources(all);
