@@ -164,13 +164,34 @@ bool Resource::folderIsSymbolicLink(const QString& inPath)
 
 QString Resource::nameComponentProblem(const QString& inName)
 {
-    if (inName == QLatin1String(".") || inName == QLatin1String(".."))
+    // One pass over the characters, nothing allocated for a good name: every file of a product
+    // is checked when it is loaded.
+    bool slash = false;
+    bool backslash = false;
+    bool dotsOnly = true;
+    QChar control;
+    bool hasControl = false;
+    for (const QChar c : inName)
+    {
+        const ushort u = c.unicode();
+        slash = slash || u == '/';
+        backslash = backslash || u == '\\';
+        dotsOnly = dotsOnly && u == '.';
+        if (!hasControl && isControl(c))
+        {
+            hasControl = true;
+            control = c;
+        }
+    }
+    if (dotsOnly && (inName.size() == 1 || inName.size() == 2))
         return QStringLiteral("is not one path component (it is \"%1\")").arg(inName);
-    if (inName.contains(QLatin1Char('/')))
+    if (slash)
         return QStringLiteral("is not one path component (it holds '/')");
-    if (inName.contains(QLatin1Char('\\')))
+    if (backslash)
         return QStringLiteral("is not one path component (it holds '\\')");
-    return controlProblem(inName);
+    if (hasControl)
+        return QStringLiteral("holds the control character 0x%1").arg(control.unicode(), 2, 16, QLatin1Char('0'));
+    return QString();
 }
 
 McResult Resource::nameCheck() const
