@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,6 +67,20 @@ void removeScratch()
         std::error_code ec;
         std::filesystem::remove_all(d, ec);
     }
+}
+
+// Processor seconds used so far by this process and its waited-for children.
+double cpuSeconds()
+{
+    double total = 0;
+    for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN})
+    {
+        rusage u{};
+        getrusage(who, &u);
+        total += static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+                 static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+    }
+    return total;
 }
 
 // Both sides start with the other's writes on disk, not in the page cache's write-back queue.
@@ -172,14 +187,16 @@ Result compare(const Comparison& inComparison)
 {
     const Comparison& c = inComparison;
     const int count = rounds();
-    std::vector<double> ratios, ours, peers;
+    std::vector<double> ratios, ours, peers, cpuRatios;
     // Round 0 warms both sides up (page cache, servers, first-touch costs) and is not counted.
     for (int round = 0; round <= count; ++round)
     {
-        double a = 0, b = 0;
+        double a = 0, b = 0, cpuA = 0, cpuB = 0;
         const auto runOurs = [&] {
             settle(c.prepare);
+            const double cpu = cpuSeconds();
             a = c.ours();
+            cpuA = cpuSeconds() - cpu;
             if (c.oursCheck && !c.oursCheck())
             {
                 std::fprintf(stderr, "bench: %s: our run did not do its work\n", c.row.c_str());
@@ -188,7 +205,9 @@ Result compare(const Comparison& inComparison)
         };
         const auto runPeer = [&] {
             settle(c.prepare);
+            const double cpu = cpuSeconds();
             b = c.peer();
+            cpuB = cpuSeconds() - cpu;
         };
         if (round % 2 == 0)
             runOurs(), runPeer();
@@ -199,8 +218,9 @@ Result compare(const Comparison& inComparison)
         ours.push_back(a);
         peers.push_back(b);
         ratios.push_back(b > 0 ? a / b : 0.0);
-        std::fprintf(stderr, "  %s, round %d/%d: ours %.3f s, %s %.3f s, ratio %.3f\n", c.row.c_str(), round, count, a,
-                     c.peerName.c_str(), b, ratios.back());
+        cpuRatios.push_back(cpuB > 0 ? cpuA / cpuB : 0.0);
+        std::fprintf(stderr, "  %s, round %d/%d: ours %.3f s, %s %.3f s, ratio %.3f (processor time %.3f s / %.3f s)\n",
+                     c.row.c_str(), round, count, a, c.peerName.c_str(), b, ratios.back(), cpuA, cpuB);
     }
     settle(c.prepare);
     Result r;
@@ -214,6 +234,9 @@ Result compare(const Comparison& inComparison)
     r.oursMin = *std::min_element(ours.begin(), ours.end());
     r.oursMax = *std::max_element(ours.begin(), ours.end());
     r.peerMedian = median(peers);
+    r.cpuMedian = median(cpuRatios);
+    r.cpuMin = *std::min_element(cpuRatios.begin(), cpuRatios.end());
+    r.cpuMax = *std::max_element(cpuRatios.begin(), cpuRatios.end());
     r.rounds = count;
     r.pass = r.median <= r.target;
     return r;
@@ -251,19 +274,22 @@ bool report(const std::vector<Result>& inResults, const std::string& inTitle)
 {
     bool ok = true;
     std::printf("\n== %s\n", inTitle.c_str());
-    std::printf("%-52s %8s %8s %8s %8s  %-4s  %10s %10s  %s\n", "row", "target", "median", "min", "max", "", "ours",
-                "peer", "peer (median of rounds)");
+    std::printf("%-52s %8s %8s %8s %8s  %-4s  %10s %10s  %-22s  %s\n", "row", "target", "median", "min", "max", "",
+                "ours", "peer", "cpu median (min-max)", "peer (medians of the rounds)");
     const char* table = std::getenv("KSDEPLOY_BENCH_TABLE");
     FILE* out = table && *table ? std::fopen(table, "a") : nullptr;
     for (const Result& r : inResults)
     {
         ok = ok && r.pass;
         const char* verdict = r.pass ? "pass" : "MISS";
-        std::printf("%-52s %8.2f %8.3f %8.3f %8.3f  %-4s  %10.3f %10.3f  %s\n", r.row.c_str(), r.target, r.median,
-                    r.min, r.max, verdict, r.oursMedian, r.peerMedian, r.peerName.c_str());
+        char cpu[64] = "-";
+        if (r.cpuMedian > 0)
+            std::snprintf(cpu, sizeof cpu, "%.3f (%.3f-%.3f)", r.cpuMedian, r.cpuMin, r.cpuMax);
+        std::printf("%-52s %8.2f %8.3f %8.3f %8.3f  %-4s  %10.3f %10.3f  %-22s  %s\n", r.row.c_str(), r.target, r.median,
+                    r.min, r.max, verdict, r.oursMedian, r.peerMedian, cpu, r.peerName.c_str());
         if (out)
-            std::fprintf(out, "%s\t%.2f\t%.3f\t%.3f\t%.3f\t%s\t%.3f\t%.3f\t%s\t%d\n", r.row.c_str(), r.target, r.median,
-                         r.min, r.max, verdict, r.oursMedian, r.peerMedian, r.peerName.c_str(), r.rounds);
+            std::fprintf(out, "%s\t%.2f\t%.3f\t%.3f\t%.3f\t%s\t%.3f\t%.3f\t%s\t%d\t%s\n", r.row.c_str(), r.target,
+                         r.median, r.min, r.max, verdict, r.oursMedian, r.peerMedian, r.peerName.c_str(), r.rounds, cpu);
     }
     if (out)
         std::fclose(out);

@@ -61,6 +61,9 @@ struct Result
     double median = 0, min = 0, max = 0; // of the per-round ratios (or of the values, for a limit)
     double oursMedian = 0, peerMedian = 0; // seconds (values, for a limit)
     double oursMin = 0, oursMax = 0;
+    // The same rounds' ratios of processor time (user and system, ours and any programs run):
+    // less disturbed by other work on a shared machine, shown beside the verdict, not judged.
+    double cpuMedian = 0, cpuMin = 0, cpuMax = 0;
     int rounds = 0;
     bool pass = false;
 };

@@ -254,7 +254,7 @@ std::vector<KsBench::Result> benchHttpItems(const std::string& inDir, int inItem
         };
         c.oursCheck = [&] { return filesIn(out) == inItems; };
         c.peer = [&] {
-            std::string peer = "curl -s --fail --parallel --parallel-max 8 -K " + q(out + ".curl");
+            std::string peer = "curl -s --no-progress-meter --fail --parallel --parallel-max 8 -K " + q(out + ".curl");
             if (packed)
                 peer += " && xz --format=lzma -d " + q(out) + "/*.lzma";
             return KsBench::timeCommand(peer);

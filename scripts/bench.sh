@@ -36,8 +36,8 @@ done
 echo
 echo "== all rows (ratio = ours / peer, median of the rounds; limit rows: the value itself)"
 awk -F'\t' '
-  BEGIN { printf "%-60s %7s %8s %8s %8s  %-4s  %s\n", "row", "target", "median", "min", "max", "", "peer" }
-  { printf "%-60s %7s %8s %8s %8s  %-4s  %s\n", $1, $2, $3, $4, $5, $6, $9; if ($6 != "pass") miss++ }
+  BEGIN { printf "%-60s %7s %8s %8s %8s  %-4s  %-22s  %s\n", "row", "target", "median", "min", "max", "", "cpu median (min-max)", "peer" }
+  { printf "%-60s %7s %8s %8s %8s  %-4s  %-22s  %s\n", $1, $2, $3, $4, $5, $6, $11, $9; if ($6 != "pass") miss++ }
   END { printf "%d rows, %d missed\n", NR, miss }
 ' "$table"
 for f in "${failed[@]+"${failed[@]}"}"; do echo "did not finish: $f"; done
