@@ -279,7 +279,7 @@ TEST(ResourceNames, AComponentsProblemIsNamedInOneOrder)
         {QStringLiteral("x") + QChar(0x85), "holds the control character 0x85"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(c.problem, Resource::nameComponentProblem(c.name)) << c.name.toStdString();
+        EXPECT_EQ(c.problem.toStdString(), Resource::nameComponentProblem(c.name).toStdString()) << c.name.toStdString();
 }
 
 TEST_F(ResourceTest, NamesCannotLeaveTheirRoot)
