@@ -293,13 +293,16 @@ bool Resource::linksTo(const Resource& inTarget, const QString& inName) const
 void Resource::linkAdd(const Resource& inTarget, const QString& inName)
 {
     MC_REQUIRE(inTarget.refCount()>0);
-    if (linksTo(inTarget, inName))
-        return;
+    // One look-up of the target's entry for this source serves both the duplicate check and the
+    // insertion: a load makes one link per resource at least. Nothing below touches the table.
+    Link*& first = const_cast<Resource&>(inTarget).mIncoming[this];
+    for (const Link* existing = first; existing; existing = existing->nextToSameTarget())
+        if (existing->name() == inName)
+            return;
     McHandle<Link> link(new Link(inTarget, inName));
     link->positionSet(mLinks.size());
     mLinks.append(link);
     pathGenerationBump();
-    Link*& first = const_cast<Resource&>(inTarget).mIncoming[this];
     link->nextToSameTargetSet(first);
     first = link.ptr();
 }
