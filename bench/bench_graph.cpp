@@ -1,10 +1,10 @@
-// A product graph of 100,000 file entries in 2,000 directories: saving and loading against
-// xmllint reading the same file, pool teardown, and the memory a load needs.
+// A product graph of 100,000 file entries in 2,000 directories (and one of 10,000 beside it):
+// saving and loading against xmllint reading the same file, pool teardown, and the memory a load
+// needs. KSDEPLOY_BENCH_GRAPH_ENTRIES sets the larger size.
+#include "BenchGraph.h"
 #include "BenchHarness.h"
 #include "Engine.h"
-#include "ResourceFileDirectory.h"
-#include "ResourceFileEntry.h"
-#include "ResourceProduct.h"
+#include "Resource.h"
 #include "XmlSerializer.h"
 
 #include <QCoreApplication>
@@ -12,6 +12,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
+#include <vector>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -23,33 +25,6 @@ using namespace KsDeploy;
 
 namespace
 {
-void generate(int inEntries, int inDirs)
-{
-    McHandle<ResourceFileDirectory> root(new ResourceFileDirectory);
-    root->nameSet(QStringLiteral("${TARGET}"));
-    McHandle<ResourceProduct> product(new ResourceProduct);
-    product->nameSet(QStringLiteral("Big"));
-    product->applicationDirectorySet(root);
-    McDArray<McHandle<ResourceFileDirectory>> dirs;
-    for (int d = 0; d < inDirs; ++d)
-    {
-        McHandle<ResourceFileDirectory> dir(new ResourceFileDirectory);
-        dir->nameSet(QStringLiteral("dir%1").arg(d));
-        dir->containerSet(d == 0 ? root : dirs[(d - 1) / 4]);
-        dirs.append(dir);
-    }
-    for (int i = 0; i < inEntries; ++i)
-    {
-        McHandle<ResourceFileEntry> entry(new ResourceFileEntry);
-        entry->nameSet(QStringLiteral("file%1.dat").arg(i));
-        entry->containerSet(dirs[i % inDirs]);
-        McLib::MD5 md5;
-        for (int b = 0; b < 16; ++b)
-            md5.data()[b] = static_cast<unsigned char>((i * 31 + b * 7) & 0xff);
-        entry->bufferIdSet(BufferID(md5));
-    }
-}
-
 long rssKiB()
 {
     FILE* f = std::fopen("/proc/self/statm", "r");
@@ -93,6 +68,86 @@ int loadPeakChild(const char* inPath)
     std::fflush(stdout);
     _exit(0);
 }
+
+// The rows for one size: a graph of inEntries file entries is generated, saved once as the file
+// both sides read, and then timed.
+std::vector<KsBench::Result> rowsFor(int inEntries, int inDirs, const std::string& inDir, bool inPoolRows)
+{
+    Engine& engine = Engine::instance();
+    engine.resourceUnregisterAll();
+    const std::string path = inDir + "/product-" + std::to_string(inEntries) + ".xml";
+    const QString file = QString::fromStdString(path);
+    const QString saved = QString::fromStdString(inDir + "/saved.xml");
+    KsBench::graphGenerate(inEntries, inDirs);
+    {
+        McDArray<McHandle<Resource>> all;
+        engine.resources(all);
+        XmlSerializer serializer;
+        serializer.serialize(file, all);
+    }
+    const std::string size = std::to_string(inEntries) + " entries";
+    const KsBench::Timed lint = KsBench::command("xmllint --noout '" + path + "'");
+    const auto load = [&] {
+        XmlSerializer serializer;
+        McDArray<McHandle<Resource>> loaded;
+        serializer.deserialize(file, loaded);
+    };
+    std::vector<KsBench::Result> rows;
+
+    KsBench::Comparison save;
+    save.row = "save " + size;
+    save.target = 0.8;
+    save.peerName = "xmllint --noout";
+    save.ours = KsBench::call([&] {
+        McDArray<McHandle<Resource>> all;
+        engine.resources(all);
+        XmlSerializer serializer;
+        serializer.serialize(saved, all);
+    });
+    save.peer = lint;
+    rows.push_back(KsBench::compare(save));
+
+    KsBench::Comparison loading;
+    loading.row = "load " + size;
+    loading.target = 1.0;
+    loading.peerName = "xmllint --noout";
+    loading.prepare = [&] { engine.resourceUnregisterAll(); };
+    loading.ours = KsBench::call(load);
+    loading.peer = lint;
+    loading.oursCheck = [&] {
+        McDArray<McHandle<Resource>> pool;
+        engine.resources(pool);
+        return pool.size() > inEntries;
+    };
+    rows.push_back(KsBench::compare(loading));
+
+    if (inPoolRows)
+    {
+        const auto fresh = [&] {
+            engine.resourceUnregisterAll();
+            load();
+        };
+        rows.push_back(KsBench::limit("unregister the whole pool, " + size, 1.0, "s",
+                                      KsBench::call([&] { engine.resourceUnregisterAll(); }), fresh));
+        rows.push_back(KsBench::limit("unlink and unregister one by one, " + size, 1.0, "s", [&] {
+            McDArray<McHandle<Resource>> pool;
+            engine.resources(pool);
+            return KsBench::timeOf([&] {
+                for (const McHandle<Resource>& r : pool)
+                {
+                    engine.resourceUnlink(r);
+                    engine.resourceUnregister(r);
+                }
+            });
+        }, fresh));
+        const double fileKiB = static_cast<double>(QFileInfo(file).size()) / 1024.0;
+        // Memory does not drift with the machine's load: one fresh process is enough.
+        rows.push_back(KsBench::limit("load peak memory, " + size + " (KiB; limit 3 x file)", 3.0 * fileKiB, "KiB",
+                                      [&] { return static_cast<double>(loadPeakKiB(path)); }, {}, 1));
+    }
+    engine.resourceUnregisterAll();
+    return rows;
+}
 }
 
 int main(int argc, char** argv)
@@ -100,74 +155,26 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     if (argc > 2 && std::string(argv[1]) == "--load-peak")
         return loadPeakChild(argv[2]);
-    const int entries = argc > 1 ? std::atoi(argv[1]) : 100000;
-    const int dirs = argc > 2 ? std::atoi(argv[2]) : 2000;
+    // The large graph, and one a tenth of its size beside it: the growth should be linear.
+    const int entries = static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_GRAPH_ENTRIES", 100000, 10000));
+    const int dirs = std::max(1, entries / 50);
     const std::string dir = KsBench::scratchDir("graph");
-    const QString file = QString::fromStdString(dir + "/product.xml");
 
     Engine::instanceInit(environ);
-    Engine& engine = Engine::instance();
-    engine.quietSet(true);
+    Engine::instance().quietSet(true);
     // Traces go to the console; a benchmark prints only its figures.
     std::fflush(stdout);
     const int savedStdout = dup(1);
     if (!std::freopen("/dev/null", "w", stdout))
         return 2;
-
-    generate(entries, dirs);
-    McDArray<McHandle<Resource>> all;
-    engine.resources(all);
-    const double tSave = KsBench::timeBest([&] {
-        XmlSerializer serializer;
-        serializer.serialize(file, all);
-    });
-    all = McDArray<McHandle<Resource>>();
-    const double tLint = KsBench::timeCommand("xmllint --noout '" + dir + "/product.xml'");
-
-    double tLoad = 1e9;
-    double tUnregisterAll = 1e9;
-    double tOneByOne = 1e9;
-    for (int round = 0; round < 3; ++round)
-    {
-        engine.resourceUnregisterAll();
-        McDArray<McHandle<Resource>> loaded;
-        tLoad = std::min(tLoad, KsBench::timeBest(
-                                    [&] {
-                                        XmlSerializer serializer;
-                                        serializer.deserialize(file, loaded);
-                                    },
-                                    1));
-        if (round == 0)
-            tUnregisterAll = KsBench::timeBest([&] { engine.resourceUnregisterAll(); }, 1);
-        else
-        {
-            McDArray<McHandle<Resource>> pool;
-            engine.resources(pool);
-            tOneByOne = std::min(tOneByOne, KsBench::timeBest(
-                                                [&] {
-                                                    for (const McHandle<Resource>& r : pool)
-                                                    {
-                                                        engine.resourceUnlink(r);
-                                                        engine.resourceUnregister(r);
-                                                    }
-                                                },
-                                                1));
-        }
-    }
-    const long peak = loadPeakKiB(dir + "/product.xml");
-    const double fileKiB = static_cast<double>(QFileInfo(file).size()) / 1024.0;
+    std::vector<KsBench::Result> rows;
+    for (const KsBench::Result& r : rowsFor(std::max(1, entries / 10), std::max(1, dirs / 10), dir, false))
+        rows.push_back(r);
+    for (const KsBench::Result& r : rowsFor(entries, dirs, dir, true))
+        rows.push_back(r);
     std::fflush(stdout);
     dup2(savedStdout, 1);
-
-    const std::string size = std::to_string(entries) + " entries";
-    const bool ok = KsBench::report(
-        {{"load " + size, tLoad, tLint, "xmllint --noout", 1.5},
-         {"save " + size, tSave, tLint, "xmllint --noout", 1.0},
-         {"unregister the whole pool", tUnregisterAll, 1.0, "1 second", 1.0},
-         {"unlink and unregister one by one", tOneByOne, 1.0, "1 second", 1.0},
-         {"load peak memory (KiB vs 3 x file KiB)", static_cast<double>(peak), 3.0 * fileKiB, "3 x file size",
-          1.0}},
-        "resource graph");
+    const bool ok = KsBench::report(rows, "resource graph");
     Engine::instanceShutdown();
     return ok ? 0 : 1;
 }

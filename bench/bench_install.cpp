@@ -1,6 +1,7 @@
 // Installing products with the real ksdeploy binary against cp -r and md5sum on the same tree:
 // 10,000 files (about 1 GiB, mixed sizes) from a warm cache, verify, reinstall in place; then
-// 100,000 files of 1 KiB, and the planning of such an install in-process.
+// 2,000 x 64 KiB, 10,000 and 100,000 files of 1 KiB, and the planning of such an install
+// in-process. KSDEPLOY_BENCH_ONLY=mixed,medium,small picks rows.
 #include "BenchHarness.h"
 #include "Engine.h"
 #include "Resource.h"
@@ -90,41 +91,79 @@ void durability(const std::string& inName, const std::string& inTmp, const std::
     std::fflush(stdout);
 }
 
+// Loads the product into this process's engine (untimed) and times collecting, cloning and
+// snapshotting it, once.
 double planning(const std::string& inName, const std::string& inTarget)
 {
-    Engine::instanceInit(environ);
+    static bool sStarted = false;
+    if (!sStarted)
+    {
+        Engine::instanceInit(environ);
+        Engine::instance().quietSet(true);
+        sStarted = true;
+    }
     Engine& engine = Engine::instance();
-    engine.quietSet(true);
     std::fflush(stdout);
     const int savedStdout = dup(1);
     if (!std::freopen("/dev/null", "w", stdout))
         std::exit(2);
+    engine.resourceUnregisterAll();
     XmlSerializer serializer;
     McDArray<McHandle<Resource>> loaded;
     serializer.deserialize(QString::fromStdString(sDir + "/" + inName + ".xml"), loaded);
     engine.configuration().valueSet(QStringLiteral("TARGET"), QString::fromStdString(inTarget), false);
-    const double t = KsBench::timeBest(
-        [&] {
-            McDArray<McHandle<Resource>> all;
-            engine.productResources(QStringLiteral("P"), all);
-            engine.productTransactionBegin(QStringLiteral("P"));
-            engine.productTransactionCommit(QStringLiteral("P"));
-        },
-        1);
+    const double t = KsBench::timeOf([&] {
+        McDArray<McHandle<Resource>> all;
+        engine.productResources(QStringLiteral("P"), all);
+        engine.productTransactionBegin(QStringLiteral("P"));
+        engine.productTransactionCommit(QStringLiteral("P"));
+    });
     std::fflush(stdout);
     dup2(savedStdout, 1);
-    Engine::instanceShutdown();
+    ::close(savedStdout);
     return t;
+}
+
+std::string q(const std::string& inPath) { return "'" + inPath + "'"; }
+
+// True when the tree below inRoot holds inFiles files.
+bool holds(const std::string& inRoot, int inFiles)
+{
+    return KsBench::run("test \"$(find " + q(inRoot) + " -type f | wc -l)\" -eq " + std::to_string(inFiles)) == 0;
+}
+
+// A fresh install of the product inName against cp -r of its source, from the same empty state.
+KsBench::Result installRow(const std::string& inLabel, const std::string& inName, const std::string& inSrc,
+                           const std::string& inTmp, int inFiles)
+{
+    const std::string target = sDir + "/target-" + inName, copy = sDir + "/copy-" + inName;
+    KsBench::Comparison c;
+    c.row = inLabel;
+    c.target = 0.8;
+    c.peerName = "cp -r";
+    c.prepare = [=] { KsBench::run("rm -rf " + q(target) + " " + q(copy)); };
+    c.ours = KsBench::command(product(inName, inTmp, target, "install"));
+    c.oursCheck = [=] { return holds(target, inFiles); };
+    c.peer = KsBench::command("cp -r " + q(inSrc) + " " + q(copy));
+    return KsBench::compare(c);
+}
+
+// A tree of inFiles files of inBytes each, described as product inName with a warm cache.
+void smallProduct(const std::string& inName, int inFiles, unsigned inBytes, int inFolders)
+{
+    const std::string src = sDir + "/src-" + inName;
+    makeTree(src, inFiles, inFolders, inBytes, 0);
+    prepare(inName, src, sDir + "/tmp-" + inName);
 }
 }
 
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    // Scale: 1 = the full sizes (10,000 files of about 1 GiB; 100,000 files of 1 KiB).
-    const double scale = argc > 1 ? std::atof(argv[1]) : 1.0;
-    const int bigFiles = static_cast<int>(10000 * scale);
-    const int smallFiles = static_cast<int>(100000 * scale);
+    // Full sizes: 10,000 files of about 1 GiB; 2,000 x 64 KiB; 100,000 (and 10,000) x 1 KiB.
+    const int bigFiles = static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_INSTALL_FILES", 10000, 300));
+    const int mediumFiles = static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_INSTALL_MEDIUM", 2000, 200));
+    const int smallFiles = static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_INSTALL_SMALL", 100000, 3000));
     sBin = std::string(QCoreApplication::applicationDirPath().toStdString()) + "/ksdeploy";
     sDir = KsBench::scratchDir("install");
 
@@ -147,79 +186,67 @@ int main(int argc, char** argv)
         return 0;
     }
 
-    const std::string src = sDir + "/src";
-    const std::string tmp = sDir + "/tmp";
-    makeTree(src, bigFiles, 100, 1024, 204800);
-    prepare("mixed", src, tmp);
-    KsBench::run("cat $(find '" + src + "' -type f) > /dev/null");
-
-    const std::string target = sDir + "/target";
-    const std::string copy = sDir + "/copy";
-    double tInstall = 1e9;
-    double tCopy = 1e9;
-    // Writes of the previous step are flushed first, and the two sides take turns going first,
-    // so that neither pays for the other's write-back.
-    for (int round = 0; round < 2; ++round)
-    {
-        KsBench::run("rm -rf '" + target + "' '" + copy + "'; sync");
-        const auto ours = [&] {
-            tInstall = std::min(tInstall, KsBench::timeCommand(product("mixed", tmp, target, "install"), 1));
-            KsBench::run("sync");
-        };
-        const auto peer = [&] {
-            tCopy = std::min(tCopy, KsBench::timeCommand("cp -r '" + src + "' '" + copy + "'", 1));
-            KsBench::run("sync");
-        };
-        if (round == 0)
-            ours(), peer();
-        else
-            peer(), ours();
-    }
-    if (KsBench::run("diff -r '" + src + "' '" + target + "'") != 0)
-    {
-        std::fprintf(stderr, "installed tree differs from the source\n");
-        return 1;
-    }
-    const double tVerify = KsBench::timeCommand(product("mixed", tmp, target, "verify"));
-    const double tMd5 = KsBench::timeCommand("find '" + target + "' -type f -print0 | xargs -0 md5sum > /dev/null");
-    const double tReinstall = KsBench::timeCommand(product("mixed", tmp, target, "install"));
-    KsBench::run("rm -rf '" + target + "' '" + copy + "' '" + tmp + "' '" + src + "'");
-
-    const std::string small = sDir + "/small";
-    const std::string tmpSmall = sDir + "/tmp-small";
-    makeTree(small, smallFiles, 1000, 1024, 0);
-    prepare("small", small, tmpSmall);
-    const std::string targetSmall = sDir + "/target-small";
-    const std::string copySmall = sDir + "/copy-small";
-    const double tPlanning = planning("small", targetSmall);
-    double tInstallSmall = 1e9;
-    double tCopySmall = 1e9;
-    for (int round = 0; round < 2; ++round)
-    {
-        KsBench::run("rm -rf '" + targetSmall + "' '" + copySmall + "'; sync");
-        const auto ours = [&] {
-            tInstallSmall = std::min(
-                tInstallSmall, KsBench::timeCommand(product("small", tmpSmall, targetSmall, "install"), 1));
-            KsBench::run("sync");
-        };
-        const auto peer = [&] {
-            tCopySmall = std::min(tCopySmall, KsBench::timeCommand("cp -r '" + small + "' '" + copySmall + "'", 1));
-            KsBench::run("sync");
-        };
-        if (round == 0)
-            ours(), peer();
-        else
-            peer(), ours();
-    }
-
+    std::vector<KsBench::Result> rows;
     const std::string big = std::to_string(bigFiles) + " files";
-    const std::string few = std::to_string(smallFiles) + " x 1 KiB";
-    const bool ok = KsBench::report({{"install " + big + " from a warm cache", tInstall, tCopy, "cp -r", 1.3},
-                                     {"verify " + big, tVerify, tMd5, "md5sum", 1.1},
-                                     {"install " + big + " again, all in place", tReinstall, tMd5, "md5sum", 1.5},
-                                     {"install " + few, tInstallSmall, tCopySmall, "cp -r", 1.5},
-                                     {"planning " + few + " (collect, clone, snapshot)", tPlanning, 2.0, "2 seconds",
-                                      1.0}},
-                                    "product installation");
+    if (KsBench::wanted("mixed"))
+    {
+        const std::string src = sDir + "/src-mixed", tmp = sDir + "/tmp-mixed";
+        makeTree(src, bigFiles, 100, 1024, 204800);
+        prepare("mixed", src, tmp);
+        rows.push_back(installRow("install " + big + " from a warm cache", "mixed", src, tmp, bigFiles));
+
+        // The rows below work on an installed tree, left in place between rounds.
+        const std::string target = sDir + "/installed";
+        if (KsBench::run(product("mixed", tmp, target, "install")) != 0 ||
+            KsBench::run("diff -r " + q(src) + " " + q(target)) != 0)
+        {
+            std::fprintf(stderr, "bench: the installed tree differs from the source\n");
+            return 1;
+        }
+        const std::string files = "find " + q(target) + " -type f -print0 | ";
+        KsBench::Comparison verify;
+        verify.row = "verify " + big;
+        verify.target = 0.6;
+        verify.peerName = "find | xargs md5sum";
+        verify.ours = KsBench::command(product("mixed", tmp, target, "verify"));
+        verify.peer = KsBench::command(files + "xargs -0 md5sum > /dev/null");
+        rows.push_back(KsBench::compare(verify));
+        verify.target = 1.05;
+        verify.peerName = "find | xargs -P2 -n 64 md5sum";
+        verify.peer = KsBench::command(files + "xargs -0 -P2 -n 64 md5sum > /dev/null");
+        rows.push_back(KsBench::compare(verify));
+        KsBench::Comparison again;
+        again.row = "install " + big + " again, all in place";
+        again.target = 1.0;
+        again.peerName = "find | xargs md5sum";
+        again.ours = KsBench::command(product("mixed", tmp, target, "install"));
+        again.peer = KsBench::command(files + "xargs -0 md5sum > /dev/null");
+        rows.push_back(KsBench::compare(again));
+        KsBench::run("rm -rf " + q(target) + " " + q(src) + " " + q(tmp));
+    }
+    if (KsBench::wanted("medium"))
+    {
+        smallProduct("medium", mediumFiles, 65536, 20);
+        rows.push_back(installRow("install " + std::to_string(mediumFiles) + " x 64 KiB", "medium",
+                                  sDir + "/src-medium", sDir + "/tmp-medium", mediumFiles));
+        KsBench::run("rm -rf " + q(sDir + "/src-medium") + " " + q(sDir + "/tmp-medium"));
+    }
+    // The same kind of product at two sizes, a tenth and the whole, so that the growth shows.
+    for (const int files : {smallFiles / 10, smallFiles})
+    {
+        if (!KsBench::wanted("small") || files <= 0)
+            continue;
+        const std::string name = "small" + std::to_string(files);
+        const std::string label = std::to_string(files) + " x 1 KiB";
+        smallProduct(name, files, 1024, std::max(1, files / 100));
+        rows.push_back(installRow("install " + label, name, sDir + "/src-" + name, sDir + "/tmp-" + name, files));
+        const double limit = 2.0 * files / 100000.0;
+        rows.push_back(KsBench::limit("planning " + label + " (collect, clone, snapshot)", limit, "s",
+                                      [&] { return planning(name, sDir + "/target-" + name); }));
+        KsBench::run("rm -rf " + q(sDir + "/src-" + name) + " " + q(sDir + "/tmp-" + name));
+    }
+    const bool ok = KsBench::report(rows, "product installation");
+    if (Engine::instanceAvailable())
+        Engine::instanceShutdown();
     return ok ? 0 : 1;
 }

@@ -34,18 +34,21 @@ std::string md5OfFile(const std::string& inPath)
 }
 }
 
-int main(int argc, char** argv)
+int main()
 {
-    const unsigned long long mib = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1024;
+    const long long mib = KsBench::sizeFromEnv("KSDEPLOY_BENCH_MD5_MIB", 1024, 64);
     const std::string dir = KsBench::scratchDir("md5");
     const std::string file = dir + "/data.bin";
-    KsBench::makeFile(file, mib << 20, false);
-    // Warm the page cache so both sides read from memory.
-    KsBench::run("cat '" + file + "' > /dev/null");
+    KsBench::makeFile(file, static_cast<unsigned long long>(mib) << 20, false);
 
     std::string ours;
-    const double tOurs = KsBench::timeBest([&] { ours = md5OfFile(file); });
-    const double tPeer = KsBench::timeCommand("md5sum '" + file + "' > '" + dir + "/md5sum.txt'");
+    KsBench::Comparison c;
+    c.row = "MD5 of " + std::to_string(mib) + " MiB";
+    c.target = 1.0 / 0.9;
+    c.peerName = "md5sum";
+    c.ours = KsBench::call([&] { ours = md5OfFile(file); });
+    c.peer = KsBench::command("md5sum '" + file + "' > '" + dir + "/md5sum.txt'");
+    const KsBench::Result result = KsBench::compare(c);
     FILE* f = std::fopen((dir + "/md5sum.txt").c_str(), "r");
     char peer[33] = {0};
     if (!f || std::fscanf(f, "%32s", peer) != 1)
@@ -56,9 +59,5 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "digest mismatch: ours %s, md5sum %s\n", ours.c_str(), peer);
         return 1;
     }
-    const bool ok = KsBench::report(
-        {{"MD5 of " + std::to_string(mib) + " MiB (throughput ratio = peer/ours >= 0.9)", tOurs, tPeer, "md5sum",
-          1.0 / 0.9}},
-        "MD5");
-    return ok ? 0 : 1;
+    return KsBench::report({result}, "MD5") ? 0 : 1;
 }

@@ -239,6 +239,42 @@ TEST_F(CommonTest, DamagedStreamsFailClearlyAndLeaveTheDestinationAlone)
     }
 }
 
+TEST_F(CommonTest, DecodingIntoATemporaryNameHashesWhatItWritesAndLeavesNothingElse)
+{
+    // More than the decoder's buffer, so the digest spans several pieces.
+    const QByteArray plain = textBytes(3 << 20, 21) + randomBytes(100000, 22);
+    const QString src = path(QStringLiteral("src.lzma"));
+    KsTest::writeFile(src, lzmaOf(plain));
+    const QString part = path(QStringLiteral(".item.part"));
+    McLib::MD5 md5;
+    ASSERT_TRUE(fileUncompressBounded(part, src, nullptr, &md5, true).isOk());
+    EXPECT_EQ(plain, KsTest::readFile(part));
+    EXPECT_EQ(scanFile(part), md5);
+    EXPECT_FALSE(md5.isNull());
+    EXPECT_EQ(QStringList({".item.part", "src.lzma"}), listing()) << "a second temporary file or a rename";
+
+    // The temporary name is the caller's: an existing file of that name is not written over.
+    McLib::MD5 untouched;
+    KsTest::writeFile(part, "someone else's");
+    EXPECT_TRUE(fileUncompressBounded(part, src, nullptr, &untouched, true).isBad());
+    EXPECT_EQ(QByteArray("someone else's"), KsTest::readFile(part));
+    EXPECT_TRUE(untouched.isNull());
+    QFile::remove(part);
+
+    // A damaged copy leaves no file and no digest.
+    KsTest::writeFile(src, lzmaOf(plain).left(100000));
+    EXPECT_TRUE(fileUncompressBounded(part, src, nullptr, &untouched, true).isBad());
+    EXPECT_TRUE(untouched.isNull());
+    EXPECT_EQ(QStringList({"src.lzma"}), listing());
+
+    // A named destination still goes through a temporary file of its own.
+    KsTest::writeFile(src, lzmaOf(plain));
+    const QString dst = path(QStringLiteral("dst"));
+    ASSERT_TRUE(fileUncompressBounded(dst, src, nullptr, &md5, false).isOk());
+    EXPECT_EQ(scanFile(dst), md5);
+    EXPECT_EQ(QStringList({"dst", "src.lzma"}), listing());
+}
+
 TEST_F(CommonTest, ProbeLeavesNothingAndFailsForAMissingFolder)
 {
     const QStringList before = listing();

@@ -111,6 +111,41 @@ TEST(LzmaStream, RefusesWhatFollowsTheEndAndReportsNothing)
     EXPECT_TRUE(failures.failures().empty());
 }
 
+TEST(LzmaStream, StreamsOnOneThreadStayApartAfterFailuresAndWhenNested)
+{
+    const QByteArray outerPlain = text(60000); // a few MiB: the outer stream takes several pieces
+    const QByteArray innerPlain = text(500);
+    const QByteArray outer = packed(outerPlain);
+    const QByteArray inner = packed(innerPlain);
+    ASSERT_GT(outerPlain.size(), 2 << 20);
+
+    // A failure leaves nothing behind for the next stream on this thread.
+    QByteArray damaged = outer.left(outer.size() / 3);
+    EXPECT_TRUE(streamDecode(damaged, 4096).result.isBad());
+    EXPECT_EQ(innerPlain, streamDecode(inner, 100).out);
+
+    // A sink that decodes another stream: both come out whole.
+    Decoded d;
+    size_t at = 0;
+    int nested = 0;
+    d.result = lzmaUncompressStream(
+        [&](const unsigned char* inOut, size_t inSize) {
+            const Decoded in = streamDecode(inner, 333);
+            nested += in.result.isOk() && in.out == innerPlain ? 1 : 0;
+            d.out.append(reinterpret_cast<const char*>(inOut), static_cast<qsizetype>(inSize));
+            return true;
+        },
+        [&](unsigned char* outData, size_t inRoom) -> int64_t {
+            const size_t n = std::min(inRoom, static_cast<size_t>(outer.size()) - at);
+            std::memcpy(outData, outer.constData() + at, n);
+            at += n;
+            return static_cast<int64_t>(n);
+        });
+    ASSERT_TRUE(d.result.isOk());
+    EXPECT_TRUE(d.out == outerPlain);
+    EXPECT_GT(nested, 1);
+}
+
 TEST(LzmaRegressions, EveryKeptInputIsReadAsItsNameSays)
 {
     // The fuzzer's format: one byte choosing the piece size, then the ".lzma" bytes. Inputs named

@@ -255,6 +255,33 @@ TEST_F(ResourceTest, PathsResolveThroughTheConfiguration)
     EXPECT_EQ("cond[myDir.isNotNull()]", failures.failures()[0].condition);
 }
 
+TEST(ResourceNames, AComponentsProblemIsNamedInOneOrder)
+{
+    const struct
+    {
+        QString name;
+        QString problem;
+    } cases[] = {
+        {"file.txt", ""},
+        {"", ""},
+        {"...", ""},
+        {".hidden", ""},
+        {"a..b", ""},
+        {QStringLiteral("caf\u00e9 \u00a0"), ""},
+        {".", "is not one path component (it is \".\")"},
+        {"..", "is not one path component (it is \"..\")"},
+        {"a/b", "is not one path component (it holds '/')"},
+        {"a\\b/c", "is not one path component (it holds '/')"},
+        {"a\\b", "is not one path component (it holds '\\')"},
+        {QStringLiteral("\x01/"), "is not one path component (it holds '/')"},
+        {QStringLiteral("a\tb\x01"), "holds the control character 0x09"},
+        {QStringLiteral("x\x7f"), "holds the control character 0x7f"},
+        {QStringLiteral("x") + QChar(0x85), "holds the control character 0x85"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.problem.toStdString(), Resource::nameComponentProblem(c.name).toStdString()) << c.name.toStdString();
+}
+
 TEST_F(ResourceTest, NamesCannotLeaveTheirRoot)
 {
     KsTest::FailureRecorder failures;

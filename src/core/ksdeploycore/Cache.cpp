@@ -356,8 +356,10 @@ McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, co
     QString packedWhy = packed.why;
     if (packed.done)
     {
-        // A broken copy is not a failure yet: the plain file may still be right.
-        const McResult unpacked = fileUncompressBounded(decoded, compressed, &sReserve);
+        // A broken copy is not a failure yet: the plain file may still be right. Decoded straight
+        // into our temporary name, hashed on the way.
+        McLib::MD5 decodedMd5;
+        const McResult unpacked = fileUncompressBounded(decoded, compressed, &sReserve, &decodedMd5, true);
         got.done = unpacked.isOk();
         packedWhy = QString::fromLatin1(unpacked.text());
         if (*unpacked.detail())
@@ -366,7 +368,7 @@ McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, co
         // Nor is a copy that decodes to other bytes: checked here, so the plain file can be tried.
         if (got.done && check)
         {
-            got.md5 = scanFile(decoded);
+            got.md5 = decodedMd5;
             if (got.md5 != inExpected)
             {
                 got.done = false;

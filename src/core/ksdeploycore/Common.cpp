@@ -1,6 +1,7 @@
 #include "Common.h"
 
 #include "Lzma.h"
+#include "McCoder.h"
 #include "QxFile.h"
 
 #include <QDir>
@@ -166,15 +167,17 @@ McResult KsDeploy::fileUncompress(const QString& inDst, const QString& inSrc)
     return retVal;
 }
 
-McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve)
+McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve,
+                                        McLib::MD5* outMd5, bool inDstIsTemporary)
 {
     const QByteArray src = QFile::encodeName(inSrc);
     const int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
     if (in < 0)
         return MC_FAILURE("fileSrc.open( QIODevice::ReadOnly )", inSrc).detailSet(McLib::osDetail(src.toStdString(), errno));
     ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
-    // Written beside the destination and renamed into place: never a half-written file.
-    const QByteArray temp = QFile::encodeName(QxBase::File::temporaryPathBeside(inDst));
+    // Written beside the destination and renamed into place: never a half-written file. A
+    // destination that is itself a temporary name needs no second one.
+    const QByteArray temp = QFile::encodeName(inDstIsTemporary ? inDst : QxBase::File::temporaryPathBeside(inDst));
     const int out = ::open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (out < 0)
     {
@@ -197,19 +200,16 @@ McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& in
             }
         }
     };
-    long long written = 0;
-    long long nextCheck = 0;
+    McCoder digest;
     const LzmaSink sink = [&](const unsigned char* inData, size_t inSize) {
-        if (inReserve && written >= nextCheck)
+        QString why;
+        if (inReserve && !inReserve->checkBefore(out, static_cast<long long>(inSize), why))
         {
-            QString why;
-            if (!inReserve->check(out, why))
-            {
-                failure = MC_FAILURE("space", inDst).detailSet(mcMessageText(why));
-                return false;
-            }
-            nextCheck = written + QxBase::DiskReserve::checkInterval();
+            failure = MC_FAILURE("space", inDst).detailSet(mcMessageText(why));
+            return false;
         }
+        if (outMd5)
+            digest.crcMD5Update(inData, static_cast<unsigned int>(inSize));
         while (inSize > 0)
         {
             const ssize_t n = ::write(out, inData, inSize);
@@ -222,7 +222,6 @@ McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& in
             }
             inData += n;
             inSize -= static_cast<size_t>(n);
-            written += n;
         }
         return true;
     };
@@ -232,10 +231,15 @@ McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& in
     ::close(in);
     if (::close(out) != 0 && retVal.isOk())
         retVal = MC_FAILURE("write", inDst).detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), errno));
-    if (retVal.isOk() && ::rename(temp.constData(), QFile::encodeName(inDst).constData()) != 0)
+    if (retVal.isOk() && !inDstIsTemporary && ::rename(temp.constData(), QFile::encodeName(inDst).constData()) != 0)
         retVal = MC_FAILURE("rename", inDst).detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), errno));
     if (retVal.isBad())
         ::unlink(temp.constData());
+    else if (outMd5)
+    {
+        digest.crcMD5Final();
+        digest.crcMD5Query(outMd5->data());
+    }
     return retVal;
 }
 

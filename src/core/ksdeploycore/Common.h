@@ -21,7 +21,11 @@ McResult fileUncompress(const QString& inDst, const QString& inSrc);
 // The decompression alone, in bounded memory and without reporting a failure (the caller decides
 // whether it is one). With a reserve, the decoded output may not eat into the destination's free
 // space; it never exceeds the size the stream's header states. No partial destination is left.
-McResult fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve);
+// With outMd5, the decoded bytes' MD5 is computed as they are written (nobody reads them again).
+// inDstIsTemporary: inDst is the caller's own new temporary name, written directly instead of
+// through another temporary file and a rename.
+McResult fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve,
+                               McLib::MD5* outMd5 = nullptr, bool inDstIsTemporary = false);
 
 // The end of a function that hands out a folder: unless inoutResult is bad already, the folder is
 // made when missing and must then exist (else inFailureMessage). A bad result clears inoutPath;

@@ -13,6 +13,8 @@ namespace
 // Bounds what a stream may make us allocate: decoder state, and the size a header claims.
 const uint64_t sDecoderMemLimit = 256ull << 20;
 const uint64_t sMaxClaimedSize = 16ull << 30;
+// The most a thread's idle decoder keeps between two streams.
+const uint64_t sKeptDecoderMem = 16ull << 20;
 
 const char* whyOf(lzma_ret inRet)
 {
@@ -193,14 +195,46 @@ bool sourceFill(const LzmaSource& inSource, unsigned char* inoutData, size_t inW
 }
 }
 
+namespace
+{
+// What one thread's decodings share: a cache of many small items would otherwise pay, per item,
+// for two buffers and for setting up the decoder and its dictionary anew (the codec reuses both
+// when started again on the same stream).
+struct DecodeScratch
+{
+    static const size_t sBufLen = 1 << 20;
+    lzma_stream stream = LZMA_STREAM_INIT;
+    std::unique_ptr<unsigned char[]> in{new unsigned char[sBufLen]};
+    std::unique_ptr<unsigned char[]> out{new unsigned char[sBufLen]};
+    bool busy = false;
+    ~DecodeScratch() { lzma_end(&stream); }
+};
+}
+
 McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource& inSource)
 {
-    const size_t bufLen = 1 << 20;
-    std::unique_ptr<unsigned char[]> in(new unsigned char[bufLen]);
-    std::unique_ptr<unsigned char[]> out(new unsigned char[bufLen]);
+    static thread_local DecodeScratch sScratch;
+    // A sink that decodes another stream on this thread gets scratch of its own.
+    std::unique_ptr<DecodeScratch> own;
+    DecodeScratch& scratch = sScratch.busy ? *(own = std::make_unique<DecodeScratch>()) : sScratch;
+    struct Busy
+    {
+        DecodeScratch& s;
+        ~Busy()
+        {
+            // A large dictionary is not kept for the rest of the thread's life.
+            if (lzma_memusage(&s.stream) > sKeptDecoderMem)
+                lzma_end(&s.stream);
+            s.busy = false;
+        }
+    } busy{scratch};
+    scratch.busy = true;
+    const size_t bufLen = DecodeScratch::sBufLen;
+    unsigned char* const in = scratch.in.get();
+    unsigned char* const out = scratch.out.get();
     size_t have = 0;
     bool ended = false;
-    if (!sourceFill(inSource, in.get(), 13, have, ended))
+    if (!sourceFill(inSource, in, 13, have, ended))
         return streamFailure("cond[read]", QStringLiteral("lzma decompression: the input cannot be read"));
     if (have < 13)
         return streamFailure("cond[inSize >= 13]", QStringLiteral("lzma decompression: truncated data"));
@@ -211,15 +245,10 @@ McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource
     if (known && claimed > sMaxClaimedSize)
         return streamFailure("cond[claimedSize <= sMaxClaimedSize]",
                              QStringLiteral("lzma decompression: the stream claims %1 bytes").arg(claimed));
-    lzma_stream stream = LZMA_STREAM_INIT;
+    lzma_stream& stream = scratch.stream;
     if (lzma_alone_decoder(&stream, sDecoderMemLimit) != LZMA_OK)
         return streamFailure("cond[lzma_alone_decoder() == LZMA_OK]", QStringLiteral("lzma decompression could not start"));
-    struct Ender
-    {
-        lzma_stream& s;
-        ~Ender() { lzma_end(&s); }
-    } ender{stream};
-    stream.next_in = in.get();
+    stream.next_in = in;
     stream.avail_in = have;
     uint64_t produced = 0;
     lzma_ret ret = LZMA_OK;
@@ -228,12 +257,12 @@ McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource
         if (stream.avail_in == 0 && !ended)
         {
             have = 0;
-            if (!sourceFill(inSource, in.get(), bufLen, have, ended))
+            if (!sourceFill(inSource, in, bufLen, have, ended))
                 return streamFailure("cond[read]", QStringLiteral("lzma decompression: the input cannot be read"));
-            stream.next_in = in.get();
+            stream.next_in = in;
             stream.avail_in = have;
         }
-        stream.next_out = out.get();
+        stream.next_out = out;
         stream.avail_out = bufLen;
         ret = lzma_code(&stream, ended ? LZMA_FINISH : LZMA_RUN);
         const size_t n = bufLen - stream.avail_out;
@@ -242,7 +271,7 @@ McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource
         if (known && produced > claimed)
             return streamFailure("cond[produced <= claimedSize]",
                                  QStringLiteral("lzma decompression: more data than the %1 bytes the header states").arg(claimed));
-        if (n > 0 && (ret == LZMA_OK || ret == LZMA_STREAM_END) && !inSink(out.get(), n))
+        if (n > 0 && (ret == LZMA_OK || ret == LZMA_STREAM_END) && !inSink(out, n))
         {
             McResult retVal;
             retVal.makeBad(1); // the sink has its own reason
@@ -257,7 +286,7 @@ McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource
     if (stream.avail_in == 0 && !ended)
     {
         have = 0;
-        if (!sourceFill(inSource, in.get(), 1, have, ended))
+        if (!sourceFill(inSource, in, 1, have, ended))
             return streamFailure("cond[read]", QStringLiteral("lzma decompression: the input cannot be read"));
         stream.avail_in = have;
     }

@@ -164,13 +164,34 @@ bool Resource::folderIsSymbolicLink(const QString& inPath)
 
 QString Resource::nameComponentProblem(const QString& inName)
 {
-    if (inName == QLatin1String(".") || inName == QLatin1String(".."))
+    // One pass over the characters, nothing allocated for a good name: every file of a product
+    // is checked when it is loaded.
+    bool slash = false;
+    bool backslash = false;
+    bool dotsOnly = true;
+    QChar control;
+    bool hasControl = false;
+    for (const QChar c : inName)
+    {
+        const ushort u = c.unicode();
+        slash = slash || u == '/';
+        backslash = backslash || u == '\\';
+        dotsOnly = dotsOnly && u == '.';
+        if (!hasControl && isControl(c))
+        {
+            hasControl = true;
+            control = c;
+        }
+    }
+    if (dotsOnly && (inName.size() == 1 || inName.size() == 2))
         return QStringLiteral("is not one path component (it is \"%1\")").arg(inName);
-    if (inName.contains(QLatin1Char('/')))
+    if (slash)
         return QStringLiteral("is not one path component (it holds '/')");
-    if (inName.contains(QLatin1Char('\\')))
+    if (backslash)
         return QStringLiteral("is not one path component (it holds '\\')");
-    return controlProblem(inName);
+    if (hasControl)
+        return QStringLiteral("holds the control character 0x%1").arg(control.unicode(), 2, 16, QLatin1Char('0'));
+    return QString();
 }
 
 McResult Resource::nameCheck() const
@@ -272,13 +293,16 @@ bool Resource::linksTo(const Resource& inTarget, const QString& inName) const
 void Resource::linkAdd(const Resource& inTarget, const QString& inName)
 {
     MC_REQUIRE(inTarget.refCount()>0);
-    if (linksTo(inTarget, inName))
-        return;
+    // One look-up of the target's entry for this source serves both the duplicate check and the
+    // insertion: a load makes one link per resource at least. Nothing below touches the table.
+    Link*& first = const_cast<Resource&>(inTarget).mIncoming[this];
+    for (const Link* existing = first; existing; existing = existing->nextToSameTarget())
+        if (existing->name() == inName)
+            return;
     McHandle<Link> link(new Link(inTarget, inName));
     link->positionSet(mLinks.size());
     mLinks.append(link);
     pathGenerationBump();
-    Link*& first = const_cast<Resource&>(inTarget).mIncoming[this];
     link->nextToSameTargetSet(first);
     first = link.ptr();
 }

@@ -29,3 +29,20 @@ bool DiskReserve::check(int inFd, QString& outWhy) const
                  .arg(reserve >> 20);
     return false;
 }
+
+bool DiskReserve::checkBefore(int inFd, long long inBytes, QString& outWhy) const
+{
+    const long long before = mUnchecked.load(std::memory_order_relaxed);
+    if (before >= 0 && before + inBytes < checkInterval())
+    {
+        mUnchecked.fetch_add(inBytes, std::memory_order_relaxed);
+        return true;
+    }
+    if (!check(inFd, outWhy))
+    {
+        mUnchecked.store(-1, std::memory_order_relaxed);
+        return false;
+    }
+    mUnchecked.store(inBytes, std::memory_order_relaxed);
+    return true;
+}

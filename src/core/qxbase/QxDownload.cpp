@@ -165,7 +165,6 @@ struct Sink
     long long total = 0;         // bytes of the body written
     long long maxBytes = -1;
     std::string head;            // the body's first bytes, while Request::limitOfHead waits for them
-    long long nextCheck = 0;     // when the disk reserve is looked at again
     bool tooLarge = false;
     bool noSpace = false;
     int writeErrno = 0;
@@ -194,14 +193,10 @@ bool sinkWithinLimits(Sink& inoutSink, const char* inData, size_t inSize)
         inoutSink.why = QStringLiteral("the body is larger than the %1 bytes it can be").arg(inoutSink.maxBytes);
         return false;
     }
-    if (r.reserve && inoutSink.total >= inoutSink.nextCheck)
+    if (r.reserve && !r.reserve->checkBefore(::fileno(inoutSink.file), static_cast<long long>(inSize), inoutSink.why))
     {
-        if (!r.reserve->check(::fileno(inoutSink.file), inoutSink.why))
-        {
-            inoutSink.noSpace = true;
-            return false;
-        }
-        inoutSink.nextCheck = inoutSink.total + QxBase::DiskReserve::checkInterval();
+        inoutSink.noSpace = true;
+        return false;
     }
     return true;
 }

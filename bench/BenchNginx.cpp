@@ -1,0 +1,41 @@
+#include "BenchNginx.h"
+
+#include <QFileInfo>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace KsBench
+{
+BenchNginx::BenchNginx(const std::string& inRoot)
+{
+    const QByteArray src = qgetenv("KSDEPLOY_SOURCE_DIR");
+    const QString script = src.isEmpty()
+                               ? QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/../tests/servers/nginx_server.py"
+                               : QString::fromLocal8Bit(src) + "/tests/servers/nginx_server.py";
+    mProcess.start(QStringLiteral("python3"), {"-u", script, "--root", QString::fromStdString(inRoot)});
+    QByteArray out;
+    while (mProcess.waitForReadyRead(30000))
+    {
+        out += mProcess.readAllStandardOutput();
+        const int at = out.indexOf("PORT ");
+        if (at >= 0 && out.indexOf('\n', at) > 0)
+        {
+            mPort = out.mid(at + 5, out.indexOf('\n', at) - at - 5).toInt();
+            break;
+        }
+    }
+    if (mPort <= 0)
+    {
+        std::fprintf(stderr, "bench: nginx did not start: %s\n", mProcess.readAllStandardError().constData());
+        std::exit(2);
+    }
+}
+
+BenchNginx::~BenchNginx()
+{
+    mProcess.closeWriteChannel();
+    if (!mProcess.waitForFinished(10000))
+        mProcess.kill();
+}
+}
