@@ -1,0 +1,128 @@
+"""The client update end to end: the sample client published with the build-system plugin (nginx
+serving the publish folder), installed, and updated by its real launcher through ksdeploy. The
+launcher's engine hands the update to a copy of itself in a sandbox, which stages the new version
+beside the installed one, exchanges the two folders and starts the new client. After every case
+the application folder holds one whole version, the old or the new one, byte for byte.
+
+The started engine and client inherit the launcher's standard output, so a run whose output is
+read to its end has also seen the update and the client end.
+"""
+import os
+import shutil
+import subprocess
+
+import ksharness
+from nginx_server import NginxServer
+
+BUILD_DIR = os.environ.get("KSDEPLOY_BUILD_DIR") or os.path.dirname(os.path.dirname(ksharness.BIN))
+SAMPLE_DIR = os.path.join(BUILD_DIR, "sample")
+UPDATE_FAILED = "Automatic update has failed.\nPlease install manually.\n"
+
+
+class UpdateCase(ksharness.KsTestCase):
+    """Version 1.0.0.1 installed below home/.local/opt/Kestra/Client from www/client."""
+
+    def setUp(self):
+        super().setUp()
+        self.env["KSDEPLOY_REGISTRY"] = self.path("registry.sqlite")
+        self.report = self.path("report.txt")
+        self.env["KSCLIENT_REPORT"] = self.report
+        self.www = self.path("www", "client")
+        os.makedirs(self.www)
+        self.target = self.path("home", ".local", "opt")
+        self.app = os.path.join(self.target, "Kestra", "Client")
+        self.publish("1.0.0.1", {"data/kept.dat": b"kept\n" * 1000, "data/old.dat": b"only in 1\n"})
+        r = self.run_ks("--flags", "quiet=true", "--load", "file=%s/product.xml" % self.www,
+                        "--config", "DIR_TARGET=" + self.target, "DIR_VENDOR=Kestra", "DIR_APPLICATION=Client",
+                        "--product", "action=resolve", "confkey=DIR_TARGET", "confkey=DIR_VENDOR",
+                        "confkey=DIR_APPLICATION",
+                        "--product", "action=install", "url=file://%s/items" % self.www,
+                        "--save", "target=" + self.app + ".xml")
+        self.assertOk(r)
+        self.v1 = ksharness.tree_snapshot(self.app)
+        self.server = NginxServer(self.path("www"))
+        self.server.start()
+        self.addCleanup(self.server.stop)
+        self.url = self.server.url + "/client"
+
+    def publish(self, version, files, exit_status=None, extra=()):
+        """Publishes a build of the sample client with files added; with exit_status the client
+        fails its start with it."""
+        build = self.path("build-" + version)
+        os.makedirs(build)
+        for name in ("ksclient.exe", "ksweblaunch.exe"):
+            shutil.copy2(os.path.join(SAMPLE_DIR, name), build)
+        self.write("build-%s/ksclient.version" % version, version + "\n")
+        if exit_status is not None:
+            self.write("build-%s/ksclient.exitstatus" % version, "%d\n" % exit_status)
+        for rel, data in files.items():
+            self.write("build-%s/%s" % (version, rel), data)
+        previous = os.path.join(self.www, "product.xml")
+        r = self.run_ks("--flags", "quiet=true", "--generate", "type=directory", "path=" + build,
+                        "--plugin", "name=KestraClientBuildSystem",
+                        "--generateProductXML", "name=KestraClient", "displayname=Kestra Client",
+                        "version=" + version, "file=" + previous, "updateini=true", "optional=false",
+                        "deployer=" + ksharness.BIN,
+                        *(["previous=" + previous] if os.path.exists(previous) else []), *extra)
+        self.assertOk(r)
+        r = self.run_ks("--flags", "quiet=true", "--cache", "action=precache", "dir=" + build, "compress=true",
+                        "targetdir=" + os.path.join(self.www, "items"))
+        self.assertOk(r)
+        return build
+
+    def launch(self, env=None):
+        launcher = os.path.join(self.app, "ksweblaunch.exe")
+        env = dict(env or {})
+        env.setdefault("KSCLIENT_STAY_SECONDS", "0")
+        return self.run_ks("--url", self.url, "--user", "bob", "--", "--project", "P", binary=launcher, env=env)
+
+    def client_report(self):
+        if not os.path.exists(self.report):
+            return None
+        found = {"args": []}
+        for line in self.read("report.txt").decode().splitlines():
+            key, value = line.split("=", 1)
+            if key == "arg":
+                found["args"].append(value)
+            else:
+                found[key] = value
+        return found
+
+    def assertUnchanged(self, r, expected):
+        """The update failed with expected on standard error, the old version is in place and
+        its client was started."""
+        self.assertFails(r)
+        self.assertIn(expected, r.err)
+        self.assertIn(UPDATE_FAILED, r.out)
+        self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        report = self.client_report()
+        self.assertIsNotNone(report, repr(r))
+        self.assertEqual("1.0.0.1", report["version"])
+
+
+class UpdateTest(UpdateCase):
+    def test_update_to_the_new_version_and_the_client_restarted(self):
+        build = self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000, "data/new.dat": b"only in 2\n"})
+        r = self.launch()
+        self.assertOk(r)
+        self.assertNoErrorOutput(r.err)
+        report = self.client_report()
+        self.assertIsNotNone(report, repr(r))
+        self.assertEqual("1.0.0.2", report["version"])
+        self.assertEqual(["--project", "P", "--start", "bob:@"], report["args"])
+        self.assertEqual(ksharness.tree_snapshot(build),
+                         {p.replace(self.app, build, 1): v for p, v in ksharness.tree_snapshot(self.app).items()})
+        self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v
+                                   for p, v in ksharness.tree_snapshot(self.app + ".previous").items()})
+        # The unchanged file came from the old folder, not from the server.
+        requests = "\n".join(q["request"] for q in self.server.requests())
+        kept = subprocess.run(["md5sum", os.path.join(build, "data", "kept.dat")], stdout=subprocess.PIPE,
+                              check=True).stdout.decode().split()[0]
+        self.assertNotIn(kept, requests)
+        # The uninstall entry's description follows the update.
+        with open(self.app + ".xml") as f:
+            self.assertIn("1.0.0.2", f.read())
+
+
+if __name__ == "__main__":
+    ksharness.main()
