@@ -4,7 +4,8 @@ launcher's engine hands the update to a copy of itself in a sandbox, which stage
 beside the installed one, exchanges the two folders and starts the new client. After every case
 the application folder holds one whole version, the old or the new one, byte for byte.
 
-The started engine and client inherit the launcher's standard output, so a run whose output is
+The launcher's exit status is that of its own engine, which ends once it has started the update;
+the started engine and client inherit the launcher's standard output, so a run whose output is
 read to its end has also seen the update and the client end.
 """
 import os
@@ -90,8 +91,8 @@ class UpdateCase(ksharness.KsTestCase):
 
     def assertUnchanged(self, r, expected):
         """The update failed with expected on standard error, the old version is in place and
-        its client was started."""
-        self.assertFails(r)
+        its client was started. The launcher's own engine has ended well before: the failure is
+        the sandboxed engine's, on the same output."""
         self.assertIn(expected, r.err)
         self.assertIn(UPDATE_FAILED, r.out)
         self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
@@ -122,6 +123,103 @@ class UpdateTest(UpdateCase):
         # The uninstall entry's description follows the update.
         with open(self.app + ".xml") as f:
             self.assertIn("1.0.0.2", f.read())
+
+    def test_a_new_client_that_fails_its_start_is_rolled_back(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"}, exit_status=3)
+        r = self.launch()
+        self.assertUnchanged(r, "error: the new client failed to start: '%s/ksclient.exe' ended with status 3"
+                             % self.app)
+        self.assertFalse(os.path.exists(self.app + ".staging"))
+
+    def test_a_program_using_the_folder_stops_the_update_without_a_display(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
+        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        r = self.launch()
+        self.assertUnchanged(r, "error: the application folder '%s' is in use\n  ksclient.exe (pid %d)"
+                             % (self.app, holder.pid))
+
+    def test_a_server_lying_about_an_item_changes_nothing(self):
+        build = self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000, "data/new.dat": b"only in 2\n"})
+        digest = subprocess.run(["md5sum", os.path.join(build, "data", "new.dat")], stdout=subprocess.PIPE,
+                                check=True).stdout.decode().split()[0]
+        items = os.path.join(self.www, "items")
+        for name in os.listdir(items):
+            if name.startswith(digest):
+                os.remove(os.path.join(items, name))
+        self.write(os.path.join(items, digest), b"other bytes\n")
+        r = self.launch()
+        self.assertUnchanged(r, "error: ")
+        self.assertIn(digest, r.err)
+
+    def test_an_older_description_is_refused_unless_the_server_wants_the_downgrade(self):
+        self.publish("1.0.0.0", {"data/kept.dat": b"kept\n" * 1000})
+        r = self.launch()
+        self.assertUnchanged(r, "error: the published client is older than the installed one\n"
+                                "  %s/product.xml: version 1.0.0.0, installed 1.0.0.1" % self.url)
+        os.remove(self.report)
+        with open(os.path.join(self.www, "update.ini"), "a") as f:
+            f.write("DowngradeIsWanted=1\n")
+        r = self.launch()
+        self.assertOk(r)
+        self.assertEqual("1.0.0.0", self.client_report()["version"])
+
+
+class SignedUpdateTest(UpdateCase):
+    """Version 1.0.0.1 carries the publisher's public key: descriptions must be signed."""
+
+    def setUp(self):
+        self.keys = {}
+        super().setUp()
+
+    def key(self, name):
+        if name not in self.keys:
+            private = self.path(name + ".pem")
+            subprocess.run(["openssl", "genpkey", "-algorithm", "ed25519", "-out", private], check=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            public = self.path(name + ".pub.pem")
+            subprocess.run(["openssl", "pkey", "-in", private, "-pubout", "-out", public], check=True)
+            self.keys[name] = (private, public)
+        return self.keys[name]
+
+    def publish(self, version, files, exit_status=None, extra=()):
+        files = dict(files)
+        with open(self.key("publisher")[1], "rb") as f:
+            files["share/ksdeploy/update-key.pem"] = f.read()
+        build = super().publish(version, files, exit_status, extra)
+        self.sign("publisher")
+        return build
+
+    def sign(self, name):
+        description = os.path.join(self.www, "product.xml")
+        subprocess.run(["openssl", "pkeyutl", "-sign", "-rawin", "-inkey", self.key(name)[0], "-in", description,
+                        "-out", description + ".sig"], check=True)
+
+    def test_a_description_without_a_valid_signature_is_refused(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        signature = os.path.join(self.www, "product.xml.sig")
+        signed = self.read(signature)
+        os.remove(signature)
+        cases = (("missing", None, "error: the product description is not signed\n  %s/product.xml.sig: "
+                  % self.url),
+                 ("wrong", b"\0" * 64, "error: the product description's signature is not valid\n"),
+                 ("other key", "other", "error: the product description's signature is not valid\n"))
+        for case, content, expected in cases:
+            with self.subTest(case):
+                if content == "other":
+                    self.sign("other")
+                elif content is not None:
+                    self.write(signature, content)
+                r = self.launch()
+                self.assertFails(r)
+                self.assertIn(expected, r.err)
+                self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        self.write(signature, signed)
+        r = self.launch()
+        self.assertOk(r)
+        self.assertEqual("1.0.0.2", self.client_report()["version"])
 
 
 if __name__ == "__main__":
