@@ -185,12 +185,24 @@ class SignedUpdateTest(UpdateCase):
         return self.keys[name]
 
     def publish(self, version, files, exit_status=None, extra=()):
-        files = dict(files)
-        with open(self.key("publisher")[1], "rb") as f:
-            files["share/ksdeploy/update-key.pem"] = f.read()
-        build = super().publish(version, files, exit_status, extra)
+        public = self.key("publisher")[1]
+        build = super().publish(version, files, exit_status, tuple(extra) + ("updatekey=" + public,))
+        self.assertOk(self.run_ks("--flags", "quiet=true", "--cache", "action=precache", "file=" + public,
+                                  "compress=true", "targetdir=" + os.path.join(self.www, "items")))
         self.sign("publisher")
         return build
+
+    def test_the_key_is_installed_and_a_private_key_is_never_shipped(self):
+        with open(self.key("publisher")[1], "rb") as f:
+            self.assertEqual(f.read(), self.v1[os.path.join(self.app, "share", "ksdeploy", "update-key.pem")])
+        for key, expected in ((self.key("publisher")[0], "holds a private key"),
+                              (self.write("not-a-key.pem", "hello\n"), "error: cannot use the signing key")):
+            r = self.run_ks("--flags", "quiet=true", "--generate", "type=directory", "path=build-1.0.0.1",
+                            "--plugin", "name=KestraClientBuildSystem", "--generateProductXML", "name=KestraClient",
+                            "version=1.0.0.2", "file=other.xml", "updatekey=" + key)
+            self.assertFails(r)
+            self.assertIn(expected, r.err)
+            self.assertFalse(os.path.exists(self.path("other.xml")))
 
     def sign(self, name):
         description = os.path.join(self.www, "product.xml")
