@@ -9,8 +9,11 @@ the started engine and client inherit the launcher's standard output, so a run w
 read to its end has also seen the update and the client end.
 """
 import os
+import re
 import shutil
 import subprocess
+import time
+import unittest
 
 import ksharness
 from nginx_server import NginxServer
@@ -18,6 +21,18 @@ from nginx_server import NginxServer
 BUILD_DIR = os.environ.get("KSDEPLOY_BUILD_DIR") or os.path.dirname(os.path.dirname(ksharness.BIN))
 SAMPLE_DIR = os.path.join(BUILD_DIR, "sample")
 UPDATE_FAILED = "Automatic update has failed.\nPlease install manually.\n"
+GUI_MISSING = [t for t in ("Xvfb", "xdpyinfo", "xdotool") if shutil.which(t) is None]
+
+
+def wait_for(predicate, what, limit=60.0):
+    """Polls until predicate() is true; the limit only keeps a broken run from hanging."""
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError("gave up waiting for " + what)
 
 
 class UpdateCase(ksharness.KsTestCase):
@@ -165,6 +180,74 @@ class UpdateTest(UpdateCase):
         r = self.launch()
         self.assertOk(r)
         self.assertEqual("1.0.0.0", self.client_report()["version"])
+
+
+@unittest.skipIf(GUI_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(GUI_MISSING))
+class InUseBoxTest(UpdateCase):
+    def setUp(self):
+        super().setUp()
+        from test_progress_dialog import XServer
+        self.x = XServer()
+        self.addCleanup(self.x.stop)
+
+    def xtool(self, *args):
+        return subprocess.run(list(args), env=dict(self.env, DISPLAY=self.x.display), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                              timeout=60).stdout.decode()
+
+    def box(self, title):
+        for window in self.xtool("xdotool", "search", "--onlyvisible", "--name", "").split():
+            if re.search(title, self.xtool("xdotool", "getwindowname", window).rstrip("\n")):
+                return window
+        return None
+
+    def press(self, title, key):
+        """Presses key in the window of that title until it is gone."""
+        window = wait_for(lambda: self.box(title), "the window " + title)
+        for _ in range(40):
+            if not self.box(title):
+                return
+            self.xtool("xdotool", "windowfocus", "--sync", window)
+            self.xtool("xdotool", "key", key)
+            try:
+                wait_for(lambda: not self.box(title), "the window to go", limit=3)
+                return
+            except AssertionError:
+                pass
+        self.fail("the window %s did not take %s" % (title, key))
+
+    def updates_running(self):
+        """Whether an engine started from a sandbox of this test still runs."""
+        sandboxes = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Sandboxes") + "/"
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                if os.readlink("/proc/%s/exe" % pid).startswith(sandboxes):
+                    return True
+            except OSError:
+                pass
+        return False
+
+    def test_abort_in_the_box_listing_the_programs_in_use_changes_nothing(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
+        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        with open(self.path("out.txt"), "wb") as out:
+            launcher = os.path.join(self.app, "ksweblaunch.exe")
+            proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
+                                    env=dict(self.env, KSCLIENT_STAY_SECONDS="0", DISPLAY=self.x.display))
+            self.addCleanup(proc.wait)
+            self.press("^Kestra Client Client Version Mismatch$", "Return")
+            self.press("^Programs in use$", "Escape")
+            self.press("^ksdeploy$", "Return")
+            self.press("^Kestra Imaging$", "Escape")
+            # The output ends with the engine that deployed and the client it started.
+            wait_for(lambda: os.path.exists(self.report), "the old client's start")
+            wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        self.assertEqual("1.0.0.1", self.client_report()["version"])
+        self.assertIn("error: the update was cancelled: the application folder '%s' is in use\n"
+                      "  ksclient.exe (pid %d)\n" % (self.app, holder.pid), self.read("out.txt").decode())
 
 
 class SignedUpdateTest(UpdateCase):
