@@ -21,6 +21,7 @@ from nginx_server import NginxServer
 BUILD_DIR = os.environ.get("KSDEPLOY_BUILD_DIR") or os.path.dirname(os.path.dirname(ksharness.BIN))
 SAMPLE_DIR = os.path.join(BUILD_DIR, "sample")
 UPDATE_FAILED = "Automatic update has failed.\nPlease install manually.\n"
+PASSWORD = "S3cret-pw"
 GUI_MISSING = [t for t in ("Xvfb", "xdpyinfo", "xdotool") if shutil.which(t) is None]
 
 
@@ -90,7 +91,9 @@ class UpdateCase(ksharness.KsTestCase):
         launcher = os.path.join(self.app, "ksweblaunch.exe")
         env = dict(env or {})
         env.setdefault("KSCLIENT_STAY_SECONDS", "0")
-        return self.run_ks("--url", self.url, "--user", "bob", "--", "--project", "P", binary=launcher, env=env)
+        password = self.write("password", PASSWORD + "\n")
+        return self.run_ks("--url", self.url, "--user", "bob", "--password-file", password, "--", "--project", "P",
+                           binary=launcher, env=env)
 
     def client_report(self):
         if not os.path.exists(self.report):
@@ -125,7 +128,12 @@ class UpdateTest(UpdateCase):
         report = self.client_report()
         self.assertIsNotNone(report, repr(r))
         self.assertEqual("1.0.0.2", report["version"])
-        self.assertEqual(["--project", "P", "--start", "bob:@"], report["args"])
+        self.assertEqual(["--project", "P", "--start", "bob:%s@" % PASSWORD], report["args"])
+        # The launch values handed to the sandboxed engine are not left on disk.
+        for dirpath, _, filenames in os.walk(self.tmp):
+            for name in filenames:
+                with open(os.path.join(dirpath, name), "rb") as f:
+                    self.assertNotIn(PASSWORD.encode(), f.read(), os.path.join(dirpath, name))
         self.assertEqual(ksharness.tree_snapshot(build),
                          {p.replace(self.app, build, 1): v for p, v in ksharness.tree_snapshot(self.app).items()})
         self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v

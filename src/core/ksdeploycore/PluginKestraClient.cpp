@@ -194,7 +194,11 @@ McResult PluginKestraClient::activate()
 
     // Run from a sandbox (a copy made for an update): that copy goes at the next reboot.
     if (e.sandboxIsValidDir(programDir))
+    {
         e.sandboxRemove(QDir(programDir).dirName(), true);
+        // The launch values (the password among them) were read with the command line.
+        QFile::remove(programDir + QStringLiteral("/deploy.commands"));
+    }
 
     Configuration& config = e.configuration();
     mDirBin = config.value(QStringLiteral("KSC_DIR_BIN"));
@@ -349,7 +353,7 @@ McResult PluginKestraClient::activate()
         const bool downgradeWanted = replyFlag(mReplyConfiguration, "DowngradeIsWanted");
         if (MC_CHECK_DETAIL(retVal, downgradeWanted || versionCompare(published, mVersion) >= 0,
                             "the published client is older than the installed one",
-                            tr("%1: version %2, installed %3 (update.ini: DowngradeIsWanted=1 allows it)")
+                            QStringLiteral("%1: version %2, installed %3 (update.ini: DowngradeIsWanted=1 allows it)")
                                 .arg(serverBase(mUrl) + QStringLiteral("/product.xml"), published, mVersion)
                                 .toStdString()))
             return retVal;
