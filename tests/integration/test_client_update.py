@@ -257,6 +257,29 @@ class InUseBoxTest(UpdateCase):
         self.assertIn("error: the update was cancelled: the application folder '%s' is in use\n"
                       "  ksclient.exe (pid %d)\n" % (self.app, holder.pid), self.read("out.txt").decode())
 
+    def test_retry_after_the_program_ended_updates(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
+        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        with open(self.path("out.txt"), "wb") as out:
+            launcher = os.path.join(self.app, "ksweblaunch.exe")
+            proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
+                                    env=dict(self.env, KSCLIENT_STAY_SECONDS="0", DISPLAY=self.x.display))
+            self.addCleanup(proc.wait)
+            self.press("^Kestra Client Client Version Mismatch$", "Return")
+            wait_for(lambda: self.box("^Programs in use$"), "the box of programs in use")
+            holder.kill()
+            holder.wait()
+            self.press("^Programs in use$", "Return")
+            wait_for(lambda: os.path.exists(self.report), "the new client's start")
+            wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertEqual("1.0.0.2", self.client_report()["version"])
+        self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v
+                                   for p, v in ksharness.tree_snapshot(self.app + ".previous").items()})
+        self.assertNotIn("error", self.read("out.txt").decode())
+
 
 class SignedUpdateTest(UpdateCase):
     """Version 1.0.0.1 carries the publisher's public key: descriptions must be signed."""
