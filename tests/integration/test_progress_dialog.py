@@ -51,7 +51,10 @@ class XServer:
             if os.path.exists("/tmp/.X%d-lock" % number) or os.path.exists("/tmp/.X11-unix/X%d" % number):
                 continue
             self.display = ":%d" % number
-            self.proc = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "1280x1024x24", "-nolisten", "tcp"],
+            # -noreset: the probe below is a client too, and one connecting while the server resets
+            # after the probe left fails.
+            self.proc = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "1280x1024x24", "-nolisten", "tcp",
+                                          "-noreset"],
                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             try:
                 if wait_for(self.answers, "Xvfb on " + self.display, limit=30.0) == "up":
