@@ -17,6 +17,7 @@ import unittest
 
 import ksharness
 from nginx_server import NginxServer
+from test_hostile_servers import small_tmpfs
 
 BUILD_DIR = os.environ.get("KSDEPLOY_BUILD_DIR") or os.path.dirname(os.path.dirname(ksharness.BIN))
 SAMPLE_DIR = os.path.join(BUILD_DIR, "sample")
@@ -46,9 +47,17 @@ class UpdateCase(ksharness.KsTestCase):
         self.env["KSCLIENT_REPORT"] = self.report
         self.www = self.path("www", "client")
         os.makedirs(self.www)
-        self.target = self.path("home", ".local", "opt")
-        self.app = os.path.join(self.target, "Kestra", "Client")
         self.publish("1.0.0.1", {"data/kept.dat": b"kept\n" * 1000, "data/old.dat": b"only in 1\n"})
+        self.install(self.path("home", ".local", "opt"))
+        self.server = NginxServer(self.path("www"))
+        self.server.start()
+        self.addCleanup(self.server.stop)
+        self.url = self.server.url + "/client"
+
+    def install(self, target):
+        """Installs what www/client holds below target as Kestra/Client."""
+        self.target = target
+        self.app = os.path.join(self.target, "Kestra", "Client")
         r = self.run_ks("--flags", "quiet=true", "--load", "file=%s/product.xml" % self.www,
                         "--config", "DIR_TARGET=" + self.target, "DIR_VENDOR=Kestra", "DIR_APPLICATION=Client",
                         "--product", "action=resolve", "confkey=DIR_TARGET", "confkey=DIR_VENDOR",
@@ -57,10 +66,6 @@ class UpdateCase(ksharness.KsTestCase):
                         "--save", "target=" + self.app + ".xml")
         self.assertOk(r)
         self.v1 = ksharness.tree_snapshot(self.app)
-        self.server = NginxServer(self.path("www"))
-        self.server.start()
-        self.addCleanup(self.server.stop)
-        self.url = self.server.url + "/client"
 
     def publish(self, version, files, exit_status=None, extra=()):
         """Publishes a build of the sample client with files added; with exit_status the client
@@ -163,6 +168,16 @@ class UpdateTest(UpdateCase):
         r = self.launch()
         self.assertUnchanged(r, "error: the application folder '%s' is in use\n  ksclient.exe (pid %d)"
                              % (self.app, holder.pid))
+
+    def test_a_full_disk_while_staging_changes_nothing(self):
+        with small_tmpfs(self, 1024 * 1024) as where:
+            self.install(where)
+            self.publish("1.0.0.2", {"data/big.dat": os.urandom(2 * 1024 * 1024)})
+            r = self.launch()
+            self.assertUnchanged(r, "error: the new version could not be staged in '%s.staging'" % self.app)
+            self.assertIn("No space left on device", r.err)
+            self.assertEqual(["Kestra"], os.listdir(where))
+            self.assertEqual(["Client", "Client.xml"], sorted(os.listdir(os.path.join(where, "Kestra"))))
 
     def test_a_server_lying_about_an_item_changes_nothing(self):
         build = self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000, "data/new.dat": b"only in 2\n"})
