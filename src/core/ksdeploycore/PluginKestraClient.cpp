@@ -649,7 +649,8 @@ McResult PluginKestraClient::deploy()
     if (retVal.isOk())
     {
         QString translations = QCoreApplication::applicationDirPath() + QStringLiteral("/share/translations");
-        const QString packaged = QCoreApplication::applicationDirPath() + QStringLiteral("/../share/ksdeploy/translations");
+        const QString packaged =
+            QCoreApplication::applicationDirPath() + QStringLiteral("/../share/ksdeploy/translations");
         if (!QFileInfo::exists(translations) && QFileInfo::exists(packaged))
             translations = QDir::cleanPath(packaged);
         const QString into = box.filePath(QStringLiteral("share/translations"));
@@ -685,10 +686,9 @@ McResult PluginKestraClient::deploy()
         lines << QStringLiteral("KSC_DEPLOY_PARENT=%1").arg(QCoreApplication::applicationPid());
         lines << QStringLiteral("--plugin") << QStringLiteral("name=KestraClient");
         QFile file(commandsPath);
-        const bool written = file.open(QIODevice::WriteOnly) &&
-                             file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) &&
-                             QxBase::File::writeAll(file, (lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8())
-                                 .isOk();
+        const bool written =
+            file.open(QIODevice::WriteOnly) && file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) &&
+            QxBase::File::writeAll(file, (lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8()).isOk();
         MC_CHECK_DETAIL(retVal, written, QStringLiteral("cannot write the update's launch values"),
                         McLib::osDetail(QFile::encodeName(commandsPath).toStdString(), errno));
     }
