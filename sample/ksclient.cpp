@@ -4,6 +4,9 @@
 //   KSCLIENT_REPORT        file the report is written to (standard output when unset)
 //   KSCLIENT_STAY_SECONDS  how long to stay up after the report (default 0)
 //
+// A build that must fail its start ships "ksclient.exitstatus" beside the program: the client
+// then ends with that status right after its report.
+//
 // The version comes from "ksclient.version" beside the program, the way a build stamps it.
 // Entries of the environment whose names start with "KSCLIENT_" are reported.
 #include <unistd.h>
@@ -77,6 +80,11 @@ int main(int argc, char** argv)
     }
     else
         std::cout << report.str() << std::flush;
+
+    std::ifstream failing(programFolder() + "/ksclient.exitstatus");
+    int status = 0;
+    if (failing >> status && status != 0)
+        return status;
 
     const char* stay = std::getenv("KSCLIENT_STAY_SECONDS");
     if (stay && *stay)

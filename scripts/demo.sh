@@ -2,8 +2,8 @@
 # The main job, start to finish, with nothing to set up: builds ksdeploy, describes a sample
 # product, publishes it into a folder, installs it from there through a file:// URL, verifies it,
 # damages one file and repairs it, and uninstalls it. Then it publishes the sample client
-# (build/sample), installs it, starts it through its launcher, publishes a second version and
-# shows the version question. Everything happens under build/demo/.
+# (build/sample), installs it, starts it through its launcher, publishes a second version,
+# answers the version question and updates the client, then rolls back a broken third version. Everything happens under build/demo/.
 #   scripts/demo.sh                  publish and install through file:// URLs
 #   KSDEPLOY_DEMO_URL=http://host/demo scripts/demo.sh
 #                                    install from that URL instead (serve build/demo/publish there)
@@ -120,13 +120,27 @@ publish_client 2.0.0.0 previous="$client_pub/product.xml" updateini=true \
   "message=Version 2 starts faster."
 cat "$client_pub/update.ini"
 rm -f "$KSCLIENT_REPORT"
-# Without a terminal the default answer (Yes) is taken: the installed client starts, then the update
-# runs (fetching the new client is not part of this version, so it reports a failure).
-set +e
-run env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM "${launch[@]}" </dev/null
-echo "exit status: $?"
-set -e
-echo "the client that started reports: $(grep '^version=' "$KSCLIENT_REPORT")"
+# Without a terminal the default answer (Yes) is taken: the installed client starts, then the
+# launcher's engine hands the update to a copy of itself in a sandbox and ends. That copy stages
+# version 2 beside the installed folder, exchanges the two folders and starts the new client. Its
+# output comes on the same stream: reading that to its end waits for the update too.
+launch_and_wait() {
+  set +e
+  run env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM "${launch[@]}" </dev/null | cat
+  set -e
+}
+launch_and_wait
+echo "the client that started last reports: $(grep '^version=' "$KSCLIENT_REPORT")"
+ls -d "$client_target/Kestra/"*
+
+step "13. Publish a broken version 3.0.0.0 (its client fails at start): the update is rolled back"
+printf '1\n' > "$client_out/ksclient.exitstatus"
+publish_client 3.0.0.0 previous="$client_pub/product.xml" updateini=true
+rm -f "$client_out/ksclient.exitstatus"
+rm -f "$KSCLIENT_REPORT"
+launch_and_wait
+echo "the client that started last reports: $(grep '^version=' "$KSCLIENT_REPORT")"
+echo "installed: $(cat "$client_target/Kestra/Client/ksclient.version")"
 
 step "Done"
 echo "product description: $demo/publish/product.xml (Graphviz picture: product.xml.gv)"

@@ -61,6 +61,18 @@
 <context>
     <name>KsDeploy::PluginKestraClient</name>
     <message>
+        <source>Starting the update from %1</source>
+        <translation>Starting the update from %1</translation>
+    </message>
+    <message>
+        <source>Programs in use</source>
+        <translation>Programs in use</translation>
+    </message>
+    <message>
+        <source>These programs use the client's folder. Close them, then choose Retry.</source>
+        <translation>These programs use the client's folder. Close them, then choose Retry.</translation>
+    </message>
+    <message>
         <source>Starting %1</source>
         <translation>Starting %1</translation>
     </message>

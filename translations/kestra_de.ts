@@ -61,6 +61,18 @@
 <context>
     <name>KsDeploy::PluginKestraClient</name>
     <message>
+        <source>Starting the update from %1</source>
+        <translation>Starte die Aktualisierung aus %1</translation>
+    </message>
+    <message>
+        <source>Programs in use</source>
+        <translation>Programme in Benutzung</translation>
+    </message>
+    <message>
+        <source>These programs use the client's folder. Close them, then choose Retry.</source>
+        <translation>Diese Programme benutzen den Ordner des Clients. Schließen Sie sie und wählen Sie dann Wiederholen.</translation>
+    </message>
+    <message>
         <source>Starting %1</source>
         <translation>Starte %1</translation>
     </message>

@@ -223,26 +223,30 @@ class VersionCheckTest(ClientCase):
     def test_without_a_terminal_the_default_answer_is_taken(self):
         self.update_ini(self.OPTIONAL)
         r = self.launch()
-        # Optional: the client starts first, then the update (which fails, as updates do for now).
-        self.assertFails(r)
+        # Optional: the client starts first, then the update (the same files, so it only restarts
+        # the client from the exchanged folder).
+        self.assertOk(r)
         self.assertIn("Kestra Auto-Update\nA new client version is available.\n\nFaster.\nSmaller.\n\n"
                       "Current client version: 1.2.3.4\nRecommended client version: 2.0.0.0\n\n"
                       "Do you want to update your client to version 2.0.0.0?\n"
                       "Answer: Yes (no terminal to ask, the default answer is taken)\n", r.out)
-        self.assertLess(r.out.index("Starting"), r.out.index(UPDATE_FAILED))
+        self.assertLess(r.out.index("Starting " + os.path.realpath(self.app)), r.out.index("Starting the update"))
+        self.assertNotIn(UPDATE_FAILED, r.out)
         self.assertIsNotNone(self.client_report())
         os.remove(self.report)
 
         # Mandatory: Yes runs the update instead of the old client.
         self.update_ini(self.MANDATORY)
         r = self.launch()
-        self.assertFails(r)
+        self.assertOk(r)
         self.assertIn("Kestra Client Version Mismatch\nYour client version is not supported by this server.\n\n"
                       "Current client version: 1.2.3.4\nRecommended client version: 2.0.0.0\n\n"
                       "Protocol version of client: 6\nProtocol version of server: 7\n\n"
                       "Do you want to update your client to version 2.0.0.0?\n", r.out)
-        self.assertIn(UPDATE_FAILED, r.out)
-        self.assertIsNone(self.client_report(), "the old client was started")
+        self.assertNotIn(UPDATE_FAILED, r.out)
+        self.assertNotIn("Starting " + os.path.realpath(self.app), r.out, "the old client was started")
+        self.assertIn("Starting the update", r.out)
+        self.assertIsNotNone(self.client_report(), "the updated client was not started")
 
     def test_boxes_with_only_ok_and_no_question_at_all(self):
         cases = [
@@ -299,12 +303,14 @@ class VersionCheckTest(ClientCase):
         self.assertNotIn(UPDATE_FAILED, out)
         self.assertIsNotNone(self.client_report())
         os.remove(self.report)
-        # Something else is asked again; an empty line takes the default, Yes.
+        # Something else is asked again; an empty line takes the default, Yes: the update runs
+        # and starts the client.
         code, out, err = self.run_on_terminal(b"maybe\n\n")
-        self.assertEqual(1, code, out + err)
+        self.assertEqual(0, code, out + err)
         self.assertEqual(2, out.count("[Y/n] "), out)
-        self.assertIn(UPDATE_FAILED, out)
-        self.assertIsNone(self.client_report())
+        self.assertNotIn(UPDATE_FAILED, out)
+        self.assertIn("Starting the update", out)
+        self.assertIsNotNone(self.client_report())
 
 
 @unittest.skipIf(GUI_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(GUI_MISSING))
@@ -379,16 +385,28 @@ class VersionBoxTest(ClientCase):
         self.assertEqual(0, proc.wait(timeout=60), self.output())
         self.assertNotIn("error", self.output())
 
+    def updates_running(self):
+        """Whether an engine started from a sandbox of this test still runs."""
+        sandboxes = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Sandboxes") + "/"
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                if os.readlink("/proc/%s/exe" % pid).startswith(sandboxes):
+                    return True
+            except OSError:
+                pass
+        return False
+
     def test_yes_to_the_optional_offer_updates_after_the_client_started(self):
         self.update_ini(VersionCheckTest.OPTIONAL)
         proc = self.start()
         wait_for(lambda: os.path.exists(self.report), "the client's report")
+        os.remove(self.report)
         self.press("^Kestra Auto-Update$", "Return", proc)
-        # The update came after the start; its failure is told, the run itself succeeded.
-        wait_for(lambda: self.box("^ksdeploy$"), "the update's failure notice")
-        self.press("^ksdeploy$", "Return", proc)
-        self.press("^Kestra Imaging$", "Escape", proc)
+        # The update came after the start and runs on in an engine of its own, which starts the
+        # client again; the run itself succeeded.
         self.assertEqual(0, proc.wait(timeout=60), self.output())
+        wait_for(lambda: os.path.exists(self.report), "the updated client's report")
+        wait_for(lambda: not self.updates_running(), "the update's end")
         self.assertNotIn("error", self.output())
 
     def test_a_mandatory_update_answered_yes_replaces_the_client_start(self):
@@ -397,14 +415,12 @@ class VersionBoxTest(ClientCase):
         wait_for(lambda: self.box("^Kestra Client Version Mismatch$"), "the question")
         self.assertIsNone(self.client_report(), "the client started before the answer")
         self.press("^Kestra Client Version Mismatch$", "Return", proc)
-        # The update runs instead of the old client, and its failure is told in a box of its own;
-        # the progress window then stays until it is closed.
-        wait_for(lambda: self.box("^ksdeploy$"), "the update's failure notice")
-        self.press("^ksdeploy$", "Return", proc)
-        self.press("^Kestra Imaging$", "Escape", proc)
-        self.assertEqual(1, proc.wait(timeout=60), self.output())
-        self.assertIsNone(self.client_report(), "the old client was started")
-
+        # The update runs instead of the old client and starts the client once it is done.
+        self.assertEqual(0, proc.wait(timeout=60), self.output())
+        wait_for(lambda: os.path.exists(self.report), "the updated client's report")
+        wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertNotIn("Starting " + os.path.realpath(self.app), self.output(), "the old client was started")
+        self.assertNotIn("error", self.output())
 
 if __name__ == "__main__":
     ksharness.main()

@@ -3,16 +3,21 @@
 #include "PluginKestraClient.h"
 
 #include "Cache.h"
+#include "ClientDeployment.h"
 #include "Engine.h"
 #include "Generator.h"
 #include "Progress.h"
 #include "Resource.h"
 #include "ResourceFileDirectory.h"
 #include "ResourceFileEntry.h"
+#include "ResourceProduct.h"
+#include "ResourceRegistryValue.h"
 #include "WidgetProgress.h"
 #include "XmlSerializer.h"
 
 #include "QxDownload.h"
+#include "QxFile.h"
+#include "QxSignatureCheck.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -44,7 +49,8 @@ const char* const sReplyKeys[] = {"UpdateIsOptional",
                                   "VersionsOfClientSupportedByServer",
                                   "VersionOfProtocolCurrent",
                                   "UpdateMessage",
-                                  "Product"};
+                                  "Product",
+                                  "DowngradeIsWanted"};
 
 bool replyKeyIsKnown(const QString& inKey)
 {
@@ -74,6 +80,22 @@ QString pathUnresolved(const ResourceFileEntry& inEntry)
         dir = dir->container();
     }
     return parts.join(QLatin1Char('/'));
+}
+
+// Orders two versions of four decimal numbers: negative, zero or positive. A missing or
+// non-numeric part counts as 0.
+int versionCompare(const QString& inLeft, const QString& inRight)
+{
+    const QStringList left = inLeft.split(QLatin1Char('.'));
+    const QStringList right = inRight.split(QLatin1Char('.'));
+    for (int i = 0; i < std::max(left.size(), right.size()); ++i)
+    {
+        const qlonglong a = i < left.size() ? left[i].toLongLong() : 0;
+        const qlonglong b = i < right.size() ? right[i].toLongLong() : 0;
+        if (a != b)
+            return a < b ? -1 : 1;
+    }
+    return 0;
 }
 
 // Where the published files are: a URL as given, a plain folder as a file URL.
@@ -144,13 +166,39 @@ PluginKestraClient::~PluginKestraClient() = default;
 
 McResult PluginKestraClient::onActivate()
 {
+    mDeploying = Engine::instance().configuration().valueIsDefined(QStringLiteral("KSC_DEPLOY_PARENT"));
+    McResult retVal = activate();
+    // The engine that deploys was started for an update the user agreed to: whatever stopped it
+    // before the update ran, the user is told and gets the installed client.
+    if (retVal.isBad() && mDeploying && !mDeployRan)
+    {
+        Engine& e = Engine::instance();
+        e.progress().reportUpdateFailure();
+        const QString old = mDirBin + QStringLiteral("/ksclient.exe");
+        if (!mDirBin.isEmpty() && QFileInfo(old).isFile())
+        {
+            e.trace(McLogLevelInfo, tr("Starting %1").arg(old));
+            retVal << e.sideExecutionInvoke(old, clientArguments(mListOfArgument, mUser, mPass, mServer),
+                                            mClientEnvironment, false, false);
+        }
+    }
+    return retVal;
+}
+
+McResult PluginKestraClient::activate()
+{
     McResult retVal;
     Engine& e = Engine::instance();
+    mDeployRan = false;
     const QString programDir = QCoreApplication::applicationDirPath();
 
     // Run from a sandbox (a copy made for an update): that copy goes at the next reboot.
     if (e.sandboxIsValidDir(programDir))
+    {
         e.sandboxRemove(QDir(programDir).dirName(), true);
+        // The launch values (the password among them) were read with the command line.
+        QFile::remove(programDir + QStringLiteral("/deploy.commands"));
+    }
 
     Configuration& config = e.configuration();
     mDirBin = config.value(QStringLiteral("KSC_DIR_BIN"));
@@ -164,6 +212,7 @@ McResult PluginKestraClient::onActivate()
     for (int i = 0; i < 4; ++i)
         version.append(config.value(QStringLiteral("KSC_VERSION_%1").arg(i)));
     mVersion = version.join(QLatin1Char('.'));
+    mStartWatchMs = config.value(QStringLiteral("KSC_DEPLOY_WATCH_MS"));
     mDeployAfterStart = false;
 
     if (!mLanguage.isEmpty())
@@ -186,6 +235,28 @@ McResult PluginKestraClient::onActivate()
         mListOfArgument.append(config.value(QStringLiteral("KSC_ARG_%1").arg(i)));
     for (int i = 0; i < 1000 && config.valueIsDefined(QStringLiteral("KSC_ENV_%1").arg(i)); ++i)
         mListOfEnvironment.append(config.value(QStringLiteral("KSC_ENV_%1").arg(i)));
+
+    // The client sees our environment with its own entries added (a later entry of the same
+    // name replaces an earlier one).
+    mClientEnvironment.clear();
+    for (auto it = e.environment().constBegin(); it != e.environment().constEnd(); ++it)
+        mClientEnvironment.append(it.key() + QLatin1Char('=') + it.value());
+    for (const QString& entry : mListOfEnvironment)
+    {
+        const QString name = entry.section(QLatin1Char('='), 0, 0) + QLatin1Char('=');
+        mClientEnvironment.erase(std::remove_if(mClientEnvironment.begin(), mClientEnvironment.end(),
+                                                [&name](const QString& inOld) { return inOld.startsWith(name); }),
+                                 mClientEnvironment.end());
+        mClientEnvironment.append(entry);
+    }
+
+    // An update killed half way through its folder exchange is finished or undone first.
+    if (!applicationPath.isEmpty())
+    {
+        retVal << ClientDeployment::recoverInterrupted(applicationPath);
+        if (retVal.isBad())
+            return retVal;
+    }
 
     // The installation is <target>/<vendor>/<application>; all three must be there.
     if (MC_CHECK_DETAIL(retVal, !applicationPath.isEmpty(), "the application folder does not exist",
@@ -231,6 +302,9 @@ McResult PluginKestraClient::onActivate()
     retVal << Cache::loadFileHTTP(description, serverBase(mUrl) + QStringLiteral("/product.xml"), McLib::MD5());
     if (retVal.isBad())
         return retVal;
+    retVal << descriptionSignatureCheck(applicationPath, description);
+    if (retVal.isBad())
+        return retVal;
     XmlSerializer serializer;
     McDArray<McHandle<Resource>> loaded;
     retVal << serializer.deserialize(description, loaded);
@@ -259,6 +333,39 @@ McResult PluginKestraClient::onActivate()
                  QStringLiteral("unable to resolve executable '%1'").arg(unresolved)))
         return retVal;
 
+    if (mDeploying)
+    {
+        McHandle<ResourceProduct> product;
+        QString published;
+        for (int64_t i = 0; i < loaded.size(); ++i)
+        {
+            if (auto* p = dynamic_cast<ResourceProduct*>(loaded[i].ptr()); p && product.isNull())
+                product = p;
+            auto* value = dynamic_cast<ResourceRegistryValue*>(loaded[i].ptr());
+            if (value && value->name() == QLatin1String("DisplayVersion"))
+                published = value->value();
+        }
+        if (MC_CHECK_DETAIL(retVal, product.isNotNull(), "the product description holds no product",
+                            (serverBase(mUrl) + QStringLiteral("/product.xml")).toStdString()))
+            return retVal;
+        if (published.isEmpty())
+            published = mReplyConfiguration.value(QStringLiteral("VersionOfClientRecommended"));
+        const bool downgradeWanted = replyFlag(mReplyConfiguration, "DowngradeIsWanted");
+        if (MC_CHECK_DETAIL(retVal, downgradeWanted || versionCompare(published, mVersion) >= 0,
+                            "the published client is older than the installed one",
+                            QStringLiteral("%1: version %2, installed %3 (update.ini: DowngradeIsWanted=1 allows it)")
+                                .arg(serverBase(mUrl) + QStringLiteral("/product.xml"), published, mVersion)
+                                .toStdString()))
+            return retVal;
+        mDeployRan = true;
+        const QString installed = QStringList{e.configuration().value(QStringLiteral("DIR_TARGET")),
+                                              e.configuration().value(QStringLiteral("DIR_VENDOR")),
+                                              e.configuration().value(QStringLiteral("DIR_APPLICATION"))}
+                                      .join(QLatin1Char('/'));
+        retVal << deployHere(installed, product->name(), exePath, mClientEnvironment);
+        return retVal;
+    }
+
     if (replyFound && replyAsksQuestion() && askUserIfHeWantsToUpdate())
     {
         // The old client is not started: the update replaces it.
@@ -266,22 +373,9 @@ McResult PluginKestraClient::onActivate()
         return retVal;
     }
 
-    // The client sees our environment with its own entries added (a later entry of the same
-    // name replaces an earlier one).
-    QStringList environment;
-    for (auto it = e.environment().constBegin(); it != e.environment().constEnd(); ++it)
-        environment.append(it.key() + QLatin1Char('=') + it.value());
-    for (const QString& entry : mListOfEnvironment)
-    {
-        const QString name = entry.section(QLatin1Char('='), 0, 0) + QLatin1Char('=');
-        environment.erase(std::remove_if(environment.begin(), environment.end(),
-                                         [&name](const QString& inOld) { return inOld.startsWith(name); }),
-                          environment.end());
-        environment.append(entry);
-    }
     e.trace(McLogLevelInfo, tr("Starting %1").arg(exePath));
-    retVal << e.sideExecutionInvoke(exePath, clientArguments(mListOfArgument, mUser, mPass, mServer), environment,
-                                    false, false);
+    retVal << e.sideExecutionInvoke(exePath, clientArguments(mListOfArgument, mUser, mPass, mServer),
+                                    mClientEnvironment, false, false);
     if (retVal.isOk() && mDeployAfterStart)
         retVal << deploy();
     return retVal;
@@ -370,7 +464,8 @@ McResult PluginKestraClient::replyParse(const QByteArray& inText, const QString&
             return retVal;
         // A word here is a mistake of the publisher, not a quiet "mandatory".
         static const QRegularExpression sDecimal(QStringLiteral("^[+-]?[0-9]{1,9}$"));
-        const bool isFlag = key == QLatin1String("UpdateIsOptional") || key == QLatin1String("UpdateIsImpossible");
+        const bool isFlag = key == QLatin1String("UpdateIsOptional") || key == QLatin1String("UpdateIsImpossible") ||
+                            key == QLatin1String("DowngradeIsWanted");
         if (MC_CHECK_DETAIL(retVal, !isFlag || sDecimal.match(value).hasMatch(), message,
                             QStringLiteral("%1: %2 must be a decimal number, not '%3'")
                                 .arg(where, key, value.left(80))
@@ -541,10 +636,147 @@ bool PluginKestraClient::askUserIfHeWantsToUpdate()
 McResult PluginKestraClient::deploy()
 {
     McResult retVal;
-    // Fetching the new client and running the deploy tool are not part of this version: an
-    // update the user asked for can only fail, and is reported the way a failed update is.
-    Engine::instance().progress().reportUpdateFailure();
-    retVal.makeBad(1);
+    Engine& e = Engine::instance();
+    // The update replaces the folder this engine may run from and must outlive it: a copy of the
+    // engine in a sandbox does it, and this engine ends.
+    QDir box;
+    retVal << e.sandboxGenerate(box);
+    const QString self = QCoreApplication::applicationFilePath();
+    const QString copy = box.filePath(QStringLiteral("ksdeploy"));
+    if (retVal.isOk())
+        MC_CHECK_DETAIL(retVal, QFile::copy(self, copy), QStringLiteral("cannot copy the engine into '%1'").arg(box.path()),
+                        McLib::osDetail(QFile::encodeName(self).toStdString(), errno));
+    if (retVal.isOk())
+    {
+        QString translations = QCoreApplication::applicationDirPath() + QStringLiteral("/share/translations");
+        const QString packaged =
+            QCoreApplication::applicationDirPath() + QStringLiteral("/../share/ksdeploy/translations");
+        if (!QFileInfo::exists(translations) && QFileInfo::exists(packaged))
+            translations = QDir::cleanPath(packaged);
+        const QString into = box.filePath(QStringLiteral("share/translations"));
+        QDir().mkpath(into);
+        for (const QFileInfo& fi : QDir(translations).entryInfoList(QDir::Files))
+            if (MC_CHECK_DETAIL(retVal, QFile::copy(fi.filePath(), into + QLatin1Char('/') + fi.fileName()),
+                                QStringLiteral("cannot copy the engine into '%1'").arg(box.path()),
+                                McLib::osDetail(QFile::encodeName(fi.filePath()).toStdString(), errno)))
+                break;
+    }
+    // The launch values go in a file of the sandbox (private to the user), not on a command
+    // line where every user could read the password.
+    const QString commandsPath = box.filePath(QStringLiteral("deploy.commands"));
+    if (retVal.isOk())
+    {
+        QStringList lines;
+        if (e.quiet())
+            lines << QStringLiteral("--flags") << QStringLiteral("quiet=true");
+        lines << QStringLiteral("--config") << QStringLiteral("KSC_DIR_BIN=") + mDirBin
+              << QStringLiteral("KSC_DIR_APP=") + mDirApp;
+        const QStringList version = mVersion.split(QLatin1Char('.'));
+        for (int i = 0; i < 4; ++i)
+            lines << QStringLiteral("KSC_VERSION_%1=%2").arg(i).arg(i < version.size() ? version[i] : QString());
+        lines << QStringLiteral("KSC_USER=") + mUser << QStringLiteral("KSC_PASS=") + mPass
+              << QStringLiteral("KSC_SERVER=") + mServer << QStringLiteral("KSC_URL=") + mUrl
+              << QStringLiteral("KSC_LANGUAGE=") + mLanguage;
+        for (int i = 0; i < mListOfArgument.size(); ++i)
+            lines << QStringLiteral("KSC_ARG_%1=%2").arg(i).arg(mListOfArgument[i]);
+        for (int i = 0; i < mListOfEnvironment.size(); ++i)
+            lines << QStringLiteral("KSC_ENV_%1=%2").arg(i).arg(mListOfEnvironment[i]);
+        if (!mStartWatchMs.isEmpty())
+            lines << QStringLiteral("KSC_DEPLOY_WATCH_MS=") + mStartWatchMs;
+        lines << QStringLiteral("KSC_DEPLOY_PARENT=%1").arg(QCoreApplication::applicationPid());
+        lines << QStringLiteral("--plugin") << QStringLiteral("name=KestraClient");
+        QFile file(commandsPath);
+        const bool written =
+            file.open(QIODevice::WriteOnly) && file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) &&
+            QxBase::File::writeAll(file, (lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8()).isOk();
+        MC_CHECK_DETAIL(retVal, written, QStringLiteral("cannot write the update's launch values"),
+                        McLib::osDetail(QFile::encodeName(commandsPath).toStdString(), errno));
+    }
+    if (retVal.isOk())
+    {
+        QStringList environment;
+        for (auto it = e.environment().constBegin(); it != e.environment().constEnd(); ++it)
+            environment.append(it.key() + QLatin1Char('=') + it.value());
+        e.trace(McLogLevelInfo, tr("Starting the update from %1").arg(box.path()));
+        retVal << e.sideExecutionInvoke(copy, {QStringLiteral("--commands"), QStringLiteral("file=") + commandsPath},
+                                        environment, true, true);
+    }
+    if (retVal.isBad())
+    {
+        if (!box.path().isEmpty() && box.path() != QStringLiteral("."))
+            QxBase::File::removeDir(box.path(), true, {}, {});
+        e.progress().reportUpdateFailure();
+    }
+    return retVal;
+}
+
+McResult PluginKestraClient::descriptionSignatureCheck(const QString& inApplicationDir, const QString& inDescription)
+{
+    McResult retVal;
+    const QString key = inApplicationDir + QStringLiteral("/share/ksdeploy/update-key.pem");
+    // Without a key the installation does not ask for signed descriptions.
+    if (!QFileInfo::exists(key))
+        return retVal;
+    const QString signature = inDescription + QStringLiteral(".sig");
+    QFile::remove(signature);
+    const QString url = serverBase(mUrl) + QStringLiteral("/product.xml.sig");
+    const McResult fetched = Cache::loadFileHTTP(signature, url, McLib::MD5());
+    if (MC_CHECK_DETAIL(retVal, fetched.isOk(), "the product description is not signed",
+                        QStringLiteral("%1: %2").arg(url, QString::fromLatin1(fetched.text())).toStdString()))
+        return retVal;
+    const McResult checked = QxBase::SignatureCheck::verifyFile(inDescription, signature, key);
+    MC_CHECK_DETAIL(retVal, checked.isOk(), "the product description's signature is not valid",
+                    QStringLiteral("%1: %2").arg(url, QString::fromLatin1(checked.text())).toStdString());
+    return retVal;
+}
+
+McResult PluginKestraClient::deployHere(const QString& inApplicationDir, const QString& inProductKey,
+                                        const QString& inExecutable, const QStringList& inEnvironment)
+{
+    McResult retVal;
+    Engine& e = Engine::instance();
+    ClientDeployment deployment;
+    deployment.applicationDirSet(inApplicationDir);
+    deployment.productKeySet(inProductKey);
+    deployment.clientSet(inExecutable, clientArguments(mListOfArgument, mUser, mPass, mServer), inEnvironment);
+    bool ok = false;
+    const qint64 parent = e.configuration().value(QStringLiteral("KSC_DEPLOY_PARENT")).toLongLong(&ok);
+    deployment.parentPidSet(ok ? parent : 0);
+    const int watch = mStartWatchMs.toInt(&ok);
+    deployment.startWatchMsSet(ok && watch > 0 ? watch : 10000);
+    QString cache;
+    if (e.pathToCache(cache).isOk())
+        deployment.workDirSet(cache);
+    if (WidgetProgress::available())
+        deployment.inUseQuestionSet([](const QStringList& inPrograms) {
+            QMessageBox box(QMessageBox::Warning, tr("Programs in use"),
+                            tr("These programs use the client's folder. Close them, then choose Retry.") +
+                                QStringLiteral("\n\n") + inPrograms.join(QLatin1Char('\n')),
+                            QMessageBox::Retry | QMessageBox::Abort);
+            box.setObjectName(QStringLiteral("PluginKestraClientInUse"));
+            box.setDefaultButton(QMessageBox::Retry);
+            return box.exec() == QMessageBox::Retry;
+        });
+    e.cache().httpUrlAdd(serverBase(mUrl) + QStringLiteral("/items"));
+    e.cache().httpUrlAdd(serverBase(mUrl));
+    retVal << deployment.run();
+    if (retVal.isBad())
+        return retVal;
+    // The files are in place; the rest of the product (start-menu entry, uninstall entry with
+    // the new version) follows, and the resolved description the uninstall entry runs from. Its
+    // places (the start menu) are the system's folders, which activation cleared away.
+    e.configuration().autodetect();
+    retVal << e.productInstall(inProductKey, false);
+    if (retVal.isOk())
+        retVal << e.productResolve(inProductKey, {QStringLiteral("DIR_TARGET"), QStringLiteral("DIR_VENDOR"),
+                                                  QStringLiteral("DIR_APPLICATION")});
+    if (retVal.isOk())
+    {
+        McDArray<McHandle<Resource>> resources;
+        e.resources(resources);
+        XmlSerializer serializer;
+        retVal << serializer.serialize(inApplicationDir + QStringLiteral(".xml"), resources);
+    }
     return retVal;
 }
 

@@ -49,6 +49,13 @@ private:
     // The one instance belongs to the library: the registry's handles never delete it.
     void notifyDelete() override {}
 
+    McResult activate();
+    // With a public key in the installation, the description must carry the publisher's signature
+    // ("product.xml.sig" beside it on the server).
+    McResult descriptionSignatureCheck(const QString& inApplicationDir, const QString& inDescription);
+    // The engine started by deploy(): replaces the installed client by the loaded product.
+    McResult deployHere(const QString& inApplicationDir, const QString& inProductKey, const QString& inExecutable,
+                        const QStringList& inEnvironment);
     void translationsLoad() const;
     // Reads "update.ini" beside the product description; outFound false when the server has none.
     McResult replyLoad(bool& outFound);
@@ -71,5 +78,12 @@ private:
     QList<QString> mListOfEnvironment;
     // Set by a Yes given on the console to the optional offer: the update follows the client's start.
     bool mDeployAfterStart = false;
+    // This engine was started by deploy() of another one (KSC_DEPLOY_PARENT) to do the update.
+    bool mDeploying = false;
+    // The deployment itself ran: it has reported its own failure and started a client.
+    bool mDeployRan = false;
+    // How long a new client is watched for a failed start (KSC_DEPLOY_WATCH_MS), as given.
+    QString mStartWatchMs;
+    QList<QString> mClientEnvironment;
 };
 }

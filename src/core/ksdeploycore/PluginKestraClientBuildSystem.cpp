@@ -11,6 +11,8 @@
 #include "ResourceRegistryValue.h"
 #include "XmlSerializer.h"
 
+#include "QxSignatureCheck.h"
+
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
@@ -128,6 +130,15 @@ const char* const Command_generateProductXML::sHelpMessageAttributes =
     "       values      : String (one line; \\n stands for a line break)\n"
     "       default     : \n"
     "           A text clients show with the question whether to update.\n"
+    "\n"
+    "       attribute   : updatekey\n"
+    "       occurrence  : once (optional)\n"
+    "       values      : file path\n"
+    "       default     : \n"
+    "           An Ed25519 public key in PEM form, shipped with the client as\n"
+    "           share/ksdeploy/update-key.pem: clients that have it accept only\n"
+    "           descriptions signed with its private key (product.xml.sig).\n"
+    "           Publish its content too (--cache action=precache file=KEY).\n"
     "\n"
     "       attribute   : deployer\n"
     "       occurrence  : once (optional)\n"
@@ -405,7 +416,7 @@ McResult Command_generateProductXML::execute()
 {
     McResult retVal;
     McHandle<Attribute> name, version, displayName, previous, file, compress, updateIniFlag, optional, message,
-        deployer;
+        deployer, updateKey;
     retVal << attribute1(name, QStringLiteral("name"), true);
     retVal << attribute1(version, QStringLiteral("version"), true);
     retVal << attribute1(displayName, QStringLiteral("displayname"), false);
@@ -416,6 +427,7 @@ McResult Command_generateProductXML::execute()
     retVal << attribute1(optional, QStringLiteral("optional"), false);
     retVal << attribute1(message, QStringLiteral("message"), false);
     retVal << attribute1(deployer, QStringLiteral("deployer"), false);
+    retVal << attribute1(updateKey, QStringLiteral("updatekey"), false);
     if (retVal.isBad())
         return retVal;
 
@@ -459,6 +471,27 @@ McResult Command_generateProductXML::execute()
                          .arg(file->value())))
             return retVal;
 
+    // The public key clients check descriptions with: never anything that holds a private key.
+    QByteArray keyBytes;
+    if (updateKey.isNotNull())
+    {
+        QFile keyFile(updateKey->value());
+        if (MC_CHECK_DETAIL(retVal, keyFile.open(QIODevice::ReadOnly) && keyFile.size() <= 64 * 1024,
+                            QStringLiteral("cannot read the update key '%1'").arg(updateKey->value()),
+                            McLib::osDetail(QFile::encodeName(updateKey->value()).toStdString(),
+                                            keyFile.isOpen() ? EFBIG : errno)))
+            return retVal;
+        keyBytes = keyFile.readAll();
+        if (MC_CHECK(retVal, !keyBytes.contains("PRIVATE KEY"),
+                     QStringLiteral("the update key '%1' holds a private key; ship the public key "
+                                    "(openssl pkey -in KEY -pubout)")
+                         .arg(updateKey->value())))
+            return retVal;
+        retVal << QxBase::SignatureCheck::keyCheck(keyBytes, updateKey->value());
+        if (retVal.isBad())
+            return retVal;
+    }
+
     Tree tree;
     retVal << treeFromPool(tree);
     if (retVal.isBad())
@@ -494,6 +527,45 @@ McResult Command_generateProductXML::execute()
         f->deleteOnUninstallSet(true);
         f->absenceSet(false);
         present.insert(relativePath(*f, tree.root.ptr()));
+    }
+
+    // The key goes to share/ksdeploy/update-key.pem, in place of one the build may hold.
+    if (updateKey.isNotNull())
+    {
+        McHandle<ResourceFileDirectory> container = tree.root;
+        QString at;
+        for (const QString& part : {QStringLiteral("share"), QStringLiteral("ksdeploy")})
+        {
+            at = at.isEmpty() ? part : at + QLatin1Char('/') + part;
+            if (MC_CHECK(retVal, !present.contains(at),
+                         QStringLiteral("the build holds a file '%1' where the update key's folder goes").arg(at)))
+                return retVal;
+            McHandle<ResourceFileDirectory> dir = dirByPath.value(at);
+            if (dir.isNull())
+            {
+                dir = new ResourceFileDirectory;
+                dir->nameSet(part);
+                dir->containerSet(container);
+                dir->deleteOnUninstallSet(true);
+                dirByPath.insert(at, dir);
+            }
+            container = dir;
+        }
+        const QString keyPath = at + QStringLiteral("/update-key.pem");
+        McHandle<ResourceFileEntry> keyEntry;
+        for (const McHandle<ResourceFileEntry>& f : tree.files)
+            if (relativePath(*f, tree.root.ptr()) == keyPath)
+                keyEntry = f;
+        if (keyEntry.isNull())
+        {
+            keyEntry = new ResourceFileEntry;
+            keyEntry->nameSet(QStringLiteral("update-key.pem"));
+            keyEntry->containerSet(container);
+            keyEntry->deleteOnUninstallSet(true);
+            present.insert(keyPath);
+        }
+        keyEntry->bufferIdSet(BufferID(scanFile(updateKey->value())));
+        keyEntry->isExecutableSet(false);
     }
 
     // What the previous version had and this one lacks is described as absent, in the folders

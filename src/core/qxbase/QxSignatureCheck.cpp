@@ -54,6 +54,19 @@ McResult SignatureCheck::verifyFile(const QString& inDataFile, const QString& in
     return verify(data, signature, key, inDataFile, inPublicKeyFile);
 }
 
+McResult SignatureCheck::keyCheck(const QByteArray& inPublicKeyPem, const QString& inKeyName)
+{
+    McResult retVal;
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(inPublicKeyPem.constData(), static_cast<int>(inPublicKeyPem.size())), &BIO_free);
+    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+        bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr, &EVP_PKEY_free);
+    const bool isEd25519 = key && EVP_PKEY_id(key.get()) == EVP_PKEY_ED25519;
+    MC_CHECK_DETAIL(retVal, isEd25519, QStringLiteral("cannot use the signing key '%1'").arg(inKeyName),
+                    name(inKeyName) + ": not an Ed25519 public key in PEM form");
+    return retVal;
+}
+
 McResult SignatureCheck::verify(const QByteArray& inData, const QByteArray& inSignature,
                                 const QByteArray& inPublicKeyPem, const QString& inDataName, const QString& inKeyName)
 {

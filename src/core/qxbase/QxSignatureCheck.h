@@ -17,6 +17,8 @@ public:
     // and a signature that does not match are each a failure naming the file concerned.
     static McResult verifyFile(const QString& inDataFile, const QString& inSignatureFile,
                                const QString& inPublicKeyFile);
+    // Good when inPublicKeyPem is an Ed25519 public key in PEM form (what a publisher ships).
+    static McResult keyCheck(const QByteArray& inPublicKeyPem, const QString& inKeyName);
     // The same for bytes already in memory; inDataName and inKeyName only name them in messages.
     static McResult verify(const QByteArray& inData, const QByteArray& inSignature, const QByteArray& inPublicKeyPem,
                            const QString& inDataName, const QString& inKeyName);

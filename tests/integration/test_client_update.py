@@ -1,0 +1,367 @@
+"""The client update end to end: the sample client published with the build-system plugin (nginx
+serving the publish folder), installed, and updated by its real launcher through ksdeploy. The
+launcher's engine hands the update to a copy of itself in a sandbox, which stages the new version
+beside the installed one, exchanges the two folders and starts the new client. After every case
+the application folder holds one whole version, the old or the new one, byte for byte.
+
+The launcher's exit status is that of its own engine, which ends once it has started the update;
+the started engine and client inherit the launcher's standard output, so a run whose output is
+read to its end has also seen the update and the client end.
+"""
+import os
+import re
+import shutil
+import subprocess
+import time
+import unittest
+
+import ksharness
+from nginx_server import NginxServer
+from test_hostile_servers import small_tmpfs
+
+BUILD_DIR = os.environ.get("KSDEPLOY_BUILD_DIR") or os.path.dirname(os.path.dirname(ksharness.BIN))
+SAMPLE_DIR = os.path.join(BUILD_DIR, "sample")
+UPDATE_FAILED = "Automatic update has failed.\nPlease install manually.\n"
+PASSWORD = "S3cret-pw"
+GUI_MISSING = [t for t in ("Xvfb", "xdpyinfo", "xdotool") if shutil.which(t) is None]
+
+
+def wait_for(predicate, what, limit=60.0):
+    """Polls until predicate() is true; the limit only keeps a broken run from hanging."""
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError("gave up waiting for " + what)
+
+
+class UpdateCase(ksharness.KsTestCase):
+    """Version 1.0.0.1 installed below home/.local/opt/Kestra/Client from www/client."""
+
+    def setUp(self):
+        super().setUp()
+        self.env["KSDEPLOY_REGISTRY"] = self.path("registry.sqlite")
+        self.report = self.path("report.txt")
+        self.env["KSCLIENT_REPORT"] = self.report
+        self.www = self.path("www", "client")
+        os.makedirs(self.www)
+        self.publish("1.0.0.1", {"data/kept.dat": b"kept\n" * 1000, "data/old.dat": b"only in 1\n"})
+        self.install(self.path("home", ".local", "opt"))
+        self.server = NginxServer(self.path("www"))
+        self.server.start()
+        self.addCleanup(self.server.stop)
+        self.url = self.server.url + "/client"
+
+    def install(self, target):
+        """Installs what www/client holds below target as Kestra/Client."""
+        self.target = target
+        self.app = os.path.join(self.target, "Kestra", "Client")
+        r = self.run_ks("--flags", "quiet=true", "--load", "file=%s/product.xml" % self.www,
+                        "--config", "DIR_TARGET=" + self.target, "DIR_VENDOR=Kestra", "DIR_APPLICATION=Client",
+                        "--product", "action=resolve", "confkey=DIR_TARGET", "confkey=DIR_VENDOR",
+                        "confkey=DIR_APPLICATION",
+                        "--product", "action=install", "url=file://%s/items" % self.www,
+                        "--save", "target=" + self.app + ".xml")
+        self.assertOk(r)
+        self.v1 = ksharness.tree_snapshot(self.app)
+
+    def publish(self, version, files, exit_status=None, extra=()):
+        """Publishes a build of the sample client with files added; with exit_status the client
+        fails its start with it."""
+        build = self.path("build-" + version)
+        os.makedirs(build)
+        for name in ("ksclient.exe", "ksweblaunch.exe"):
+            shutil.copy2(os.path.join(SAMPLE_DIR, name), build)
+        self.write("build-%s/ksclient.version" % version, version + "\n")
+        if exit_status is not None:
+            self.write("build-%s/ksclient.exitstatus" % version, "%d\n" % exit_status)
+        for rel, data in files.items():
+            self.write("build-%s/%s" % (version, rel), data)
+        previous = os.path.join(self.www, "product.xml")
+        r = self.run_ks("--flags", "quiet=true", "--generate", "type=directory", "path=" + build,
+                        "--plugin", "name=KestraClientBuildSystem",
+                        "--generateProductXML", "name=KestraClient", "displayname=Kestra Client",
+                        "version=" + version, "file=" + previous, "updateini=true", "optional=false",
+                        "deployer=" + ksharness.BIN,
+                        *(["previous=" + previous] if os.path.exists(previous) else []), *extra)
+        self.assertOk(r)
+        r = self.run_ks("--flags", "quiet=true", "--cache", "action=precache", "dir=" + build, "compress=true",
+                        "targetdir=" + os.path.join(self.www, "items"))
+        self.assertOk(r)
+        return build
+
+    def launch(self, env=None):
+        launcher = os.path.join(self.app, "ksweblaunch.exe")
+        env = dict(env or {})
+        env.setdefault("KSCLIENT_STAY_SECONDS", "0")
+        password = self.write("password", PASSWORD + "\n")
+        return self.run_ks("--url", self.url, "--user", "bob", "--password-file", password, "--", "--project", "P",
+                           binary=launcher, env=env)
+
+    def client_report(self):
+        if not os.path.exists(self.report):
+            return None
+        found = {"args": []}
+        for line in self.read("report.txt").decode().splitlines():
+            key, value = line.split("=", 1)
+            if key == "arg":
+                found["args"].append(value)
+            else:
+                found[key] = value
+        return found
+
+    def assertUnchanged(self, r, expected):
+        """The update failed with expected on standard error, the old version is in place and
+        its client was started. The launcher's own engine has ended well before: the failure is
+        the sandboxed engine's, on the same output."""
+        self.assertIn(expected, r.err)
+        self.assertIn(UPDATE_FAILED, r.out)
+        self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        report = self.client_report()
+        self.assertIsNotNone(report, repr(r))
+        self.assertEqual("1.0.0.1", report["version"])
+
+
+class UpdateTest(UpdateCase):
+    def test_update_to_the_new_version_and_the_client_restarted(self):
+        build = self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000, "data/new.dat": b"only in 2\n"})
+        r = self.launch()
+        self.assertOk(r)
+        self.assertNoErrorOutput(r.err)
+        report = self.client_report()
+        self.assertIsNotNone(report, repr(r))
+        self.assertEqual("1.0.0.2", report["version"])
+        self.assertEqual(["--project", "P", "--start", "bob:%s@" % PASSWORD], report["args"])
+        # The launch values handed to the sandboxed engine are not left on disk.
+        for dirpath, _, filenames in os.walk(self.tmp):
+            for name in filenames:
+                with open(os.path.join(dirpath, name), "rb") as f:
+                    self.assertNotIn(PASSWORD.encode(), f.read(), os.path.join(dirpath, name))
+        self.assertEqual(ksharness.tree_snapshot(build),
+                         {p.replace(self.app, build, 1): v for p, v in ksharness.tree_snapshot(self.app).items()})
+        self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v
+                                   for p, v in ksharness.tree_snapshot(self.app + ".previous").items()})
+        # The unchanged file came from the old folder, not from the server.
+        requests = "\n".join(q["request"] for q in self.server.requests())
+        kept = subprocess.run(["md5sum", os.path.join(build, "data", "kept.dat")], stdout=subprocess.PIPE,
+                              check=True).stdout.decode().split()[0]
+        self.assertNotIn(kept, requests)
+        # The uninstall entry's description follows the update.
+        with open(self.app + ".xml") as f:
+            self.assertIn("1.0.0.2", f.read())
+
+    def test_a_new_client_that_fails_its_start_is_rolled_back(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"}, exit_status=3)
+        r = self.launch()
+        self.assertUnchanged(r, "error: the new client failed to start: '%s/ksclient.exe' ended with status 3"
+                             % self.app)
+        self.assertFalse(os.path.exists(self.app + ".staging"))
+
+    def test_a_program_using_the_folder_stops_the_update_without_a_display(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
+        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        r = self.launch()
+        self.assertUnchanged(r, "error: the application folder '%s' is in use\n  ksclient.exe (pid %d)"
+                             % (self.app, holder.pid))
+
+    def test_a_full_disk_while_staging_changes_nothing(self):
+        with small_tmpfs(self, 1024 * 1024) as where:
+            self.install(where)
+            self.publish("1.0.0.2", {"data/big.dat": os.urandom(2 * 1024 * 1024)})
+            r = self.launch()
+            self.assertUnchanged(r, "error: the new version could not be staged in '%s.staging'" % self.app)
+            self.assertIn("No space left on device", r.err)
+            self.assertEqual(["Kestra"], os.listdir(where))
+            self.assertEqual(["Client", "Client.xml"], sorted(os.listdir(os.path.join(where, "Kestra"))))
+
+    def test_a_server_lying_about_an_item_changes_nothing(self):
+        build = self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000, "data/new.dat": b"only in 2\n"})
+        digest = subprocess.run(["md5sum", os.path.join(build, "data", "new.dat")], stdout=subprocess.PIPE,
+                                check=True).stdout.decode().split()[0]
+        items = os.path.join(self.www, "items")
+        for name in os.listdir(items):
+            if name.startswith(digest):
+                os.remove(os.path.join(items, name))
+        self.write(os.path.join(items, digest), b"other bytes\n")
+        r = self.launch()
+        self.assertUnchanged(r, "error: ")
+        self.assertIn(digest, r.err)
+
+    def test_an_older_description_is_refused_unless_the_server_wants_the_downgrade(self):
+        self.publish("1.0.0.0", {"data/kept.dat": b"kept\n" * 1000})
+        r = self.launch()
+        self.assertUnchanged(r, "error: the published client is older than the installed one\n"
+                                "  %s/product.xml: version 1.0.0.0, installed 1.0.0.1" % self.url)
+        os.remove(self.report)
+        with open(os.path.join(self.www, "update.ini"), "a") as f:
+            f.write("DowngradeIsWanted=1\n")
+        r = self.launch()
+        self.assertOk(r)
+        self.assertEqual("1.0.0.0", self.client_report()["version"])
+
+
+@unittest.skipIf(GUI_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(GUI_MISSING))
+class InUseBoxTest(UpdateCase):
+    def setUp(self):
+        super().setUp()
+        from test_progress_dialog import XServer
+        self.x = XServer()
+        self.addCleanup(self.x.stop)
+
+    def xtool(self, *args):
+        return subprocess.run(list(args), env=dict(self.env, DISPLAY=self.x.display), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                              timeout=60).stdout.decode()
+
+    def box(self, title):
+        for window in self.xtool("xdotool", "search", "--onlyvisible", "--name", "").split():
+            if re.search(title, self.xtool("xdotool", "getwindowname", window).rstrip("\n")):
+                return window
+        return None
+
+    def press(self, title, key):
+        """Presses key in the window of that title until it is gone."""
+        window = wait_for(lambda: self.box(title), "the window " + title)
+        for _ in range(40):
+            if not self.box(title):
+                return
+            self.xtool("xdotool", "windowfocus", "--sync", window)
+            self.xtool("xdotool", "key", key)
+            try:
+                wait_for(lambda: not self.box(title), "the window to go", limit=3)
+                return
+            except AssertionError:
+                pass
+        self.fail("the window %s did not take %s" % (title, key))
+
+    def updates_running(self):
+        """Whether an engine started from a sandbox of this test still runs."""
+        sandboxes = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Sandboxes") + "/"
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                if os.readlink("/proc/%s/exe" % pid).startswith(sandboxes):
+                    return True
+            except OSError:
+                pass
+        return False
+
+    def test_abort_in_the_box_listing_the_programs_in_use_changes_nothing(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
+        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        with open(self.path("out.txt"), "wb") as out:
+            launcher = os.path.join(self.app, "ksweblaunch.exe")
+            proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
+                                    env=dict(self.env, KSCLIENT_STAY_SECONDS="0", DISPLAY=self.x.display))
+            self.addCleanup(proc.wait)
+            self.press("^Kestra Client Client Version Mismatch$", "Return")
+            self.press("^Programs in use$", "Escape")
+            self.press("^ksdeploy$", "Return")
+            self.press("^Kestra Imaging$", "Escape")
+            # The output ends with the engine that deployed and the client it started.
+            wait_for(lambda: os.path.exists(self.report), "the old client's start")
+            wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        self.assertEqual("1.0.0.1", self.client_report()["version"])
+        self.assertIn("error: the update was cancelled: the application folder '%s' is in use\n"
+                      "  ksclient.exe (pid %d)\n" % (self.app, holder.pid), self.read("out.txt").decode())
+
+    def test_retry_after_the_program_ended_updates(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
+        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        with open(self.path("out.txt"), "wb") as out:
+            launcher = os.path.join(self.app, "ksweblaunch.exe")
+            proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
+                                    env=dict(self.env, KSCLIENT_STAY_SECONDS="0", DISPLAY=self.x.display))
+            self.addCleanup(proc.wait)
+            self.press("^Kestra Client Client Version Mismatch$", "Return")
+            wait_for(lambda: self.box("^Programs in use$"), "the box of programs in use")
+            holder.kill()
+            holder.wait()
+            self.press("^Programs in use$", "Return")
+            wait_for(lambda: os.path.exists(self.report), "the new client's start")
+            wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertEqual("1.0.0.2", self.client_report()["version"])
+        self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v
+                                   for p, v in ksharness.tree_snapshot(self.app + ".previous").items()})
+        self.assertNotIn("error", self.read("out.txt").decode())
+
+
+class SignedUpdateTest(UpdateCase):
+    """Version 1.0.0.1 carries the publisher's public key: descriptions must be signed."""
+
+    def setUp(self):
+        self.keys = {}
+        super().setUp()
+
+    def key(self, name):
+        if name not in self.keys:
+            private = self.path(name + ".pem")
+            subprocess.run(["openssl", "genpkey", "-algorithm", "ed25519", "-out", private], check=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            public = self.path(name + ".pub.pem")
+            subprocess.run(["openssl", "pkey", "-in", private, "-pubout", "-out", public], check=True)
+            self.keys[name] = (private, public)
+        return self.keys[name]
+
+    def publish(self, version, files, exit_status=None, extra=()):
+        public = self.key("publisher")[1]
+        build = super().publish(version, files, exit_status, tuple(extra) + ("updatekey=" + public,))
+        self.assertOk(self.run_ks("--flags", "quiet=true", "--cache", "action=precache", "file=" + public,
+                                  "compress=true", "targetdir=" + os.path.join(self.www, "items")))
+        self.sign("publisher")
+        return build
+
+    def test_the_key_is_installed_and_a_private_key_is_never_shipped(self):
+        with open(self.key("publisher")[1], "rb") as f:
+            self.assertEqual(f.read(), self.v1[os.path.join(self.app, "share", "ksdeploy", "update-key.pem")])
+        for key, expected in ((self.key("publisher")[0], "holds a private key"),
+                              (self.write("not-a-key.pem", "hello\n"), "error: cannot use the signing key")):
+            r = self.run_ks("--flags", "quiet=true", "--generate", "type=directory", "path=build-1.0.0.1",
+                            "--plugin", "name=KestraClientBuildSystem", "--generateProductXML", "name=KestraClient",
+                            "version=1.0.0.2", "file=other.xml", "updatekey=" + key)
+            self.assertFails(r)
+            self.assertIn(expected, r.err)
+            self.assertFalse(os.path.exists(self.path("other.xml")))
+
+    def sign(self, name):
+        description = os.path.join(self.www, "product.xml")
+        subprocess.run(["openssl", "pkeyutl", "-sign", "-rawin", "-inkey", self.key(name)[0], "-in", description,
+                        "-out", description + ".sig"], check=True)
+
+    def test_a_description_without_a_valid_signature_is_refused(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        signature = os.path.join(self.www, "product.xml.sig")
+        signed = self.read(signature)
+        os.remove(signature)
+        cases = (("missing", None, "error: the product description is not signed\n  %s/product.xml.sig: "
+                  % self.url),
+                 ("wrong", b"\0" * 64, "error: the product description's signature is not valid\n"),
+                 ("other key", "other", "error: the product description's signature is not valid\n"))
+        for case, content, expected in cases:
+            with self.subTest(case):
+                if content == "other":
+                    self.sign("other")
+                elif content is not None:
+                    self.write(signature, content)
+                r = self.launch()
+                self.assertFails(r)
+                self.assertIn(expected, r.err)
+                self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        self.write(signature, signed)
+        r = self.launch()
+        self.assertOk(r)
+        self.assertEqual("1.0.0.2", self.client_report()["version"])
+
+
+if __name__ == "__main__":
+    ksharness.main()
