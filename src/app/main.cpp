@@ -141,19 +141,24 @@ McResult expandStream(const McHandle<QxBase::Command>& inCommand, bool& outExpan
 int main(int argc, char** argv)
 {
     QCoreApplication::setApplicationName(QStringLiteral("ksdeploy"));
+    // The command line is ours alone: Qt would take "--plugin", "-style" and the like for itself
+    // and remove them. Qt gets the program name only; it must outlive the application object.
+    QList<QString> arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    static int sQtArgc = 1;
+    static char* sQtArgv[] = {argv[0], nullptr};
     std::unique_ptr<QCoreApplication> app;
     if (displayAvailable())
     {
         sMessageHandlerPrevious = qInstallMessageHandler(&messageHandler);
         std::atexit(&displayLostReport);
-        app.reset(new QApplication(argc, argv));
+        app.reset(new QApplication(sQtArgc, sQtArgv));
     }
     else
-        app.reset(new QCoreApplication(argc, argv));
+        app.reset(new QCoreApplication(sQtArgc, sQtArgv));
 
     KsDeploy::commandsRegisterAll();
-    QList<QString> arguments = app->arguments();
-    arguments.removeFirst();
     if (arguments.isEmpty())
     {
         QxBase::Command::usage(QString(), true);

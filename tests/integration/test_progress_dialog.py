@@ -304,6 +304,17 @@ class ProgressDialogTest(ksharness.KsTestCase):
         self.assertOk(r)
         self.assertNotIn("no display", r.err)
 
+    def test_the_command_line_is_not_taken_by_the_toolkit_on_a_desktop(self):
+        # "--plugin" and "-style" are also the toolkit's own options; on a desktop they must still
+        # reach our command line.
+        r = self.run_ks("--flags", "quiet=true", "--plugin", "name=KestraClientBuildSystem", "--help",
+                        "command=generateProductXML", env=self.gui_env)
+        self.assertOk(r)
+        self.assertTrue(r.out.startswith("--generateProductXML\n"), r.out)
+        self.assertNotIn("No such plugin", r.err_raw)
+        r = self.run_ks("-style", "fusion", env=self.gui_env)
+        self.assertEqual(2, r.code, repr(r))
+
     def test_debug_flag_waits_in_a_message_box_until_ok(self):
         proc = self.start(["--flags", "debug=true", "--help", "command=flags"], self.gui_env)
         wait_for(lambda: self.xtool("xdotool", "search", "--onlyvisible", "--name", "^Debug$", check=False).split(),
