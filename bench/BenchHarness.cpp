@@ -110,8 +110,8 @@ void makeFile(const std::string& inPath, unsigned long long inBytes, bool inComp
     std::filesystem::create_directories(std::filesystem::path(inPath).parent_path());
     std::ofstream out(inPath, std::ios::binary | std::ios::trunc);
     std::mt19937_64 rng(inSeed);
-    static const char* const sWords[] = {"deploy ", "resource ", "cache ", "product ", "install ", "verify ",
-                                         "directory ", "entry ", "link ", "\n", "0123 ", "digest "};
+    static const char* const sWords[] = {"deploy ",    "resource ", "cache ", "product ", "install ", "verify ",
+                                         "directory ", "entry ",    "link ",  "\n",       "0123 ",    "digest "};
     std::string block;
     const size_t blockLen = static_cast<size_t>(std::min<unsigned long long>(inBytes, 1u << 20));
     block.reserve(blockLen + 16);
@@ -285,11 +285,12 @@ bool report(const std::vector<Result>& inResults, const std::string& inTitle)
         char cpu[64] = "-";
         if (r.cpuMedian > 0)
             std::snprintf(cpu, sizeof cpu, "%.3f (%.3f-%.3f)", r.cpuMedian, r.cpuMin, r.cpuMax);
-        std::printf("%-52s %8.2f %8.3f %8.3f %8.3f  %-4s  %10.3f %10.3f  %-22s  %s\n", r.row.c_str(), r.target, r.median,
-                    r.min, r.max, verdict, r.oursMedian, r.peerMedian, cpu, r.peerName.c_str());
+        std::printf("%-52s %8.2f %8.3f %8.3f %8.3f  %-4s  %10.3f %10.3f  %-22s  %s\n", r.row.c_str(), r.target,
+                    r.median, r.min, r.max, verdict, r.oursMedian, r.peerMedian, cpu, r.peerName.c_str());
         if (out)
             std::fprintf(out, "%s\t%.2f\t%.3f\t%.3f\t%.3f\t%s\t%.3f\t%.3f\t%s\t%d\t%s\n", r.row.c_str(), r.target,
-                         r.median, r.min, r.max, verdict, r.oursMedian, r.peerMedian, r.peerName.c_str(), r.rounds, cpu);
+                         r.median, r.min, r.max, verdict, r.oursMedian, r.peerMedian, r.peerName.c_str(), r.rounds,
+                         cpu);
     }
     if (out)
         std::fclose(out);

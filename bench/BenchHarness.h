@@ -41,9 +41,9 @@ bool wanted(const std::string& inKey);
 
 struct Comparison
 {
-    std::string row;        // what is measured, with its size
-    double target = 1.0;    // the highest allowed median of ours / peer
-    std::string peerName;   // the peer as a user would type it
+    std::string row;       // what is measured, with its size
+    double target = 1.0;   // the highest allowed median of ours / peer
+    std::string peerName;  // the peer as a user would type it
     Timed ours;
     Timed peer;
     // Untimed, before every timed run of either side (e.g. removing the last run's output);
@@ -58,8 +58,8 @@ struct Result
     std::string row;
     std::string peerName;
     double target = 0;
-    double median = 0, min = 0, max = 0; // of the per-round ratios (or of the values, for a limit)
-    double oursMedian = 0, peerMedian = 0; // seconds (values, for a limit)
+    double median = 0, min = 0, max = 0;    // of the per-round ratios (or of the values, for a limit)
+    double oursMedian = 0, peerMedian = 0;  // seconds (values, for a limit)
     double oursMin = 0, oursMax = 0;
     // The same rounds' ratios of processor time (user and system, ours and any programs run):
     // less disturbed by other work on a shared machine, shown beside the verdict, not judged.

@@ -10,9 +10,9 @@ namespace KsBench
 BenchNginx::BenchNginx(const std::string& inRoot)
 {
     const QByteArray src = qgetenv("KSDEPLOY_SOURCE_DIR");
-    const QString script = src.isEmpty()
-                               ? QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/../tests/servers/nginx_server.py"
-                               : QString::fromLocal8Bit(src) + "/tests/servers/nginx_server.py";
+    const QString script =
+        src.isEmpty() ? QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/../tests/servers/nginx_server.py"
+                      : QString::fromLocal8Bit(src) + "/tests/servers/nginx_server.py";
     mProcess.start(QStringLiteral("python3"), {"-u", script, "--root", QString::fromStdString(inRoot)});
     QByteArray out;
     while (mProcess.waitForReadyRead(30000))

@@ -121,13 +121,15 @@ std::vector<KsBench::Result> benchCompression(const std::string& inDir, unsigned
             fail("our .lzma differs from xz's");
     }
     else
-        KsBench::run("xz --format=lzma -6 -T0 -c " + q(src) + " > " + q(theirs) + " && cp " + q(theirs) + " " + q(ours));
+        KsBench::run("xz --format=lzma -6 -T0 -c " + q(src) + " > " + q(theirs) + " && cp " + q(theirs) + " " +
+                     q(ours));
     KsBench::Comparison d;
     d.row = "fileUncompress " + mib;
     d.target = 1.0 / 0.95;
     d.peerName = "xz --format=lzma -d";
     d.prepare = [&] { KsBench::run("rm -f " + q(back) + " " + q(theirsBack)); };
-    d.ours = KsBench::call([&] { check(fileUncompress(QString::fromStdString(back), QString::fromStdString(ours)), "fileUncompress"); });
+    d.ours = KsBench::call(
+        [&] { check(fileUncompress(QString::fromStdString(back), QString::fromStdString(ours)), "fileUncompress"); });
     d.oursCheck = [&] { return KsBench::run("cmp -s " + q(src) + " " + q(back)) == 0; };
     d.peer = KsBench::command("xz --format=lzma -d -c " + q(theirs) + " > " + q(theirsBack));
     rows.push_back(KsBench::compare(d));
@@ -149,7 +151,8 @@ void makeMixedTree(const std::string& inTree, int inFiles, unsigned long long in
     }
     for (int i = 0; i < inFiles; ++i)
     {
-        const unsigned long long size = static_cast<unsigned long long>(weights[i] / sum * static_cast<double>(inBytes));
+        const unsigned long long size =
+            static_cast<unsigned long long>(weights[i] / sum * static_cast<double>(inBytes));
         KsBench::makeFile(inTree + "/d" + std::to_string(i % 100) + "/f" + std::to_string(i), size, i % 3 == 0,
                           static_cast<unsigned>(i + 1));
     }
@@ -177,7 +180,8 @@ KsBench::Result benchDirectory(const std::string& inDir, int inFiles, unsigned l
     c.prepare = [&] { KsBench::run("rm -rf " + q(copy) + " " + q(tmp) + " && mkdir " + q(tmp)); };
     c.ours = KsBench::command(ksdeploy(tmp, "--cache action=precache dir=" + q(tree)));
     c.oursCheck = [&] { return filesIn(cache) == inFiles; };
-    c.peer = KsBench::command("find " + q(tree) + " -type f -exec md5sum {} + > /dev/null && cp -r " + q(tree) + " " + q(copy));
+    c.peer = KsBench::command("find " + q(tree) + " -type f -exec md5sum {} + > /dev/null && cp -r " + q(tree) + " " +
+                              q(copy));
     const KsBench::Result r = KsBench::compare(c);
     KsBench::run("rm -rf " + q(inDir));
     return r;
@@ -194,7 +198,8 @@ KsBench::Result benchPublish(const std::string& inDir, int inFiles, unsigned lon
     c.target = 0.5;
     c.peerName = "xz --format=lzma -6 per item";
     c.prepare = [&] { KsBench::run("rm -rf " + q(pub) + " " + q(peer) + " && mkdir " + q(pub) + " " + q(peer)); };
-    c.ours = KsBench::command(ksdeploy(tmp, "--cache action=precache dir=" + q(tree) + " compress=true targetdir=" + q(pub)));
+    c.ours = KsBench::command(
+        ksdeploy(tmp, "--cache action=precache dir=" + q(tree) + " compress=true targetdir=" + q(pub)));
     c.oursCheck = [&] { return filesIn(pub) > 0; };
     c.peer = KsBench::command("for f in " + q(tree) + "/*/*; do xz --format=lzma -6 -T1 -c \"$f\" > " + q(peer) +
                               "/\"${f##*/}\".lzma || exit 1; done");
@@ -215,7 +220,8 @@ std::vector<KsBench::Result> benchHttpItems(const std::string& inDir, int inItem
         const std::string hex = md5Hex(tmp);
         ids.push_back(hex);
         std::rename(tmp.c_str(), (www + "/plain/" + hex).c_str());
-        check(fileCompress(QString::fromStdString(www + "/lzma/" + hex + ".lzma"), QString::fromStdString(www + "/plain/" + hex)),
+        check(fileCompress(QString::fromStdString(www + "/lzma/" + hex + ".lzma"),
+                           QString::fromStdString(www + "/plain/" + hex)),
               "fileCompress");
     }
     KsBench::BenchNginx nginx(www);
@@ -290,7 +296,8 @@ KsBench::Result benchBigItem(const std::string& inDir, unsigned long long inByte
     };
     c.ours = [&] {
         QuietStdout quiet;
-        return KsBench::timeOf([&] { check(cache.retrieve(BufferID::fromString(QString::fromStdString(hex))), "retrieve"); });
+        return KsBench::timeOf(
+            [&] { check(cache.retrieve(BufferID::fromString(QString::fromStdString(hex))), "retrieve"); });
     };
     c.oursCheck = [&] { return filesIn(inDir + "/cache") == 1; };
     c.peer = [&] {
@@ -318,8 +325,8 @@ int main(int argc, char** argv)
     if (KsBench::wanted("compress") || KsBench::wanted("decode"))
     {
         const long long mib = KsBench::sizeFromEnv("KSDEPLOY_BENCH_LZMA_MIB", 256, 4);
-        for (const auto& r : benchCompression(KsBench::scratchDir("cache-lzma"), static_cast<unsigned long long>(mib) << 20,
-                                              KsBench::wanted("compress")))
+        for (const auto& r : benchCompression(KsBench::scratchDir("cache-lzma"),
+                                              static_cast<unsigned long long>(mib) << 20, KsBench::wanted("compress")))
             rows.push_back(r);
     }
     if (KsBench::wanted("directory"))
@@ -335,8 +342,9 @@ int main(int argc, char** argv)
                                             static_cast<int>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_ITEMS", 1000, 200))))
             rows.push_back(r);
     if (KsBench::wanted("big"))
-        rows.push_back(benchBigItem(KsBench::scratchDir("cache-big"),
-                                    static_cast<unsigned long long>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_BIG_MIB", 512, 32)) << 20));
+        rows.push_back(benchBigItem(
+            KsBench::scratchDir("cache-big"),
+            static_cast<unsigned long long>(KsBench::sizeFromEnv("KSDEPLOY_BENCH_BIG_MIB", 512, 32)) << 20));
     const bool ok = KsBench::report(rows, "content cache (ratio = ours / peer, time)");
     Engine::instanceShutdown();
     return ok ? 0 : 1;

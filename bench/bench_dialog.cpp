@@ -84,22 +84,24 @@ int main(int argc, char** argv)
         KsBench::makeFile(src + "/d" + std::to_string(i % 100) + "/f" + std::to_string(i) + ".txt",
                           200 + static_cast<unsigned>(i % 800), true, static_cast<unsigned>(i) + 1);
     const std::string tmp = sDir + "/tmp";
-    const std::string env = "env -u DBUS_SESSION_BUS_ADDRESS -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM DISPLAY=:" +
-                            display + " XDG_RUNTIME_DIR='" + sDir + "' TMPDIR='" + tmp + "' ";
+    const std::string env =
+        "env -u DBUS_SESSION_BUS_ADDRESS -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM DISPLAY=:" + display +
+        " XDG_RUNTIME_DIR='" + sDir + "' TMPDIR='" + tmp + "' ";
     KsBench::run("mkdir -p '" + tmp + "' && chmod 700 '" + sDir + "'");
     if (KsBench::run(env + "'" + sBin + "' --flags quiet=true --generate type=directory path='" + src +
                      "' 'name=${TARGET}' product=P --save target='" + sDir + "/p.xml' --cache action=precache dir='" +
                      src + "' > /dev/null") != 0)
         return 2;
     const std::string target = sDir + "/target";
-    const std::string install = "--load file='" + sDir + "/p.xml' --config TARGET='" + target +
-                                "' --product action=install > /dev/null 2>&1";
+    const std::string install =
+        "--load file='" + sDir + "/p.xml' --config TARGET='" + target + "' --product action=install > /dev/null 2>&1";
     const std::string dialog = env + "'" + sBin + "' " + install;
     const std::string quiet = env + "'" + sBin + "' --flags quiet=true " + install;
 
     // A run only counts when every file arrived.
     const auto complete = [&] {
-        const bool ok = KsBench::run("test \"$(find '" + target + "' -type f | wc -l)\" -eq " + std::to_string(files)) == 0;
+        const bool ok =
+            KsBench::run("test \"$(find '" + target + "' -type f | wc -l)\" -eq " + std::to_string(files)) == 0;
         if (!ok)
             std::fprintf(stderr, "bench: the install did not write all %d files\n", files);
         return ok;
@@ -131,8 +133,8 @@ int main(int argc, char** argv)
     std::vector<double> cpuRatios;
     for (size_t i = 1; i < cpuDialog.size() && i < cpuQuiet.size(); ++i)
         cpuRatios.push_back(cpuDialog[i] / cpuQuiet[i]);
-    std::printf("processor-time ratio of the same rounds: median %.3f  min %.3f  max %.3f\n", KsBench::median(cpuRatios),
-                *std::min_element(cpuRatios.begin(), cpuRatios.end()),
+    std::printf("processor-time ratio of the same rounds: median %.3f  min %.3f  max %.3f\n",
+                KsBench::median(cpuRatios), *std::min_element(cpuRatios.begin(), cpuRatios.end()),
                 *std::max_element(cpuRatios.begin(), cpuRatios.end()));
     return KsBench::report({result}, "progress dialog") ? 0 : 1;
 }

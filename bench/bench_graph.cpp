@@ -10,14 +10,14 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
-#include <vector>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -129,21 +129,25 @@ std::vector<KsBench::Result> rowsFor(int inEntries, int inDirs, const std::strin
         };
         rows.push_back(KsBench::limit("unregister the whole pool, " + size, 1.0, "s",
                                       KsBench::call([&] { engine.resourceUnregisterAll(); }), fresh));
-        rows.push_back(KsBench::limit("unlink and unregister one by one, " + size, 1.0, "s", [&] {
-            McDArray<McHandle<Resource>> pool;
-            engine.resources(pool);
-            return KsBench::timeOf([&] {
-                for (const McHandle<Resource>& r : pool)
-                {
-                    engine.resourceUnlink(r);
-                    engine.resourceUnregister(r);
-                }
-            });
-        }, fresh));
+        rows.push_back(KsBench::limit(
+            "unlink and unregister one by one, " + size, 1.0, "s",
+            [&] {
+                McDArray<McHandle<Resource>> pool;
+                engine.resources(pool);
+                return KsBench::timeOf([&] {
+                    for (const McHandle<Resource>& r : pool)
+                    {
+                        engine.resourceUnlink(r);
+                        engine.resourceUnregister(r);
+                    }
+                });
+            },
+            fresh));
         const double fileKiB = static_cast<double>(QFileInfo(file).size()) / 1024.0;
         // Memory does not drift with the machine's load: one fresh process is enough.
-        rows.push_back(KsBench::limit("load peak memory, " + size + " (KiB; limit 3 x file)", 3.0 * fileKiB, "KiB",
-                                      [&] { return static_cast<double>(loadPeakKiB(path)); }, {}, 1));
+        rows.push_back(KsBench::limit(
+            "load peak memory, " + size + " (KiB; limit 3 x file)", 3.0 * fileKiB, "KiB",
+            [&] { return static_cast<double>(loadPeakKiB(path)); }, {}, 1));
     }
     engine.resourceUnregisterAll();
     return rows;

@@ -118,9 +118,15 @@ int main(int argc, char** argv)
         installed = inInstalledAfter;
         return t;
     };
-    const auto install = [&] { return step("install", true, [] { return Engine::instance().productInstall("Bench", false).isOk(); }); };
-    const auto uninstall = [&] { return step("uninstall", false, [] { return Engine::instance().productUninstall("Bench").isOk(); }); };
-    const auto verify = [&] { return step("verify", true, [] { return Engine::instance().productVerify("Bench").isOk(); }); };
+    const auto install = [&] {
+        return step("install", true, [] { return Engine::instance().productInstall("Bench", false).isOk(); });
+    };
+    const auto uninstall = [&] {
+        return step("uninstall", false, [] { return Engine::instance().productUninstall("Bench").isOk(); });
+    };
+    const auto verify = [&] {
+        return step("verify", true, [] { return Engine::instance().productVerify("Bench").isOk(); });
+    };
     const auto state = [&](bool inInstalled) {
         return [&, inInstalled] {
             if (installed != inInstalled)

@@ -109,7 +109,9 @@ int main(int argc, char** argv)
         Engine::instanceShutdown();
         KsBench::run("mkdir -p " + q(dir + "/tmp-load"));
         versus("load " + std::to_string(entries) + " entries",
-               [&](const std::string& inBin) { return ks(inBin, dir + "/tmp-load", "--load file=" + q(dir + "/big.xml")); },
+               [&](const std::string& inBin) {
+                   return ks(inBin, dir + "/tmp-load", "--load file=" + q(dir + "/big.xml"));
+               },
                {}, {});
     }
     if (KsBench::wanted("install"))
@@ -118,15 +120,18 @@ int main(int argc, char** argv)
         const std::string src = dir + "/src", tmp = dir + "/tmp-install", target = dir + "/target";
         makeTree(src, files, 100, 1024, 204800);
         KsBench::run("mkdir -p " + q(tmp));
-        if (KsBench::run(ks(after, tmp, "--generate type=directory path=" + q(src) + " 'name=${TARGET}' product=P --save target=" +
-                                             q(dir + "/mixed.xml") + " --cache action=precache dir=" + q(src))) != 0)
+        if (KsBench::run(ks(after, tmp,
+                            "--generate type=directory path=" + q(src) + " 'name=${TARGET}' product=P --save target=" +
+                                q(dir + "/mixed.xml") + " --cache action=precache dir=" + q(src))) != 0)
             return 2;
-        versus("install " + std::to_string(files) + " files from a warm cache",
-               [&](const std::string& inBin) {
-                   return ks(inBin, tmp, "--load file=" + q(dir + "/mixed.xml") + " --config TARGET=" + q(target) +
-                                             " --product action=install");
-               },
-               [&] { KsBench::run("rm -rf " + q(target)); }, [&] { return holds(target, files); });
+        versus(
+            "install " + std::to_string(files) + " files from a warm cache",
+            [&](const std::string& inBin) {
+                return ks(inBin, tmp,
+                          "--load file=" + q(dir + "/mixed.xml") + " --config TARGET=" + q(target) +
+                              " --product action=install");
+            },
+            [&] { KsBench::run("rm -rf " + q(target)); }, [&] { return holds(target, files); });
         KsBench::run("rm -rf " + q(src) + " " + q(tmp) + " " + q(target));
     }
     if (KsBench::wanted("items"))
@@ -137,11 +142,12 @@ int main(int argc, char** argv)
             KsBench::makeFile(dir + "/items/f" + std::to_string(i), 16384, i % 2 == 0, static_cast<unsigned>(1000 + i));
         // The items are published under their digests, plain in one folder and packed in another.
         KsBench::run("mkdir -p " + q(tmp) + " " + q(www + "/plain") + " " + q(www + "/lzma"));
-        if (KsBench::run(ks(after, tmp, "--generate type=directory path=" + q(dir + "/items") +
-                                            " 'name=${TARGET}' product=P --save target=" + q(dir + "/items.xml") +
-                                            " --cache action=precache dir=" + q(dir + "/items") + " targetdir=" +
-                                            q(www + "/plain") + " --cache action=precache dir=" + q(dir + "/items") +
-                                            " compress=true targetdir=" + q(www + "/lzma"))) != 0)
+        if (KsBench::run(ks(after, tmp,
+                            "--generate type=directory path=" + q(dir + "/items") +
+                                " 'name=${TARGET}' product=P --save target=" + q(dir + "/items.xml") +
+                                " --cache action=precache dir=" + q(dir + "/items") + " targetdir=" +
+                                q(www + "/plain") + " --cache action=precache dir=" + q(dir + "/items") +
+                                " compress=true targetdir=" + q(www + "/lzma"))) != 0)
             return 2;
         KsBench::BenchNginx nginx(www);
         for (const std::string kind : {"lzma", "plain"})
@@ -150,18 +156,19 @@ int main(int argc, char** argv)
             // next creations on this file system, which would charge one side for the other.
             int count = 0;
             std::string run;
-            versus("fetch and install " + std::to_string(items) + " x 16 KiB, " +
-                       (kind == "lzma" ? ".lzma published" : "plain only"),
-                   [&](const std::string& inBin) {
-                       return ks(inBin, run + "/tmp", "--load file=" + q(dir + "/items.xml") + " --config TARGET=" +
-                                                          q(run + "/target") + " --product action=install url=" +
-                                                          nginx.url() + "/" + kind);
-                   },
-                   [&] {
-                       run = dir + "/run-" + kind + "-" + std::to_string(++count);
-                       KsBench::run("mkdir -p " + q(run + "/tmp"));
-                   },
-                   [&] { return holds(run + "/target", items); });
+            versus(
+                "fetch and install " + std::to_string(items) + " x 16 KiB, " +
+                    (kind == "lzma" ? ".lzma published" : "plain only"),
+                [&](const std::string& inBin) {
+                    return ks(inBin, run + "/tmp",
+                              "--load file=" + q(dir + "/items.xml") + " --config TARGET=" + q(run + "/target") +
+                                  " --product action=install url=" + nginx.url() + "/" + kind);
+                },
+                [&] {
+                    run = dir + "/run-" + kind + "-" + std::to_string(++count);
+                    KsBench::run("mkdir -p " + q(run + "/tmp"));
+                },
+                [&] { return holds(run + "/target", items); });
             KsBench::run("rm -rf " + q(dir) + "/run-*");
         }
     }

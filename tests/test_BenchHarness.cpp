@@ -37,9 +37,10 @@ TEST(BenchHarness, SidesTakeTurnsFromAPreparedStateAndTheMedianRatioDecides)
 
     std::vector<std::string> expected;
     for (int round = 0; round <= 5; ++round)
-        for (const char* side : round % 2 == 0 ? std::vector<const char*>{"ours", "peer"} : std::vector<const char*>{"peer", "ours"})
+        for (const char* side :
+             round % 2 == 0 ? std::vector<const char*>{"ours", "peer"} : std::vector<const char*>{"peer", "ours"})
             expected.insert(expected.end(), {"prepare", side});
-    expected.push_back("prepare"); // what the last run left is cleaned up
+    expected.push_back("prepare");  // what the last run left is cleaned up
     EXPECT_EQ(expected, events);
     EXPECT_EQ(5, r.rounds);
     EXPECT_DOUBLE_EQ(3.0, r.median) << "the warm-up round counted";

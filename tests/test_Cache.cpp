@@ -70,7 +70,6 @@ protected:
 };
 }
 
-
 TEST_F(CacheTest, WriteToFileRules)
 {
     const QByteArray a = content(5000, 1), b = content(5000, 2);
@@ -105,10 +104,9 @@ TEST_F(CacheTest, WriteToFileRules)
     const QString item = cacheDir() + "/" + missing.toString();
     r = cache().itemWriteToFile(missing, work("out/other"), true);
     ASSERT_TRUE(r.isBad());
-    EXPECT_EQ(QStringLiteral("QFile::copy(\"%1\", \"%2\")\nfailed to read '%1'")
-                  .arg(item, work("out/other"))
-                  .toStdString(),
-              r.text());
+    EXPECT_EQ(
+        QStringLiteral("QFile::copy(\"%1\", \"%2\")\nfailed to read '%1'").arg(item, work("out/other")).toStdString(),
+        r.text());
     EXPECT_STREQ("cond[b]", r.condition());
     EXPECT_EQ(QStringList({"target"}), listing(work("out")));
 }

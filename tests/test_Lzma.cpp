@@ -98,14 +98,14 @@ TEST(LzmaStream, RefusesWhatFollowsTheEndAndReportsNothing)
                                                      [](unsigned char*, size_t) -> int64_t { return -1; });
     EXPECT_STREQ("lzma decompression: the input cannot be read", unreadable.text());
     size_t at = 0;
-    const McResult stopped = lzmaUncompressStream(
-        [](const unsigned char*, size_t) { return false; },
-        [&](unsigned char* outData, size_t inRoom) -> int64_t {
-            const size_t n = std::min(inRoom, static_cast<size_t>(stream.size()) - at);
-            std::memcpy(outData, stream.constData() + at, n);
-            at += n;
-            return static_cast<int64_t>(n);
-        });
+    const McResult stopped = lzmaUncompressStream([](const unsigned char*, size_t) { return false; },
+                                                  [&](unsigned char* outData, size_t inRoom) -> int64_t {
+                                                      const size_t n =
+                                                          std::min(inRoom, static_cast<size_t>(stream.size()) - at);
+                                                      std::memcpy(outData, stream.constData() + at, n);
+                                                      at += n;
+                                                      return static_cast<int64_t>(n);
+                                                  });
     EXPECT_TRUE(stopped.isBad());
     // The caller decides what is a failure: a broken copy with a fallback is none.
     EXPECT_TRUE(failures.failures().empty());
@@ -113,7 +113,7 @@ TEST(LzmaStream, RefusesWhatFollowsTheEndAndReportsNothing)
 
 TEST(LzmaStream, StreamsOnOneThreadStayApartAfterFailuresAndWhenNested)
 {
-    const QByteArray outerPlain = text(60000); // a few MiB: the outer stream takes several pieces
+    const QByteArray outerPlain = text(60000);  // a few MiB: the outer stream takes several pieces
     const QByteArray innerPlain = text(500);
     const QByteArray outer = packed(outerPlain);
     const QByteArray inner = packed(innerPlain);

@@ -1,7 +1,7 @@
 // Resources, links, properties and the factory.
 #include "KsTestSupport.h"
-#include "ResourceClusterEntry.h"
 #include "ResourceCOMObject.h"
+#include "ResourceClusterEntry.h"
 #include "ResourceCommand.h"
 #include "ResourceFactory.h"
 #include "ResourceFileEntry.h"
@@ -25,7 +25,8 @@ protected:
     static Tree tree()
     {
         Tree t{McHandle<ResourceFileDirectory>(new ResourceFileDirectory),
-               McHandle<ResourceFileDirectory>(new ResourceFileDirectory), McHandle<ResourceFileEntry>(new ResourceFileEntry)};
+               McHandle<ResourceFileDirectory>(new ResourceFileDirectory),
+               McHandle<ResourceFileEntry>(new ResourceFileEntry)};
         t.root->nameSet("${APP}");
         t.sub->nameSet("bin");
         t.sub->containerSet(t.root);
@@ -279,7 +280,8 @@ TEST(ResourceNames, AComponentsProblemIsNamedInOneOrder)
         {QStringLiteral("x") + QChar(0x85), "holds the control character 0x85"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(c.problem.toStdString(), Resource::nameComponentProblem(c.name).toStdString()) << c.name.toStdString();
+        EXPECT_EQ(c.problem.toStdString(), Resource::nameComponentProblem(c.name).toStdString())
+            << c.name.toStdString();
 }
 
 TEST_F(ResourceTest, NamesCannotLeaveTheirRoot)
@@ -291,7 +293,8 @@ TEST_F(ResourceTest, NamesCannotLeaveTheirRoot)
     const McHandle<ResourceFileDirectory>& root = t.root;
     const McHandle<ResourceFileDirectory>& sub = t.sub;
     const McHandle<ResourceFileEntry>& file = t.file;
-    for (Resource* r : {static_cast<Resource*>(root.ptr()), static_cast<Resource*>(sub.ptr()), static_cast<Resource*>(file.ptr())})
+    for (Resource* r :
+         {static_cast<Resource*>(root.ptr()), static_cast<Resource*>(sub.ptr()), static_cast<Resource*>(file.ptr())})
     {
         EXPECT_TRUE(r->nameCheck().isOk());
         EXPECT_TRUE(r->nameResolvableCheck().isOk());

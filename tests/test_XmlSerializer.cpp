@@ -44,21 +44,23 @@ TEST_F(XmlSerializerTest, WritesTheExactFormat)
     arr.append(McHandle<Resource>(f.ptr()));
     XmlSerializer s;
     ASSERT_TRUE(s.serialize(file("p.xml"), arr).isOk());
-    EXPECT_EQ(std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                         "<Deploy>\n"
-                         "    <ResourceFileDirectory UUID=\"{00000000-0000-4000-8000-00000000000a}\" Absence=\"false\" "
-                         "DeleteOnUninstall=\"true\" Name=\"${APP}\"/>\n"
-                         "    <ResourceFileEntry UUID=\"{00000000-0000-4000-8000-00000000000b}\" "
-                         "MD5=\"d41d8cd98f00b204e9800998ecf8427e\" Absence=\"false\" DeleteOnUninstall=\"true\" "
-                         "Name=\"a&amp;b&lt;c&gt;&quot;q&quot;.txt\" Executable=\"false\"/>\n"
-                         "    <Link Source=\"{00000000-0000-4000-8000-00000000000b}\" "
-                         "Target=\"{00000000-0000-4000-8000-00000000000a}\" Name=\"Container\"/>\n"
-                         "</Deploy>\n"),
-              KsTest::readFile(file("p.xml")).toStdString());
+    EXPECT_EQ(
+        std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                    "<Deploy>\n"
+                    "    <ResourceFileDirectory UUID=\"{00000000-0000-4000-8000-00000000000a}\" Absence=\"false\" "
+                    "DeleteOnUninstall=\"true\" Name=\"${APP}\"/>\n"
+                    "    <ResourceFileEntry UUID=\"{00000000-0000-4000-8000-00000000000b}\" "
+                    "MD5=\"d41d8cd98f00b204e9800998ecf8427e\" Absence=\"false\" DeleteOnUninstall=\"true\" "
+                    "Name=\"a&amp;b&lt;c&gt;&quot;q&quot;.txt\" Executable=\"false\"/>\n"
+                    "    <Link Source=\"{00000000-0000-4000-8000-00000000000b}\" "
+                    "Target=\"{00000000-0000-4000-8000-00000000000a}\" Name=\"Container\"/>\n"
+                    "</Deploy>\n"),
+        KsTest::readFile(file("p.xml")).toStdString());
 
     McDArray<McHandle<Resource>> none;
     ASSERT_TRUE(s.serialize(file("empty.xml"), none).isOk());
-    EXPECT_EQ(QByteArray("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Deploy/>\n"), KsTest::readFile(file("empty.xml")));
+    EXPECT_EQ(QByteArray("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Deploy/>\n"),
+              KsTest::readFile(file("empty.xml")));
 }
 
 TEST_F(XmlSerializerTest, RoundTripOfEveryClassGivesTheSameBytes)
@@ -114,16 +116,21 @@ TEST_F(XmlSerializerTest, LinksResolveForwardAcrossFilesAndOnce)
     KsTest::FailureRecorder failures;
     KsTest::LogRecorder log;
     KsTest::writeFile(file("links.xml"), QByteArray("<Deploy>\n"
-                                                    "<Link Source=\"") + sUuidB + "\" Target=\"" + sUuidA +
+                                                    "<Link Source=\"") +
+                                             sUuidB + "\" Target=\"" + sUuidA +
                                              "\" Name=\"Container\"/>\n"
-                                             "<Link Source=\"" + sUuidB + "\" Target=\"" + sUuidA +
+                                             "<Link Source=\"" +
+                                             sUuidB + "\" Target=\"" + sUuidA +
                                              "\" Name=\"Container\"/>\n"
-                                             "<ResourceFileEntry UUID=\"" + sUuidB + "\" Name=\"f\"/>\n"
-                                             "<Link Source=\"" + sUuidB +
+                                             "<ResourceFileEntry UUID=\"" +
+                                             sUuidB +
+                                             "\" Name=\"f\"/>\n"
+                                             "<Link Source=\"" +
+                                             sUuidB +
                                              "\" Target=\"{00000000-0000-4000-8000-0000000000ff}\" Name=\"X\"/>\n"
                                              "</Deploy>\n");
-    KsTest::writeFile(file("dir.xml"), QByteArray("<Deploy><ResourceFileDirectory UUID=\"") + sUuidA +
-                                           "\" Name=\"/d\"/></Deploy>");
+    KsTest::writeFile(file("dir.xml"),
+                      QByteArray("<Deploy><ResourceFileDirectory UUID=\"") + sUuidA + "\" Name=\"/d\"/></Deploy>");
     McDArray<McHandle<Resource>> loaded;
     ASSERT_TRUE(load(file("dir.xml"), loaded).isOk());
     ASSERT_TRUE(load(file("links.xml"), loaded).isOk());

@@ -205,8 +205,8 @@ int main(int argc, char** argv)
     {
         const int signal = KsPlatform::InterruptSignals::pending();
         std::fflush(stdout);
-        std::fprintf(stderr, "%s interrupted by %s: rolled back\n", engine.interruptedOperation().toLatin1().constData(),
-                     KsPlatform::InterruptSignals::name(signal));
+        std::fprintf(stderr, "%s interrupted by %s: rolled back\n",
+                     engine.interruptedOperation().toLatin1().constData(), KsPlatform::InterruptSignals::name(signal));
         exitCode = 128 + signal;
     }
     else if (outcome == QxBase::CommandLine::OutcomeFailed)

@@ -9,12 +9,12 @@
 #include <QHash>
 #include <QUuid>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <new>
-#include <cerrno>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -142,11 +142,12 @@ McResult convertFile(const QString& inDst, const QString& inSrc, bool inCompress
         return written.isOk();
     };
     const unsigned char* data = reinterpret_cast<const unsigned char*>(content.constData());
-    const McResult coded = inCompress ? lzmaCompressTo(sink, data, content.size()) : lzmaUncompressTo(sink, data, content.size());
+    const McResult coded =
+        inCompress ? lzmaCompressTo(sink, data, content.size()) : lzmaUncompressTo(sink, data, content.size());
     // The codec's reason, else the write's.
     retVal << (coded.isBad() && written.isOk() ? coded : written);
     if (retVal.isOk())
-        retVal << QxBase::File::writeAll(fileDst, QByteArray()); // flushes
+        retVal << QxBase::File::writeAll(fileDst, QByteArray());  // flushes
     fileDst.close();
     if (retVal.isOk())
     {
@@ -167,13 +168,15 @@ McResult KsDeploy::fileUncompress(const QString& inDst, const QString& inSrc)
     return retVal;
 }
 
-McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve,
-                                        McLib::MD5* outMd5, bool inDstIsTemporary)
+McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& inSrc,
+                                         const QxBase::DiskReserve* inReserve, McLib::MD5* outMd5,
+                                         bool inDstIsTemporary)
 {
     const QByteArray src = QFile::encodeName(inSrc);
     const int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
     if (in < 0)
-        return MC_FAILURE("fileSrc.open( QIODevice::ReadOnly )", inSrc).detailSet(McLib::osDetail(src.toStdString(), errno));
+        return MC_FAILURE("fileSrc.open( QIODevice::ReadOnly )", inSrc)
+            .detailSet(McLib::osDetail(src.toStdString(), errno));
     ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
     // Written beside the destination and renamed into place: never a half-written file. A
     // destination that is itself a temporary name needs no second one.
@@ -186,7 +189,7 @@ McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& in
         return MC_FAILURE("fileDst.open( QIODevice::WriteOnly | QIODevice::Truncate )", inDst)
             .detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), err));
     }
-    McResult failure; // of the reading or writing side, which the codec cannot tell
+    McResult failure;  // of the reading or writing side, which the codec cannot tell
     const LzmaSource source = [&](unsigned char* outData, size_t inRoom) -> int64_t {
         for (;;)
         {
@@ -217,7 +220,9 @@ McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& in
                 continue;
             if (n <= 0)
             {
-                failure = MC_FAILURE("write", inDst).detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), n < 0 ? errno : ENOSPC));
+                failure =
+                    MC_FAILURE("write", inDst)
+                        .detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), n < 0 ? errno : ENOSPC));
                 return false;
             }
             inData += n;

@@ -21,24 +21,21 @@ bool Engine::sIsShutdown = false;
 
 Engine::Engine()
     : mCache(new Cache([this](QString& outValue) {
-        // By default the cache is the maintenance directory's "Cache" folder.
-        McResult retVal = pathOfMaintenanceDir(outValue);
-        if (retVal.isOk())
-            outValue += QStringLiteral("/Cache");
-        return retVal;
-    }))
-    , mPoolIndex(new ResourcePoolIndex)
+          // By default the cache is the maintenance directory's "Cache" folder.
+          McResult retVal = pathOfMaintenanceDir(outValue);
+          if (retVal.isOk())
+              outValue += QStringLiteral("/Cache");
+          return retVal;
+      })),
+      mPoolIndex(new ResourcePoolIndex)
 {
 }
 
 // Copies describe the same state but own neither the cache nor the progress sink.
 Engine::Engine(const Engine& inOther)
-    : mListOfEnvVal(inOther.mListOfEnvVal)
-    , mListOfResource(inOther.mListOfResource)
-    , mConfiguration(inOther.mConfiguration)
-    , mQuiet(inOther.mQuiet)
-    , mListOfPlugin(inOther.mListOfPlugin)
-    , mPoolIndex(new ResourcePoolIndex(*inOther.mPoolIndex))
+    : mListOfEnvVal(inOther.mListOfEnvVal), mListOfResource(inOther.mListOfResource),
+      mConfiguration(inOther.mConfiguration), mQuiet(inOther.mQuiet), mListOfPlugin(inOther.mListOfPlugin),
+      mPoolIndex(new ResourcePoolIndex(*inOther.mPoolIndex))
 {
 }
 

@@ -33,10 +33,7 @@ QString tr(const char* inText) { return QCoreApplication::translate("KsDeploy::E
 struct InterruptScope
 {
     InterruptScope() { KsPlatform::InterruptSignals::armedSet(true); }
-    ~InterruptScope()
-    {
-        KsPlatform::InterruptSignals::armedSet(false);
-    }
+    ~InterruptScope() { KsPlatform::InterruptSignals::armedSet(false); }
 };
 
 // The change is over: signals have their usual effect again, and one that was noted but stopped
@@ -334,7 +331,8 @@ McResult Engine::productUninstallResources(const McDArray<McHandle<Resource>>& i
         progress().progressSet(1.0f - static_cast<float>(inLeft) / static_cast<float>(total));
         return true;
     };
-    walk.run(release, [](size_t, size_t) { return true; }, release);
+    walk.run(
+        release, [](size_t, size_t) { return true; }, release);
     return retVal;
 }
 

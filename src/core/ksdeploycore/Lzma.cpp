@@ -78,7 +78,7 @@ McResult runTo(lzma_stream& inStream, const LzmaSink& inSink, const unsigned cha
     lzma_end(&inStream);
     if (!sinkOk)
     {
-        retVal.makeBad(1); // the sink has reported why
+        retVal.makeBad(1);  // the sink has reported why
         return retVal;
     }
     MC_CHECK_TEXT(retVal, ret == LZMA_STREAM_END, "ret == LZMA_STREAM_END",
@@ -177,7 +177,8 @@ McResult streamFailure(const char* inCondition, const QString& inMessage)
 }
 
 // Fills inoutData up to inWanted bytes from the source; false on a read error.
-bool sourceFill(const LzmaSource& inSource, unsigned char* inoutData, size_t inWanted, size_t& inoutHave, bool& outEnded)
+bool sourceFill(const LzmaSource& inSource, unsigned char* inoutData, size_t inWanted, size_t& inoutHave,
+                bool& outEnded)
 {
     while (inoutHave < inWanted)
     {
@@ -247,7 +248,8 @@ McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource
                              QStringLiteral("lzma decompression: the stream claims %1 bytes").arg(claimed));
     lzma_stream& stream = scratch.stream;
     if (lzma_alone_decoder(&stream, sDecoderMemLimit) != LZMA_OK)
-        return streamFailure("cond[lzma_alone_decoder() == LZMA_OK]", QStringLiteral("lzma decompression could not start"));
+        return streamFailure("cond[lzma_alone_decoder() == LZMA_OK]",
+                             QStringLiteral("lzma decompression could not start"));
     stream.next_in = in;
     stream.avail_in = have;
     uint64_t produced = 0;
@@ -269,12 +271,13 @@ McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource
         produced += n;
         // The decoder stops at the stated size itself; this keeps it so whatever it does.
         if (known && produced > claimed)
-            return streamFailure("cond[produced <= claimedSize]",
-                                 QStringLiteral("lzma decompression: more data than the %1 bytes the header states").arg(claimed));
+            return streamFailure(
+                "cond[produced <= claimedSize]",
+                QStringLiteral("lzma decompression: more data than the %1 bytes the header states").arg(claimed));
         if (n > 0 && (ret == LZMA_OK || ret == LZMA_STREAM_END) && !inSink(out, n))
         {
             McResult retVal;
-            retVal.makeBad(1); // the sink has its own reason
+            retVal.makeBad(1);  // the sink has its own reason
             return retVal;
         }
         if (ret != LZMA_OK)
@@ -291,6 +294,7 @@ McResult KsDeploy::lzmaUncompressStream(const LzmaSink& inSink, const LzmaSource
         stream.avail_in = have;
     }
     if (stream.avail_in > 0)
-        return streamFailure("cond[trailing == 0]", QStringLiteral("lzma decompression: data after the end of the stream"));
+        return streamFailure("cond[trailing == 0]",
+                             QStringLiteral("lzma decompression: data after the end of the stream"));
     return McResult();
 }

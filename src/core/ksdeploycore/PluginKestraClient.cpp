@@ -404,7 +404,8 @@ void PluginKestraClient::translationsLoad() const
 {
     QString folder = QCoreApplication::applicationDirPath() + QStringLiteral("/share/translations/");
     // The Debian package keeps the catalogs under /usr/share, not beside /usr/bin/ksdeploy.
-    const QString packaged = QCoreApplication::applicationDirPath() + QStringLiteral("/../share/ksdeploy/translations/");
+    const QString packaged =
+        QCoreApplication::applicationDirPath() + QStringLiteral("/../share/ksdeploy/translations/");
     if (!QFileInfo::exists(folder) && QFileInfo::exists(packaged))
         folder = QDir::cleanPath(packaged) + QLatin1Char('/');
     const QStringList files{QStringLiteral("kestra.qm"), QStringLiteral("qt_%1.qm").arg(mLanguage),

@@ -3,8 +3,8 @@
 #include <memory>
 #include <vector>
 
-#include "Engine.h"
 #include "Configuration.h"
+#include "Engine.h"
 #include "ResourceFactory.h"
 
 #include <QFileInfo>
@@ -34,11 +34,8 @@ Resource::Resource() : mUuid(QUuid::createUuid())
 
 // A copy is a new node: its own identity, no links, and its own place in the pool.
 Resource::Resource(const Resource& inOther)
-    : McHandable(inOther)
-    , mName(inOther.mName)
-    , mUuid(QUuid::createUuid())
-    , mAbsence(inOther.mAbsence)
-    , mDeleteOnUninstall(inOther.mDeleteOnUninstall)
+    : McHandable(inOther), mName(inOther.mName), mUuid(QUuid::createUuid()), mAbsence(inOther.mAbsence),
+      mDeleteOnUninstall(inOther.mDeleteOnUninstall)
 {
     if (Engine::instanceAvailable())
     {
@@ -257,13 +254,17 @@ const Resource::PropertyTable& Resource::properties() const
 {
     static const PropertyTable sTable = [] {
         PropertyTable t;
-        propertyTableInsert(t, "UUID", new Property<Resource, Resource, QUuid>("UUID", -1000, &Resource::uuid, &Resource::uuidSet));
-        propertyTableInsert(t, "Absence",
-                 new Property<Resource, Resource, bool>("Absence", -700, &Resource::absence, &Resource::absenceSet));
+        propertyTableInsert(
+            t, "UUID", new Property<Resource, Resource, QUuid>("UUID", -1000, &Resource::uuid, &Resource::uuidSet));
+        propertyTableInsert(
+            t, "Absence",
+            new Property<Resource, Resource, bool>("Absence", -700, &Resource::absence, &Resource::absenceSet));
         propertyTableInsert(t, "DeleteOnUninstall",
-                 new Property<Resource, Resource, bool>("DeleteOnUninstall", -600, &Resource::deleteOnUninstall,
-                                                        &Resource::deleteOnUninstallSet));
-        propertyTableInsert(t, "Name", new Property<Resource, Resource, QString>("Name", -500, &Resource::name, &Resource::nameSet));
+                            new Property<Resource, Resource, bool>("DeleteOnUninstall", -600,
+                                                                   &Resource::deleteOnUninstall,
+                                                                   &Resource::deleteOnUninstallSet));
+        propertyTableInsert(
+            t, "Name", new Property<Resource, Resource, QString>("Name", -500, &Resource::name, &Resource::nameSet));
         return t;
     }();
     return sTable;

@@ -40,12 +40,12 @@ public:
     // that nothing a description says can reach outside the place it installs to.
     enum NameRule
     {
-        NameFree,       // a product key: never part of a path
-        NameFolderRoot, // an absolute path once resolved, without ".." in it
-        NameFile,       // one component of a file-system path
-        NameKeyRoot,    // a registry key path
-        NameKey,        // one component of a registry key path
-        NameValue,      // a registry value name: any text but control characters
+        NameFree,        // a product key: never part of a path
+        NameFolderRoot,  // an absolute path once resolved, without ".." in it
+        NameFile,        // one component of a file-system path
+        NameKeyRoot,     // a registry key path
+        NameKey,         // one component of a registry key path
+        NameValue,       // a registry value name: any text but control characters
     };
     virtual NameRule nameRule() const { return NameFree; }
     // Why inName cannot be one path component, or an empty text when it can.

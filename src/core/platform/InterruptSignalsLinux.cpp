@@ -3,8 +3,8 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <initializer_list>
 #include <cstring>
+#include <initializer_list>
 #include <unistd.h>
 
 namespace KsPlatform

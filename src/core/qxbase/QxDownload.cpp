@@ -11,20 +11,20 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <curl/curl.h>
 #include <deque>
+#include <fcntl.h>
 #include <mutex>
 #include <thread>
-#include <vector>
-#include <curl/curl.h>
-#include <fcntl.h>
 #include <unistd.h>
+#include <vector>
 
 struct QxDownload::Private
 {
     // One pool of connections for both handles: a pair needs two, a single download reuses either.
     CURLM* multi = nullptr;
     CURL* curl[2] = {nullptr, nullptr};
-    std::vector<char> fileBuffer[2]; // kept between downloads: many small items come one after another
+    std::vector<char> fileBuffer[2];  // kept between downloads: many small items come one after another
 };
 
 QxDownload::QxDownload() : d(new Private)
@@ -132,7 +132,8 @@ private:
             mQueue.pop_front();
             lock.unlock();
             mRoom.notify_one();
-            mCoder.crcMD5Update(reinterpret_cast<const unsigned char*>(chunk.data()), static_cast<unsigned int>(chunk.size()));
+            mCoder.crcMD5Update(reinterpret_cast<const unsigned char*>(chunk.data()),
+                                static_cast<unsigned int>(chunk.size()));
             lock.lock();
             mSpare.push_back(std::move(chunk));
         }
@@ -154,17 +155,17 @@ struct Sink
     QByteArray path;
     std::vector<char>* buffer = nullptr;
     QxDownload::Request* request = nullptr;
-    StreamHasher* md5 = nullptr; // only when the caller wants the digest
-    bool nameless = false;       // try a file without a name first
+    StreamHasher* md5 = nullptr;  // only when the caller wants the digest
+    bool nameless = false;        // try a file without a name first
     FILE* file = nullptr;
-    int namelessFd = -1;         // the file's descriptor when it has no name
+    int namelessFd = -1;  // the file's descriptor when it has no name
     bool openFailed = false;
     bool checked = false;
     bool errorPage = false;
     size_t discarded = 0;
-    long long total = 0;         // bytes of the body written
+    long long total = 0;  // bytes of the body written
     long long maxBytes = -1;
-    std::string head;            // the body's first bytes, while Request::limitOfHead waits for them
+    std::string head;  // the body's first bytes, while Request::limitOfHead waits for them
     bool tooLarge = false;
     bool noSpace = false;
     int writeErrno = 0;
@@ -291,7 +292,9 @@ void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffe
     inoutT.timer.start();
     inoutT.request = &inoutRequest;
     inoutT.curl = inCurl;
-    const QString temp = inoutRequest.flags & QxDownload::FlagInPlace ? inoutRequest.destination : QxBase::File::temporaryPathBeside(inoutRequest.destination);
+    const QString temp = inoutRequest.flags & QxDownload::FlagInPlace
+                             ? inoutRequest.destination
+                             : QxBase::File::temporaryPathBeside(inoutRequest.destination);
     if (inoutBuffer.empty())
         inoutBuffer.resize(1 << 20);
     inoutT.url = inoutRequest.url.toUtf8();
@@ -351,8 +354,8 @@ void transferFinish(Transfer& inoutT)
     int nameless = -1;
     if (sink.namelessFd >= 0 && std::fflush(sink.file) == 0)
         nameless = ::fcntl(sink.namelessFd, F_DUPFD_CLOEXEC, 0);
-    const bool written = !sink.openFailed && (!created || std::fclose(sink.file) == 0) &&
-                         (sink.namelessFd < 0 || nameless >= 0);
+    const bool written =
+        !sink.openFailed && (!created || std::fclose(sink.file) == 0) && (sink.namelessFd < 0 || nameless >= 0);
     sink.file = nullptr;
 
     long status = 0;
@@ -385,7 +388,9 @@ void transferFinish(Transfer& inoutT)
         r.error = sink.why;
     else if (!written || sink.writeErrno)
         r.error = QStringLiteral("cannot write '%1'%2")
-                      .arg(r.destination, sink.writeErrno ? QStringLiteral(": %1").arg(QString::fromLocal8Bit(std::strerror(sink.writeErrno))) : QString());
+                      .arg(r.destination, sink.writeErrno ? QStringLiteral(": %1").arg(
+                                                                QString::fromLocal8Bit(std::strerror(sink.writeErrno)))
+                                                          : QString());
     else if (rc != CURLE_OK)
         r.error = QString::fromUtf8(inoutT.errorText[0] ? inoutT.errorText : curl_easy_strerror(rc));
     const bool kept = result == QxDownload::ResultOk || result == QxDownload::ResultTimeout;
@@ -400,7 +405,8 @@ void transferFinish(Transfer& inoutT)
         created = false;
     }
     // rename(2) replaces the destination in one step.
-    else if (kept && !(r.flags & QxDownload::FlagInPlace) && ::rename(sink.path.constData(), QFile::encodeName(r.destination).constData()) != 0)
+    else if (kept && !(r.flags & QxDownload::FlagInPlace) &&
+             ::rename(sink.path.constData(), QFile::encodeName(r.destination).constData()) != 0)
     {
         r.error = QStringLiteral("cannot write '%1'").arg(r.destination);
         result = QxDownload::ResultWriteError;
