@@ -87,7 +87,10 @@ class CrashSafetyTest(ksharness.KsTestCase):
         program = d.found[("ResourceFileEntry", "app")]
 
         menu = add("ResourceFileDirectory", "${MENU}")
-        link = add("ResourceFileShortcut", "start-app.desktop", menu, Args="--fast", Desc="Starts App")
+        # The shortcut differs between the versions, as the registry value "Version" does: only
+        # its old bytes, kept at the change's start, can bring it back.
+        link = add("ResourceFileShortcut", "start-app.desktop", menu, Args="--fast --" + version,
+                   Desc="Starts App " + version)
         links += [(link, program, "Target"), (link, top, "Directory")]
         keys = {}
         hkcu = add("ResourceRegistryKey", "HKEY_CURRENT_USER\\Software", delete=False)
@@ -185,6 +188,8 @@ class CrashSafetyTest(ksharness.KsTestCase):
         self.assertOk(r)
         self.done = self.state()
         self.assertNotEqual(self.v1, self.done)
+        shortcut = os.path.join(self.menu, "start-app.desktop")
+        self.assertNotEqual(self.v1[0][shortcut], self.done[0].get(shortcut))
         self.restore_machine()
 
     def assertBackAtV1(self, what, version="v2", action="install"):
@@ -242,17 +247,35 @@ class CrashSafetyTest(ksharness.KsTestCase):
             calls = [line for line in f if "write(" in line and "resumed>" not in line]
         return [i + 1 for i, line in enumerate(calls) if re.search(r"write\(\d+</", line)]
 
-    def journal_removal(self, args):
-        """Which unlink removes the journal: killed there, the registry is committed and the files
-        are not, the one moment when only the journal knows the old registry values."""
-        out = self.path("unlinks.txt")
-        subprocess.run(["strace", "-f", "-qq", "-o", out, "-e", "trace=unlink", ksharness.BIN] + args, cwd=self.work,
-                       env=self.traced_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120, check=True)
-        with open(out) as f:
-            calls = [line for line in f if "unlink(" in line and "resumed>" not in line]
-        found = [i + 1 for i, line in enumerate(calls) if '/App.journal")' in line and "ENOENT" not in line]
-        self.assertEqual(1, len(found), "".join(calls))
-        return found[0]
+    def ordinal(self, args, call, pattern, following=None):
+        """The ordinal (as the injection counts) of the one successful call whose line holds
+        pattern; with following (other calls), of the first of those calls made after it."""
+        out = self.path("calls.txt")
+        calls = [call] + (following or [])
+        subprocess.run(["strace", "-f", "-qq", "-o", out, "-e", "trace=" + ",".join(calls), ksharness.BIN] + args,
+                       cwd=self.work, env=self.traced_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                       timeout=120, check=True)
+        with open(out, encoding="latin-1") as f:
+            lines = [(m.group(1), line) for line in f for m in [re.match(r"\d+\s+(\w+)\(", line)] if m]
+        found = [i for i, (name, line) in enumerate(lines) if name == call and pattern in line and "= -1" not in line]
+        self.assertEqual(1, len(found), "".join(line for _, line in lines))
+        at = found[0]
+        if following:
+            at = next(i for i in range(at + 1, len(lines)) if lines[i][0] in following)
+        name = lines[at][0]
+        return name, sum(1 for n, _ in lines[:at + 1] if n == name)
+
+    def critical_points(self, args, action):
+        """Killed at the journal's removal, the registry is committed and the files are not, the
+        one moment when only the journal knows the old registry values. Killed at the first call
+        after the shortcut's rename, the new shortcut is in place and only its kept bytes know
+        the old one."""
+        points = [self.ordinal(args, "unlink", '/App.journal")')]
+        self.restore_machine()
+        if action == "install":
+            points.append(self.ordinal(args, "rename", '/start-app.desktop")', ["write", "rename", "unlink", "fsync"]))
+            self.restore_machine()
+        return points
 
     def points(self, counts, total):
         """total injection points, dealt to the calls in turn and spread evenly over each one's
@@ -293,10 +316,9 @@ class CrashSafetyTest(ksharness.KsTestCase):
         counts = self.call_counts(self.args(version, action), calls)
         self.restore_machine()
         self.restore_machine()
-        critical = ("unlink", self.journal_removal(self.args(version, action)))
-        self.restore_machine()
-        chosen = [p for p in self.points(counts, total - passed) if p != critical][:total - passed - 1]
-        chosen.append(critical)
+        critical = self.critical_points(self.args(version, action), action)
+        chosen = [p for p in self.points(counts, total - passed) if p not in critical]
+        chosen = chosen[:total - passed - len(critical)] + critical
         self.assertEqual(total - passed, len(chosen), counts)
         for call, n in chosen:
             what = "%s %s killed at %s #%d of %d" % (action, version, call, n, counts[call])

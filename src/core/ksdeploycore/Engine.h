@@ -145,6 +145,8 @@ private:
     McResult productTransactionJournalWrite(const QString& inKey, const QString& inOperation,
                                             const McDArray<McHandle<Resource>>& inSnapshot);
     McResult productTransactionRecover(const QString& inJournalPath);
+    // Puts back the shortcut files a rollback's snapshot cannot describe byte for byte.
+    void productTransactionShortcutsRestore(const TransactionJournal& inJournal);
     // What every start does before the command line: changes that a dead process left half
     // done are rolled back, and temporary files it left in the cache are removed.
     void startRecover();

@@ -10,11 +10,13 @@
 #include "ResourceFactory.h"
 #include "ResourceFileDirectory.h"
 #include "ResourceFileEntry.h"
+#include "ResourceFileShortcut.h"
 #include "ResourceProduct.h"
 #include "ResourceRegistryKey.h"
 #include "ResourceRegistryValue.h"
 #include "RegistryStore.h"
 #include "TransactionJournal.h"
+#include "Common.h"
 
 #include "Durability.h"
 #include "InterruptSignals.h"
@@ -30,6 +32,7 @@
 #include <algorithm>
 #include <map>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace KsDeploy;
@@ -282,10 +285,11 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
 {
     McResult retVal;
     mListOfJournal.remove(inKey);
-    if (!mTransactionJournal)
-        return retVal;
+    // Without a journal on disk (benchmarks only) the same record still serves this process's
+    // own rollback.
     QString folder;
-    retVal << pathOfJournalDir(folder);
+    if (mTransactionJournal)
+        retVal << pathOfJournalDir(folder);
     if (retVal.isBad())
         return retVal;
     auto journal = std::make_shared<TransactionJournal>(folder, inKey);
@@ -295,6 +299,7 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
     bool anyFileKept = false;
     QSet<QString> folders;
     std::map<QString, bool> keys;
+    if (mTransactionJournal)
     {
         // A later start may not know this run's configuration: the snapshot is saved resolved.
         // Texts that do not resolve are saved as they are, without a word.
@@ -319,6 +324,34 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
         }
         else if (auto* entry = dynamic_cast<ResourceFileEntry*>(r))
             anyFileKept = anyFileKept || (!entry->absence() && entry->bufferId().isValid());
+        else if (auto* shortcut = dynamic_cast<ResourceFileShortcut*>(r))
+        {
+            // A shortcut's scan cannot read back every byte of its file, so the file itself is
+            // kept, in the cache like the snapshot's file contents.
+            TransactionJournal::ShortcutState state;
+            state.path = shortcut->path();
+            struct stat st;
+            if (state.path.isEmpty())
+                continue;
+            if (::lstat(local(state.path).c_str(), &st) == 0)
+            {
+                // A folder or a link in its place is not what the change writes over.
+                if (!S_ISREG(st.st_mode))
+                    continue;
+                const McLib::MD5 md5 = scanFile(state.path);
+                if (MC_CHECK_DETAIL(retVal, !md5.isNull(), "failed to keep the shortcut",
+                                    McLib::osDetail(local(state.path), EACCES)))
+                    break;
+                retVal << cache().retrieveFromFile(state.path, false);
+                if (retVal.isBad())
+                    break;
+                state.existed = true;
+                state.md5 = BufferID(md5).toString();
+                state.mode = static_cast<unsigned int>(st.st_mode & 07777);
+                anyFileKept = true;
+            }
+            journal->shortcuts.append(state);
+        }
         else if (auto* key = dynamic_cast<ResourceRegistryKey*>(r))
         {
             // The key and each missing parent: a rollback removes what the change created.
@@ -384,7 +417,8 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
         if (retVal.isBad())
             return retVal;
     }
-    retVal << journal->write(inSnapshot, mTransactionFlush);
+    if (mTransactionJournal)
+        retVal << journal->write(inSnapshot, mTransactionFlush);
     if (retVal.isOk())
         mListOfJournal.insert(inKey, journal);
     return retVal;
@@ -451,6 +485,8 @@ void Engine::productTransactionRollback(const QString& inKey)
         if (productResource(cloneKey).isNotNull())
             productInstall(cloneKey, true);
         productUnregisterResources(cloneKey);
+        if (journal)
+            productTransactionShortcutsRestore(*journal);
         // Within this process the registry store's own transaction undoes every change; after
         // a crash that transaction is gone (or was committed), so the journal's values go back.
         if (recovering && journal)
@@ -560,6 +596,45 @@ void Engine::productTransactionRollback(const QString& inKey)
         journal->remove(mTransactionFlush);
     productUnlock(inKey);
     KsPlatform::InterruptSignals::rollingBackSet(false);
+}
+
+void Engine::productTransactionShortcutsRestore(const TransactionJournal& inJournal)
+{
+    // After the snapshot is installed: its shortcuts hold the description's texts, these files
+    // the machine's bytes.
+    for (const TransactionJournal::ShortcutState& state : inJournal.shortcuts)
+    {
+        const std::string path = local(state.path);
+        struct stat st;
+        const bool present = ::lstat(path.c_str(), &st) == 0;
+        if (!state.existed)
+        {
+            // The change made it; a folder someone put there meanwhile is not ours to remove.
+            if (present && !S_ISDIR(st.st_mode) && ::unlink(path.c_str()) != 0)
+            {
+                const std::string why = McLib::osDetail(path, errno);
+                rollbackFailureAdd(state.path, MC_FAILURE("unlink", state.path.toStdString()).detailSet(why));
+            }
+            continue;
+        }
+        bool ok = false;
+        const BufferID id = BufferID::fromString(state.md5, &ok);
+        McResult res;
+        // A link put in its place is replaced, never followed.
+        if (ok && present && S_ISLNK(st.st_mode) && ::unlink(path.c_str()) != 0)
+        {
+            const std::string why = McLib::osDetail(path, errno);
+            res << MC_FAILURE("unlink", state.path.toStdString()).detailSet(why);
+        }
+        if (res.isOk())
+            res << cache().itemWriteToFile(id, state.path, true);
+        if (res.isOk() && ::chmod(path.c_str(), static_cast<mode_t>(state.mode)) != 0)
+        {
+            const std::string why = McLib::osDetail(path, errno);
+            res << MC_FAILURE("chmod", state.path.toStdString()).detailSet(why);
+        }
+        rollbackFailureAdd(state.path, res);
+    }
 }
 
 void Engine::rollbackFailureAdd(const QString& inPath, const McResult& inResult)
