@@ -247,16 +247,19 @@ class CrashSafetyTest(ksharness.KsTestCase):
             calls = [line for line in f if "write(" in line and "resumed>" not in line]
         return [i + 1 for i, line in enumerate(calls) if re.search(r"write\(\d+</", line)]
 
-    def ordinal(self, args, call, pattern, following=None):
-        """The ordinal (as the injection counts) of the one successful call whose line holds
-        pattern; with following (other calls), of the first of those calls made after it."""
+    def traced(self, args, calls):
+        """The calls of a whole run, in order: (name, line), with the paths of descriptors."""
         out = self.path("calls.txt")
-        calls = [call] + (following or [])
-        subprocess.run(["strace", "-f", "-qq", "-o", out, "-e", "trace=" + ",".join(calls), ksharness.BIN] + args,
+        subprocess.run(["strace", "-f", "-qq", "-y", "-o", out, "-e", "trace=" + ",".join(calls), ksharness.BIN] + args,
                        cwd=self.work, env=self.traced_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                        timeout=120, check=True)
         with open(out, encoding="latin-1") as f:
-            lines = [(m.group(1), line) for line in f for m in [re.match(r"\d+\s+(\w+)\(", line)] if m]
+            return [(m.group(1), line) for line in f for m in [re.match(r"\d+\s+(\w+)\(", line)] if m]
+
+    def ordinal(self, args, call, pattern, following=None):
+        """The ordinal (as the injection counts) of the one successful call whose line holds
+        pattern; with following (other calls), of the first of those calls made after it."""
+        lines = self.traced(args, [call] + (following or []))
         found = [i for i, (name, line) in enumerate(lines) if name == call and pattern in line and "= -1" not in line]
         self.assertEqual(1, len(found), "".join(line for _, line in lines))
         at = found[0]
@@ -412,6 +415,38 @@ class CrashSafetyTest(ksharness.KsTestCase):
         sys.stderr.write("\ninterrupts: %d of %d runs rolled back\n" % (rolled_back, len(points)))
         self.assertGreaterEqual(rolled_back, 10)
         self.assertGreaterEqual(stopped_midway, 2)
+
+    def test_an_interrupt_during_the_snapshot_stops_it(self):
+        """SIGINT while the snapshot looks at the installed files, and while it copies them into
+        the cache: it stops at the next file (nothing is copied after the look, nothing
+        downloaded after the copy), nothing was changed, exit 130 with the message."""
+        self.start_v1()
+        full = self.ks("v2").out.count("caching: ")
+        self.restore_machine()
+        lines = self.traced(self.args("v2"), ["openat", "write"])
+        self.restore_machine()
+
+        def nth(index):
+            name = lines[index][0]
+            return name, sum(1 for n, _ in lines[:index + 1] if n == name)
+        # The first look at an installed file is the snapshot's; the first write into the cache
+        # is its copy of the old contents (all items are fetched afresh, in a later step).
+        look = next(i for i, (n, l) in enumerate(lines) if n == "openat" and '"%s/' % self.target in l)
+        copy = next(i for i, (n, l) in enumerate(lines) if n == "write" and "/Cache/" in l)
+        for (call, when), most in ((nth(look), 0), (nth(copy), 1)):
+            what = "SIGINT at %s #%d" % (call, when)
+            p = self.strace_run("%s:signal=SIGINT:when=%d" % (call, when), self.args("v2"))
+            out, err = p.stdout.decode("latin-1"), p.stderr.decode("latin-1")
+            self.assertEqual(130, p.returncode, "%s\n%s" % (what, err))
+            self.assertIn("install interrupted by SIGINT: rolled back", err, what)
+            self.assertNotIn("error:", err, what)
+            self.assertLessEqual(out.count("caching: "), most, what)
+            self.assertLess(most, full)
+            self.assertNotIn("Download", out, what)
+            self.assertEqual(self.v1, self.state(), what)
+            self.assertEqual([], self.journals(), what)
+            self.assertEqual([], self.temporary_files(), what)
+            self.restore_machine()
 
     def test_a_second_interrupt_during_the_rollback_is_ignored(self):
         self.start_v1()

@@ -6,6 +6,7 @@
 #include "QxDownload.h"
 #include "QxFile.h"
 #include "ResourceFileEntry.h"
+#include "InterruptSignals.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -533,6 +534,9 @@ McResult Cache::retrieveFromResources(const McDArray<McHandle<Resource>>& inReso
     const int64_t n = inResources.size();
     for (int64_t i = 0; i < n; ++i)
     {
+        // Interrupted while a change takes its snapshot: the change stops, and says so.
+        if (KsPlatform::InterruptSignals::pending() != 0)
+            break;
         const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(inResources[i].ptr());
         if (!entry || entry->absence())
             continue;

@@ -208,6 +208,9 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     {
         // A file's path begins with its folder's, so in a folder that is not there no file is:
         // a first install needs no look at each of its files.
+        // Hashing a big product takes a while: an interrupt stops it at the next resource.
+        if (productInterrupted(retVal, mOperationRunning))
+            break;
         auto* entry = dynamic_cast<ResourceFileEntry*>(clones[i].ptr());
         if (entry && !missingDirs.isEmpty() && missingDirs.contains(entry->container().ptr()))
         {
@@ -220,6 +223,9 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     }
     if (retVal.isOk())
         retVal << cache().retrieveFromResources(clones, false);
+    // The copy stops at a pending interrupt too, and leaves saying so to us.
+    if (retVal.isOk())
+        productInterrupted(retVal, mOperationRunning);
     // Written before the first change: from here on a later start can undo this one.
     if (retVal.isOk())
         retVal << productTransactionJournalWrite(inKey, mOperationRunning, clones);
