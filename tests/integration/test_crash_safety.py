@@ -494,6 +494,56 @@ class CrashSafetyTest(ksharness.KsTestCase):
         self.assertEqual([], self.journals())
         self.assertEqual([], self.temporary_files())
 
+    # ---- temporary files of other processes ---------------------------------------------
+    def test_a_start_removes_only_the_temporary_files_of_processes_that_are_gone(self):
+        """One engine stops itself while it writes an item into the cache; another one starts
+        meanwhile, and its sweep of left-over temporary files keeps the first one's file, however
+        old: the first goes on and completes. Killed in the same place, its file is left over and
+        the next start removes it."""
+        self.start_v1()
+        lines = self.traced(self.args("v2"), ["write"])
+        self.restore_machine()
+        at = next(i for i, (n, l) in enumerate(lines) if re.search(r"write\(\d+<[^>]*/Cache/\.[^>]*\.part>", l))
+        inject = "write:signal=SIGSTOP:when=%d" % (at + 1)
+        cache = os.path.join(self.maint, "Cache")
+
+        def stopped_writer():
+            proc = subprocess.Popen(["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=write", "-e",
+                                     "inject=" + inject, ksharness.BIN] + self.args("v2"),
+                                    cwd=self.work, env=self.traced_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            for _ in range(3000):
+                parts = [n for n in os.listdir(cache) if n.endswith(".part")] if os.path.isdir(cache) else []
+                if parts:
+                    pid = int(parts[0].split(".")[-3])
+                    with open("/proc/%d/stat" % pid) as f:
+                        if f.read().rsplit(")", 1)[1].split()[0] in ("T", "t"):
+                            return proc, pid, os.path.join(cache, parts[0])
+                time.sleep(0.01)
+            proc.kill()
+            self.fail("the writer never stopped")
+
+        first, pid, part = stopped_writer()
+        try:
+            # Its file is older than this start, as a slow download's is.
+            r = self.run_ks("--config", "X=1")
+            self.assertOk(r)
+            self.assertTrue(os.path.exists(part), "the living writer's file was removed")
+        finally:
+            os.kill(pid, signal.SIGCONT)
+        out, err = first.communicate(timeout=120)
+        self.assertEqual(0, first.returncode, err.decode("latin-1"))
+        self.assertEqual(self.done, self.state())
+        self.restore_machine()
+
+        second, pid, part = stopped_writer()
+        os.kill(pid, signal.SIGKILL)
+        os.kill(pid, signal.SIGCONT)
+        second.communicate(timeout=120)
+        self.assertTrue(os.path.exists(part))
+        self.outcomes = {"committed": 0, "rolled back": 0}
+        self.assertBackAtV1("killed while writing into the cache")
+        self.assertFalse(os.path.exists(part))
+
     # ---- two engines --------------------------------------------------------------------
     def test_a_second_engine_is_refused_and_the_first_completes(self):
         self.start_v1()

@@ -21,6 +21,7 @@
 #include "Durability.h"
 #include "InterruptSignals.h"
 #include "ProductLock.h"
+#include "TemporaryOwner.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -86,13 +87,19 @@ QString reasonOf(const std::string& inReport)
 // How many of the paths that could not be restored the report names.
 const int sRollbackPathsShown = 3;
 
-// The temporary names that writes use beside their targets: files (QxBase::File::temporaryPathBeside)
-// and shortcuts (KsPlatform::shortcutWrite).
-bool isTemporaryName(const QString& inName)
+// The temporary names that writes use beside their targets, left there by a write that was cut
+// short: files (QxBase::File::temporaryPathBeside, only once their writer is gone, as a folder
+// may be shared with another product's change) and shortcuts (KsPlatform::shortcutWrite).
+bool isLeftOverTemporary(const QFileInfo& inFile)
 {
     static const QRegularExpression sPattern(
-        QStringLiteral("^(\\..+\\.[0-9a-f]{16}\\.part|\\.ksdeploy-shortcut-[A-Za-z0-9]{6})$"));
-    return sPattern.match(inName).hasMatch();
+        QStringLiteral("^(\\..+\\.([0-9]+)\\.[0-9a-f]{16}\\.part|\\.ksdeploy-shortcut-[A-Za-z0-9]{6})$"));
+    const QRegularExpressionMatch m = sPattern.match(inFile.fileName());
+    if (!m.hasMatch())
+        return false;
+    const long writer = m.captured(2).toLong();
+    return m.captured(2).isEmpty() || writer == KsPlatform::TemporaryOwner::self() ||
+           KsPlatform::TemporaryOwner::isGone(writer, static_cast<std::time_t>(inFile.lastModified().toSecsSinceEpoch()));
 }
 }
 
@@ -575,11 +582,11 @@ void Engine::productTransactionRollback(const QString& inKey)
     if (journal)
         for (const QString& folder : journal->tempFolders)
         {
-            const QStringList names = QDir(folder).entryList(QStringList() << QStringLiteral(".*"),
-                                                             QDir::Files | QDir::Hidden | QDir::System);
-            for (const QString& name : names)
-                if (isTemporaryName(name))
-                    QFile::remove(folder + QLatin1Char('/') + name);
+            const QFileInfoList files = QDir(folder).entryInfoList(QStringList() << QStringLiteral(".*"),
+                                                                   QDir::Files | QDir::Hidden | QDir::System);
+            for (const QFileInfo& file : files)
+                if (isLeftOverTemporary(file))
+                    QFile::remove(file.filePath());
         }
     for (const QString& dirPath : newDirs)
         QDir().rmdir(dirPath);
