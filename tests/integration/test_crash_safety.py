@@ -482,7 +482,7 @@ class CrashSafetyTest(ksharness.KsTestCase):
         self.assertEqual(1, len(lines), err)
         detail = err.splitlines()[err.splitlines().index(lines[0]) + 1]
         self.assertIn(self.work, detail)
-        self.assertIn("No space left on device", detail)
+        self.assertIn("No space left on device", detail, err)
         # One report, not one per file.
         self.assertLessEqual(err.count("error:"), 3, err)
         self.assertEqual(["App.journal"], self.journals())

@@ -617,6 +617,12 @@ void Engine::productTransactionShortcutsRestore(const TransactionJournal& inJour
     // the machine's bytes.
     for (const TransactionJournal::ShortcutState& state : inJournal.shortcuts)
     {
+        // What the snapshot's shortcut met on its way is moot: this file decides.
+        const QString prefix = state.path + QStringLiteral(": ");
+        mRollbackFailures.erase(std::remove_if(mRollbackFailures.begin(), mRollbackFailures.end(),
+                                               [&](const QString& inFailure) { return inFailure.startsWith(prefix); }),
+                                mRollbackFailures.end());
+        sFirstHeldReport.clear();
         const std::string path = local(state.path);
         struct stat st;
         const bool present = ::lstat(path.c_str(), &st) == 0;
