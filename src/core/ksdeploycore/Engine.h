@@ -14,6 +14,7 @@
 namespace KsPlatform
 {
 class ProductLock;
+class DurabilityWriteback;
 }
 
 namespace KsDeploy
@@ -177,6 +178,8 @@ private:
     // Per open transaction: its journal (none when journals are off) and the product's lock.
     QHash<QString, std::shared_ptr<TransactionJournal>> mListOfJournal;
     QHash<QString, std::shared_ptr<KsPlatform::ProductLock>> mListOfProductLock;
+    // Per open transaction: the writing back of its data while it runs, ended before its flush.
+    QHash<QString, std::shared_ptr<KsPlatform::DurabilityWriteback>> mListOfWriteback;
     // Per open transaction that is a recovery at start: the registry is restored from the journal.
     QHash<QString, bool> mListOfRecovering;
     // Failures of the running rollback: "path: reason".

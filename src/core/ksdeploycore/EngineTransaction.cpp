@@ -19,6 +19,7 @@
 #include "Common.h"
 
 #include "Durability.h"
+#include "DurabilityWriteback.h"
 #include "InterruptSignals.h"
 #include "ProductLock.h"
 #include "TemporaryOwner.h"
@@ -84,6 +85,9 @@ QString reasonOf(const std::string& inReport)
     return text;
 }
 
+// From how many files on a change's data is written back while it runs.
+const int64_t sWritebackFiles = 1000;
+
 // How many of the paths that could not be restored the report names.
 const int sRollbackPathsShown = 3;
 
@@ -100,6 +104,24 @@ bool isLeftOverTemporary(const QFileInfo& inFile)
     const long writer = m.captured(2).toLong();
     return m.captured(2).isEmpty() || writer == KsPlatform::TemporaryOwner::self() ||
            KsPlatform::TemporaryOwner::isGone(writer, static_cast<std::time_t>(inFile.lastModified().toSecsSinceEpoch()));
+}
+}
+
+namespace
+{
+// The nearest folder at or above a path that exists: where the file system of what will be
+// written there can be looked at.
+QString existingFolderAt(QString inFolder)
+{
+    unsigned long long id = 0;
+    while (!KsPlatform::fileSystemId(local(inFolder), id))
+    {
+        const int cut = inFolder.lastIndexOf(QLatin1Char('/'));
+        if (cut <= 0)
+            return QStringLiteral("/");
+        inFolder.truncate(cut);
+    }
+    return inFolder;
 }
 }
 
@@ -310,6 +332,7 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
     journal->processId = static_cast<qint64>(::getpid());
     journal->newDirs = mListOfTransactionNewDirs.value(inKey);
     bool anyFileKept = false;
+    int64_t files = 0;
     QSet<QString> folders;
     std::map<QString, bool> keys;
     if (mTransactionJournal)
@@ -336,7 +359,10 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
             }
         }
         else if (auto* entry = dynamic_cast<ResourceFileEntry*>(r))
+        {
             anyFileKept = anyFileKept || (!entry->absence() && entry->bufferId().isValid());
+            ++files;
+        }
         else if (auto* shortcut = dynamic_cast<ResourceFileShortcut*>(r))
         {
             // A shortcut's scan cannot read back every byte of its file, so the file itself is
@@ -434,6 +460,25 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
         retVal << journal->write(inSnapshot, mTransactionFlush);
     if (retVal.isOk())
         mListOfJournal.insert(inKey, journal);
+    // The disk writes a big change's data back while it goes on, so that its flush at the commit
+    // does not have to wait for all of it. A small change's flush is short anyway.
+    if (retVal.isOk() && mTransactionFlush && files >= sWritebackFiles)
+    {
+        std::vector<std::string> folders;
+        QSet<QString> seen;
+        for (const QString& folder : journal->tempFolders)
+        {
+            const QString at = existingFolderAt(folder);
+            if (!seen.contains(at))
+            {
+                seen.insert(at);
+                folders.push_back(local(at));
+            }
+        }
+        auto writeback = std::make_shared<KsPlatform::DurabilityWriteback>();
+        writeback->start(folders);
+        mListOfWriteback.insert(inKey, writeback);
+    }
     return retVal;
 }
 
@@ -444,20 +489,12 @@ McResult Engine::productTransactionFlush(const QString& inKey)
     if (!mTransactionFlush || !journal)
         return retVal;
     // One flush per file system the change wrote to, however many files it wrote.
+    mListOfWriteback.remove(inKey);
     QSet<unsigned long long> flushed;
-    for (QString folder : journal->tempFolders)
+    for (const QString& written : journal->tempFolders)
     {
+        const QString folder = existingFolderAt(written);
         unsigned long long id = 0;
-        while (!KsPlatform::fileSystemId(local(folder), id))
-        {
-            const int cut = folder.lastIndexOf(QLatin1Char('/'));
-            if (cut <= 0)
-            {
-                folder = QStringLiteral("/");
-                break;
-            }
-            folder.truncate(cut);
-        }
         if (!KsPlatform::fileSystemId(local(folder), id) || flushed.contains(id))
             continue;
         flushed.insert(id);
@@ -477,6 +514,7 @@ void Engine::transactionDurabilitySet(bool inFlush, bool inJournal)
 void Engine::productTransactionCommit(const QString& inKey)
 {
     progress().taskStartNext(tr("Transaction Commit"));
+    mListOfWriteback.remove(inKey);
     mListOfTransactionNewDirs.remove(inKey);
     productUnregisterResources(QStringLiteral("_") + inKey);
     const std::shared_ptr<TransactionJournal> journal = mListOfJournal.take(inKey);
@@ -489,6 +527,7 @@ void Engine::productTransactionRollback(const QString& inKey)
 {
     progress().taskStartNext(tr("Transaction Rollback"));
     KsPlatform::InterruptSignals::rollingBackSet(true);
+    mListOfWriteback.remove(inKey);
     const QString cloneKey = QStringLiteral("_") + inKey;
     const std::shared_ptr<TransactionJournal> journal = mListOfJournal.take(inKey);
     const bool recovering = mListOfRecovering.take(inKey);
