@@ -235,11 +235,11 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     }
     for (int64_t i = 0; i < clones.size(); ++i)
     {
-        // A file's path begins with its folder's, so in a folder that is not there no file is:
-        // a first install needs no look at each of its files.
         // Hashing a big product takes a while: an interrupt stops it at the next resource.
         if (productInterrupted(retVal, mOperationRunning))
             break;
+        // A file's path begins with its folder's, so in a folder that is not there no file is:
+        // a first install needs no look at each of its files.
         auto* entry = dynamic_cast<ResourceFileEntry*>(clones[i].ptr());
         if (entry && !missingDirs.isEmpty() && missingDirs.contains(entry->container().ptr()))
         {
