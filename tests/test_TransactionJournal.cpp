@@ -40,6 +40,8 @@ TEST_F(TransactionJournalTest, ReadsBackWhatWasWrittenForAnyProductKey)
     empty.name.clear();
     empty.data.clear();
     out.registryValues.append(empty);
+    out.shortcuts.append({QStringLiteral("/menu/a b.desktop"), true, QStringLiteral("0123456789abcdef0123456789abcdef"), 0640});
+    out.shortcuts.append({QStringLiteral("/menu/new.desktop"), false, QString(), 0});
 
     McHandle<ResourceProduct> product(new ResourceProduct);
     product->nameSet(QStringLiteral("_") + key);
@@ -70,6 +72,13 @@ TEST_F(TransactionJournalTest, ReadsBackWhatWasWrittenForAnyProductKey)
     EXPECT_TRUE(in.registryValues[0].existed);
     EXPECT_TRUE(in.registryValues[1].name.isEmpty());
     EXPECT_TRUE(in.registryValues[1].data.isEmpty());
+    ASSERT_EQ(2, in.shortcuts.size());
+    EXPECT_EQ(out.shortcuts[0].path, in.shortcuts[0].path);
+    EXPECT_TRUE(in.shortcuts[0].existed);
+    EXPECT_EQ(out.shortcuts[0].md5, in.shortcuts[0].md5);
+    EXPECT_EQ(0640u, in.shortcuts[0].mode);
+    EXPECT_EQ(out.shortcuts[1].path, in.shortcuts[1].path);
+    EXPECT_FALSE(in.shortcuts[1].existed);
 
     in.remove(true);
     EXPECT_TRUE(TransactionJournal::journalsIn(mDir.path()).isEmpty());
@@ -86,9 +95,11 @@ TEST_F(TransactionJournalTest, ACutOrForeignFileIsNoJournal)
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
     const QByteArray whole = f.readAll();
     f.close();
-    // Cut before its last line; a line that is not ours; not a journal at all.
+    // Cut before its last line; a line that is not ours; a kept shortcut without its digest;
+    // not a journal at all.
     const QByteArray cut = whole.left(whole.lastIndexOf("end"));
-    for (const QByteArray& text : {cut, cut + "junk 1\nend\n", QByteArray("not a journal\n")})
+    for (const QByteArray& text : {cut, cut + "junk 1\nend\n", cut + "shortcut %2Fa 1 - 644\nend\n",
+                                   QByteArray("not a journal\n")})
     {
         QFile w(out.path());
         ASSERT_TRUE(w.open(QIODevice::WriteOnly | QIODevice::Truncate));

@@ -87,7 +87,10 @@ class CrashSafetyTest(ksharness.KsTestCase):
         program = d.found[("ResourceFileEntry", "app")]
 
         menu = add("ResourceFileDirectory", "${MENU}")
-        link = add("ResourceFileShortcut", "start-app.desktop", menu, Args="--fast", Desc="Starts App")
+        # The shortcut differs between the versions, as the registry value "Version" does: only
+        # its old bytes, kept at the change's start, can bring it back.
+        link = add("ResourceFileShortcut", "start-app.desktop", menu, Args="--fast --" + version,
+                   Desc="Starts App " + version)
         links += [(link, program, "Target"), (link, top, "Directory")]
         keys = {}
         hkcu = add("ResourceRegistryKey", "HKEY_CURRENT_USER\\Software", delete=False)
@@ -185,6 +188,8 @@ class CrashSafetyTest(ksharness.KsTestCase):
         self.assertOk(r)
         self.done = self.state()
         self.assertNotEqual(self.v1, self.done)
+        shortcut = os.path.join(self.menu, "start-app.desktop")
+        self.assertNotEqual(self.v1[0][shortcut], self.done[0].get(shortcut))
         self.restore_machine()
 
     def assertBackAtV1(self, what, version="v2", action="install"):
@@ -242,17 +247,38 @@ class CrashSafetyTest(ksharness.KsTestCase):
             calls = [line for line in f if "write(" in line and "resumed>" not in line]
         return [i + 1 for i, line in enumerate(calls) if re.search(r"write\(\d+</", line)]
 
-    def journal_removal(self, args):
-        """Which unlink removes the journal: killed there, the registry is committed and the files
-        are not, the one moment when only the journal knows the old registry values."""
-        out = self.path("unlinks.txt")
-        subprocess.run(["strace", "-f", "-qq", "-o", out, "-e", "trace=unlink", ksharness.BIN] + args, cwd=self.work,
-                       env=self.traced_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120, check=True)
-        with open(out) as f:
-            calls = [line for line in f if "unlink(" in line and "resumed>" not in line]
-        found = [i + 1 for i, line in enumerate(calls) if '/App.journal")' in line and "ENOENT" not in line]
-        self.assertEqual(1, len(found), "".join(calls))
-        return found[0]
+    def traced(self, args, calls):
+        """The calls of a whole run, in order: (name, line), with the paths of descriptors."""
+        out = self.path("calls.txt")
+        subprocess.run(["strace", "-f", "-qq", "-y", "-o", out, "-e", "trace=" + ",".join(calls), ksharness.BIN] + args,
+                       cwd=self.work, env=self.traced_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                       timeout=120, check=True)
+        with open(out, encoding="latin-1") as f:
+            return [(m.group(1), line) for line in f for m in [re.match(r"\d+\s+(\w+)\(", line)] if m]
+
+    def ordinal(self, args, call, pattern, following=None):
+        """The ordinal (as the injection counts) of the one successful call whose line holds
+        pattern; with following (other calls), of the first of those calls made after it."""
+        lines = self.traced(args, [call] + (following or []))
+        found = [i for i, (name, line) in enumerate(lines) if name == call and pattern in line and "= -1" not in line]
+        self.assertEqual(1, len(found), "".join(line for _, line in lines))
+        at = found[0]
+        if following:
+            at = next(i for i in range(at + 1, len(lines)) if lines[i][0] in following)
+        name = lines[at][0]
+        return name, sum(1 for n, _ in lines[:at + 1] if n == name)
+
+    def critical_points(self, args, action):
+        """Killed at the journal's removal, the registry is committed and the files are not, the
+        one moment when only the journal knows the old registry values. Killed at the first call
+        after the shortcut's rename, the new shortcut is in place and only its kept bytes know
+        the old one."""
+        points = [self.ordinal(args, "unlink", '/App.journal")')]
+        self.restore_machine()
+        if action == "install":
+            points.append(self.ordinal(args, "rename", '/start-app.desktop")', ["write", "rename", "unlink", "fsync"]))
+            self.restore_machine()
+        return points
 
     def points(self, counts, total):
         """total injection points, dealt to the calls in turn and spread evenly over each one's
@@ -293,10 +319,9 @@ class CrashSafetyTest(ksharness.KsTestCase):
         counts = self.call_counts(self.args(version, action), calls)
         self.restore_machine()
         self.restore_machine()
-        critical = ("unlink", self.journal_removal(self.args(version, action)))
-        self.restore_machine()
-        chosen = [p for p in self.points(counts, total - passed) if p != critical][:total - passed - 1]
-        chosen.append(critical)
+        critical = self.critical_points(self.args(version, action), action)
+        chosen = [p for p in self.points(counts, total - passed) if p not in critical]
+        chosen = chosen[:total - passed - len(critical)] + critical
         self.assertEqual(total - passed, len(chosen), counts)
         for call, n in chosen:
             what = "%s %s killed at %s #%d of %d" % (action, version, call, n, counts[call])
@@ -391,6 +416,38 @@ class CrashSafetyTest(ksharness.KsTestCase):
         self.assertGreaterEqual(rolled_back, 10)
         self.assertGreaterEqual(stopped_midway, 2)
 
+    def test_an_interrupt_during_the_snapshot_stops_it(self):
+        """SIGINT while the snapshot looks at the installed files, and while it copies them into
+        the cache: it stops at the next file (nothing is copied after the look, nothing
+        downloaded after the copy), nothing was changed, exit 130 with the message."""
+        self.start_v1()
+        full = self.ks("v2").out.count("caching: ")
+        self.restore_machine()
+        lines = self.traced(self.args("v2"), ["openat", "write"])
+        self.restore_machine()
+
+        def nth(index):
+            name = lines[index][0]
+            return name, sum(1 for n, _ in lines[:index + 1] if n == name)
+        # The first look at an installed file is the snapshot's; the first write into the cache
+        # is its copy of the old contents (all items are fetched afresh, in a later step).
+        look = next(i for i, (n, l) in enumerate(lines) if n == "openat" and '"%s/' % self.target in l)
+        copy = next(i for i, (n, l) in enumerate(lines) if n == "write" and "/Cache/" in l)
+        for (call, when), most in ((nth(look), 0), (nth(copy), 1)):
+            what = "SIGINT at %s #%d" % (call, when)
+            p = self.strace_run("%s:signal=SIGINT:when=%d" % (call, when), self.args("v2"))
+            out, err = p.stdout.decode("latin-1"), p.stderr.decode("latin-1")
+            self.assertEqual(130, p.returncode, "%s\n%s" % (what, err))
+            self.assertIn("install interrupted by SIGINT: rolled back", err, what)
+            self.assertNotIn("error:", err, what)
+            self.assertLessEqual(out.count("caching: "), most, what)
+            self.assertLess(most, full)
+            self.assertNotIn("Download", out, what)
+            self.assertEqual(self.v1, self.state(), what)
+            self.assertEqual([], self.journals(), what)
+            self.assertEqual([], self.temporary_files(), what)
+            self.restore_machine()
+
     def test_a_second_interrupt_during_the_rollback_is_ignored(self):
         self.start_v1()
         # Every unlink from the first on brings a SIGINT: the first stops the change, the rest
@@ -425,7 +482,7 @@ class CrashSafetyTest(ksharness.KsTestCase):
         self.assertEqual(1, len(lines), err)
         detail = err.splitlines()[err.splitlines().index(lines[0]) + 1]
         self.assertIn(self.work, detail)
-        self.assertIn("No space left on device", detail)
+        self.assertIn("No space left on device", detail, err)
         # One report, not one per file.
         self.assertLessEqual(err.count("error:"), 3, err)
         self.assertEqual(["App.journal"], self.journals())
@@ -436,6 +493,56 @@ class CrashSafetyTest(ksharness.KsTestCase):
         self.assertTrue(self.v1 == self.state(), "not back at v1")
         self.assertEqual([], self.journals())
         self.assertEqual([], self.temporary_files())
+
+    # ---- temporary files of other processes ---------------------------------------------
+    def test_a_start_removes_only_the_temporary_files_of_processes_that_are_gone(self):
+        """One engine stops itself while it writes an item into the cache; another one starts
+        meanwhile, and its sweep of left-over temporary files keeps the first one's file, however
+        old: the first goes on and completes. Killed in the same place, its file is left over and
+        the next start removes it."""
+        self.start_v1()
+        lines = self.traced(self.args("v2"), ["write"])
+        self.restore_machine()
+        at = next(i for i, (n, l) in enumerate(lines) if re.search(r"write\(\d+<[^>]*/Cache/\.[^>]*\.part>", l))
+        inject = "write:signal=SIGSTOP:when=%d" % (at + 1)
+        cache = os.path.join(self.maint, "Cache")
+
+        def stopped_writer():
+            proc = subprocess.Popen(["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=write", "-e",
+                                     "inject=" + inject, ksharness.BIN] + self.args("v2"),
+                                    cwd=self.work, env=self.traced_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            for _ in range(3000):
+                parts = [n for n in os.listdir(cache) if n.endswith(".part")] if os.path.isdir(cache) else []
+                if parts:
+                    pid = int(parts[0].split(".")[-3])
+                    with open("/proc/%d/stat" % pid) as f:
+                        if f.read().rsplit(")", 1)[1].split()[0] in ("T", "t"):
+                            return proc, pid, os.path.join(cache, parts[0])
+                time.sleep(0.01)
+            proc.kill()
+            self.fail("the writer never stopped")
+
+        first, pid, part = stopped_writer()
+        try:
+            # Its file is older than this start, as a slow download's is.
+            r = self.run_ks("--config", "X=1")
+            self.assertOk(r)
+            self.assertTrue(os.path.exists(part), "the living writer's file was removed")
+        finally:
+            os.kill(pid, signal.SIGCONT)
+        out, err = first.communicate(timeout=120)
+        self.assertEqual(0, first.returncode, err.decode("latin-1"))
+        self.assertEqual(self.done, self.state())
+        self.restore_machine()
+
+        second, pid, part = stopped_writer()
+        os.kill(pid, signal.SIGKILL)
+        os.kill(pid, signal.SIGCONT)
+        second.communicate(timeout=120)
+        self.assertTrue(os.path.exists(part))
+        self.outcomes = {"committed": 0, "rolled back": 0}
+        self.assertBackAtV1("killed while writing into the cache")
+        self.assertFalse(os.path.exists(part))
 
     # ---- two engines --------------------------------------------------------------------
     def test_a_second_engine_is_refused_and_the_first_completes(self):

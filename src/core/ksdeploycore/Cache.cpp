@@ -6,6 +6,8 @@
 #include "QxDownload.h"
 #include "QxFile.h"
 #include "ResourceFileEntry.h"
+#include "InterruptSignals.h"
+#include "TemporaryOwner.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -181,14 +183,19 @@ void Cache::temporaryFilesRemove(const QDateTime& inStart)
     QString dir;
     if (Engine::instance().pathToCache(dir).isBad())
         return;
-    // The names QxBase::File::temporaryPathBeside gives: ".<item>.<16 hex digits>.part".
-    static const QRegularExpression sPattern(QStringLiteral("^\\..+\\.[0-9a-f]{16}\\.part$"));
+    // The names QxBase::File::temporaryPathBeside gives: ".<item>.<process id>.<16 hex digits>.part".
+    // Another process may be writing one right now, however old it is: only those whose writer
+    // is gone go.
+    static const QRegularExpression sPattern(QStringLiteral("^\\..+\\.([0-9]+)\\.[0-9a-f]{16}\\.part$"));
     QDirIterator it(dir, QStringList() << QStringLiteral(".*.part"), QDir::Files | QDir::Hidden | QDir::System);
     while (it.hasNext())
     {
         it.next();
         const QFileInfo info = it.fileInfo();
-        if (sPattern.match(info.fileName()).hasMatch() && info.lastModified() < inStart)
+        const QRegularExpressionMatch m = sPattern.match(info.fileName());
+        const QDateTime modified = info.lastModified();
+        if (m.hasMatch() && modified < inStart &&
+            KsPlatform::TemporaryOwner::isGone(m.captured(1).toLong(), static_cast<std::time_t>(modified.toSecsSinceEpoch())))
             QFile::remove(info.filePath());
     }
 }
@@ -547,6 +554,9 @@ McResult Cache::retrieveFromResources(const McDArray<McHandle<Resource>>& inReso
     const int64_t n = inResources.size();
     for (int64_t i = 0; i < n; ++i)
     {
+        // Interrupted while a change takes its snapshot: the change stops, and says so.
+        if (KsPlatform::InterruptSignals::pending() != 0)
+            break;
         const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(inResources[i].ptr());
         if (!entry || entry->absence())
             continue;

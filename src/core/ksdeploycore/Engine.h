@@ -14,6 +14,7 @@
 namespace KsPlatform
 {
 class ProductLock;
+class DurabilityWriteback;
 }
 
 namespace KsDeploy
@@ -145,6 +146,8 @@ private:
     McResult productTransactionJournalWrite(const QString& inKey, const QString& inOperation,
                                             const McDArray<McHandle<Resource>>& inSnapshot);
     McResult productTransactionRecover(const QString& inJournalPath);
+    // Puts back the shortcut files a rollback's snapshot cannot describe byte for byte.
+    void productTransactionShortcutsRestore(const TransactionJournal& inJournal);
     // What every start does before the command line: changes that a dead process left half
     // done are rolled back, and temporary files it left in the cache are removed.
     void startRecover();
@@ -189,6 +192,8 @@ private:
     // Per open transaction: its journal (none when journals are off) and the product's lock.
     QHash<QString, std::shared_ptr<TransactionJournal>> mListOfJournal;
     QHash<QString, std::shared_ptr<KsPlatform::ProductLock>> mListOfProductLock;
+    // Per open transaction: the writing back of its data while it runs, ended before its flush.
+    QHash<QString, std::shared_ptr<KsPlatform::DurabilityWriteback>> mListOfWriteback;
     // Per open transaction that is a recovery at start: the registry is restored from the journal.
     QHash<QString, bool> mListOfRecovering;
     // Failures of the running rollback: "path: reason".

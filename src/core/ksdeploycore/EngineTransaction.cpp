@@ -10,15 +10,19 @@
 #include "ResourceFactory.h"
 #include "ResourceFileDirectory.h"
 #include "ResourceFileEntry.h"
+#include "ResourceFileShortcut.h"
 #include "ResourceProduct.h"
 #include "ResourceRegistryKey.h"
 #include "ResourceRegistryValue.h"
 #include "RegistryStore.h"
 #include "TransactionJournal.h"
+#include "Common.h"
 
 #include "Durability.h"
+#include "DurabilityWriteback.h"
 #include "InterruptSignals.h"
 #include "ProductLock.h"
+#include "TemporaryOwner.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -30,6 +34,7 @@
 #include <algorithm>
 #include <map>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace KsDeploy;
@@ -80,16 +85,43 @@ QString reasonOf(const std::string& inReport)
     return text;
 }
 
+// From how many files on a change's data is written back while it runs.
+const int64_t sWritebackFiles = 1000;
+
 // How many of the paths that could not be restored the report names.
 const int sRollbackPathsShown = 3;
 
-// The temporary names that writes use beside their targets: files (QxBase::File::temporaryPathBeside)
-// and shortcuts (KsPlatform::shortcutWrite).
-bool isTemporaryName(const QString& inName)
+// The temporary names that writes use beside their targets, left there by a write that was cut
+// short: files (QxBase::File::temporaryPathBeside, only once their writer is gone, as a folder
+// may be shared with another product's change) and shortcuts (KsPlatform::shortcutWrite).
+bool isLeftOverTemporary(const QFileInfo& inFile)
 {
     static const QRegularExpression sPattern(
-        QStringLiteral("^(\\..+\\.[0-9a-f]{16}\\.part|\\.ksdeploy-shortcut-[A-Za-z0-9]{6})$"));
-    return sPattern.match(inName).hasMatch();
+        QStringLiteral("^(\\..+\\.([0-9]+)\\.[0-9a-f]{16}\\.part|\\.ksdeploy-shortcut-[A-Za-z0-9]{6})$"));
+    const QRegularExpressionMatch m = sPattern.match(inFile.fileName());
+    if (!m.hasMatch())
+        return false;
+    const long writer = m.captured(2).toLong();
+    return m.captured(2).isEmpty() || writer == KsPlatform::TemporaryOwner::self() ||
+           KsPlatform::TemporaryOwner::isGone(writer, static_cast<std::time_t>(inFile.lastModified().toSecsSinceEpoch()));
+}
+}
+
+namespace
+{
+// The nearest folder at or above a path that exists: where the file system of what will be
+// written there can be looked at.
+QString existingFolderAt(QString inFolder)
+{
+    unsigned long long id = 0;
+    while (!KsPlatform::fileSystemId(local(inFolder), id))
+    {
+        const int cut = inFolder.lastIndexOf(QLatin1Char('/'));
+        if (cut <= 0)
+            return QStringLiteral("/");
+        inFolder.truncate(cut);
+    }
+    return inFolder;
 }
 }
 
@@ -203,6 +235,9 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     }
     for (int64_t i = 0; i < clones.size(); ++i)
     {
+        // Hashing a big product takes a while: an interrupt stops it at the next resource.
+        if (productInterrupted(retVal, mOperationRunning))
+            break;
         // A file's path begins with its folder's, so in a folder that is not there no file is:
         // a first install needs no look at each of its files.
         auto* entry = dynamic_cast<ResourceFileEntry*>(clones[i].ptr());
@@ -217,6 +252,9 @@ McResult Engine::productTransactionBegin(const QString& inKey)
     }
     if (retVal.isOk())
         retVal << cache().retrieveFromResources(clones, false);
+    // The copy stops at a pending interrupt too, and leaves saying so to us.
+    if (retVal.isOk())
+        productInterrupted(retVal, mOperationRunning);
     // Written before the first change: from here on a later start can undo this one.
     if (retVal.isOk())
         retVal << productTransactionJournalWrite(inKey, mOperationRunning, clones);
@@ -282,10 +320,11 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
 {
     McResult retVal;
     mListOfJournal.remove(inKey);
-    if (!mTransactionJournal)
-        return retVal;
+    // Without a journal on disk (benchmarks only) the same record still serves this process's
+    // own rollback.
     QString folder;
-    retVal << pathOfJournalDir(folder);
+    if (mTransactionJournal)
+        retVal << pathOfJournalDir(folder);
     if (retVal.isBad())
         return retVal;
     auto journal = std::make_shared<TransactionJournal>(folder, inKey);
@@ -293,8 +332,10 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
     journal->processId = static_cast<qint64>(::getpid());
     journal->newDirs = mListOfTransactionNewDirs.value(inKey);
     bool anyFileKept = false;
+    int64_t files = 0;
     QSet<QString> folders;
     std::map<QString, bool> keys;
+    if (mTransactionJournal)
     {
         // A later start may not know this run's configuration: the snapshot is saved resolved.
         // Texts that do not resolve are saved as they are, without a word.
@@ -318,7 +359,38 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
             }
         }
         else if (auto* entry = dynamic_cast<ResourceFileEntry*>(r))
+        {
             anyFileKept = anyFileKept || (!entry->absence() && entry->bufferId().isValid());
+            ++files;
+        }
+        else if (auto* shortcut = dynamic_cast<ResourceFileShortcut*>(r))
+        {
+            // A shortcut's scan cannot read back every byte of its file, so the file itself is
+            // kept, in the cache like the snapshot's file contents.
+            TransactionJournal::ShortcutState state;
+            state.path = shortcut->path();
+            struct stat st;
+            if (state.path.isEmpty())
+                continue;
+            if (::lstat(local(state.path).c_str(), &st) == 0)
+            {
+                // A folder or a link in its place is not what the change writes over.
+                if (!S_ISREG(st.st_mode))
+                    continue;
+                const McLib::MD5 md5 = scanFile(state.path);
+                if (MC_CHECK_DETAIL(retVal, !md5.isNull(), "failed to keep the shortcut",
+                                    McLib::osDetail(local(state.path), EACCES)))
+                    break;
+                retVal << cache().retrieveFromFile(state.path, false);
+                if (retVal.isBad())
+                    break;
+                state.existed = true;
+                state.md5 = BufferID(md5).toString();
+                state.mode = static_cast<unsigned int>(st.st_mode & 07777);
+                anyFileKept = true;
+            }
+            journal->shortcuts.append(state);
+        }
         else if (auto* key = dynamic_cast<ResourceRegistryKey*>(r))
         {
             // The key and each missing parent: a rollback removes what the change created.
@@ -384,9 +456,29 @@ McResult Engine::productTransactionJournalWrite(const QString& inKey, const QStr
         if (retVal.isBad())
             return retVal;
     }
-    retVal << journal->write(inSnapshot, mTransactionFlush);
+    if (mTransactionJournal)
+        retVal << journal->write(inSnapshot, mTransactionFlush);
     if (retVal.isOk())
         mListOfJournal.insert(inKey, journal);
+    // The disk writes a big change's data back while it goes on, so that its flush at the commit
+    // does not have to wait for all of it. A small change's flush is short anyway.
+    if (retVal.isOk() && mTransactionFlush && files >= sWritebackFiles)
+    {
+        std::vector<std::string> folders;
+        QSet<QString> seen;
+        for (const QString& folder : journal->tempFolders)
+        {
+            const QString at = existingFolderAt(folder);
+            if (!seen.contains(at))
+            {
+                seen.insert(at);
+                folders.push_back(local(at));
+            }
+        }
+        auto writeback = std::make_shared<KsPlatform::DurabilityWriteback>();
+        writeback->start(folders);
+        mListOfWriteback.insert(inKey, writeback);
+    }
     return retVal;
 }
 
@@ -397,20 +489,12 @@ McResult Engine::productTransactionFlush(const QString& inKey)
     if (!mTransactionFlush || !journal)
         return retVal;
     // One flush per file system the change wrote to, however many files it wrote.
+    mListOfWriteback.remove(inKey);
     QSet<unsigned long long> flushed;
-    for (QString folder : journal->tempFolders)
+    for (const QString& written : journal->tempFolders)
     {
+        const QString folder = existingFolderAt(written);
         unsigned long long id = 0;
-        while (!KsPlatform::fileSystemId(local(folder), id))
-        {
-            const int cut = folder.lastIndexOf(QLatin1Char('/'));
-            if (cut <= 0)
-            {
-                folder = QStringLiteral("/");
-                break;
-            }
-            folder.truncate(cut);
-        }
         if (!KsPlatform::fileSystemId(local(folder), id) || flushed.contains(id))
             continue;
         flushed.insert(id);
@@ -430,6 +514,7 @@ void Engine::transactionDurabilitySet(bool inFlush, bool inJournal)
 void Engine::productTransactionCommit(const QString& inKey)
 {
     progress().taskStartNext(tr("Transaction Commit"));
+    mListOfWriteback.remove(inKey);
     mListOfTransactionNewDirs.remove(inKey);
     productUnregisterResources(QStringLiteral("_") + inKey);
     const std::shared_ptr<TransactionJournal> journal = mListOfJournal.take(inKey);
@@ -442,6 +527,7 @@ void Engine::productTransactionRollback(const QString& inKey)
 {
     progress().taskStartNext(tr("Transaction Rollback"));
     KsPlatform::InterruptSignals::rollingBackSet(true);
+    mListOfWriteback.remove(inKey);
     const QString cloneKey = QStringLiteral("_") + inKey;
     const std::shared_ptr<TransactionJournal> journal = mListOfJournal.take(inKey);
     const bool recovering = mListOfRecovering.take(inKey);
@@ -451,6 +537,8 @@ void Engine::productTransactionRollback(const QString& inKey)
         if (productResource(cloneKey).isNotNull())
             productInstall(cloneKey, true);
         productUnregisterResources(cloneKey);
+        if (journal)
+            productTransactionShortcutsRestore(*journal);
         // Within this process the registry store's own transaction undoes every change; after
         // a crash that transaction is gone (or was committed), so the journal's values go back.
         if (recovering && journal)
@@ -533,11 +621,11 @@ void Engine::productTransactionRollback(const QString& inKey)
     if (journal)
         for (const QString& folder : journal->tempFolders)
         {
-            const QStringList names = QDir(folder).entryList(QStringList() << QStringLiteral(".*"),
-                                                             QDir::Files | QDir::Hidden | QDir::System);
-            for (const QString& name : names)
-                if (isTemporaryName(name))
-                    QFile::remove(folder + QLatin1Char('/') + name);
+            const QFileInfoList files = QDir(folder).entryInfoList(QStringList() << QStringLiteral(".*"),
+                                                                   QDir::Files | QDir::Hidden | QDir::System);
+            for (const QFileInfo& file : files)
+                if (isLeftOverTemporary(file))
+                    QFile::remove(file.filePath());
         }
     for (const QString& dirPath : newDirs)
         QDir().rmdir(dirPath);
@@ -560,6 +648,51 @@ void Engine::productTransactionRollback(const QString& inKey)
         journal->remove(mTransactionFlush);
     productUnlock(inKey);
     KsPlatform::InterruptSignals::rollingBackSet(false);
+}
+
+void Engine::productTransactionShortcutsRestore(const TransactionJournal& inJournal)
+{
+    // After the snapshot is installed: its shortcuts hold the description's texts, these files
+    // the machine's bytes.
+    for (const TransactionJournal::ShortcutState& state : inJournal.shortcuts)
+    {
+        // What the snapshot's shortcut met on its way is moot: this file decides.
+        const QString prefix = state.path + QStringLiteral(": ");
+        mRollbackFailures.erase(std::remove_if(mRollbackFailures.begin(), mRollbackFailures.end(),
+                                               [&](const QString& inFailure) { return inFailure.startsWith(prefix); }),
+                                mRollbackFailures.end());
+        sFirstHeldReport.clear();
+        const std::string path = local(state.path);
+        struct stat st;
+        const bool present = ::lstat(path.c_str(), &st) == 0;
+        if (!state.existed)
+        {
+            // The change made it; a folder someone put there meanwhile is not ours to remove.
+            if (present && !S_ISDIR(st.st_mode) && ::unlink(path.c_str()) != 0)
+            {
+                const std::string why = McLib::osDetail(path, errno);
+                rollbackFailureAdd(state.path, MC_FAILURE("unlink", state.path.toStdString()).detailSet(why));
+            }
+            continue;
+        }
+        bool ok = false;
+        const BufferID id = BufferID::fromString(state.md5, &ok);
+        McResult res;
+        // A link put in its place is replaced, never followed.
+        if (ok && present && S_ISLNK(st.st_mode) && ::unlink(path.c_str()) != 0)
+        {
+            const std::string why = McLib::osDetail(path, errno);
+            res << MC_FAILURE("unlink", state.path.toStdString()).detailSet(why);
+        }
+        if (res.isOk())
+            res << cache().itemWriteToFile(id, state.path, true);
+        if (res.isOk() && ::chmod(path.c_str(), static_cast<mode_t>(state.mode)) != 0)
+        {
+            const std::string why = McLib::osDetail(path, errno);
+            res << MC_FAILURE("chmod", state.path.toStdString()).detailSet(why);
+        }
+        rollbackFailureAdd(state.path, res);
+    }
 }
 
 void Engine::rollbackFailureAdd(const QString& inPath, const McResult& inResult)

@@ -82,6 +82,9 @@ McResult TransactionJournal::write(const McDArray<McHandle<Resource>>& inSnapsho
     for (const RegistryValueState& v : registryValues)
         text += "regvalue " + field(v.keyPath) + ' ' + field(v.name) + ' ' + (v.existed ? '1' : '0') + ' ' +
                 QByteArray::number(static_cast<qulonglong>(v.type)) + ' ' + (v.data.isEmpty() ? QByteArray("-") : v.data.toHex()) + '\n';
+    for (const ShortcutState& l : shortcuts)
+        text += "shortcut " + field(l.path) + ' ' + (l.existed ? '1' : '0') + ' ' +
+                (l.md5.isEmpty() ? QByteArray("-") : l.md5.toLatin1()) + ' ' + QByteArray::number(l.mode, 8) + '\n';
     text += "end\n";
 
     // Complete under a temporary name first: a journal that exists is always whole.
@@ -110,6 +113,7 @@ McResult TransactionJournal::write(const McDArray<McHandle<Resource>>& inSnapsho
         return retVal;
     }
     retVal << flushed(mFolder, inFlush);
+    mOnDisk = true;
     return retVal;
 }
 
@@ -152,6 +156,17 @@ McResult TransactionJournal::read(const QString& inPath, TransactionJournal& out
             v.data = f[5] == "-" ? QByteArray() : QByteArray::fromHex(f[5]);
             j.registryValues.append(v);
         }
+        else if (tag == "shortcut" && f.size() == 5)
+        {
+            ShortcutState l;
+            l.path = unfield(f[1]);
+            l.existed = f[2] == "1";
+            l.md5 = f[3] == "-" ? QString() : QString::fromLatin1(f[3]);
+            bool modeOk = false;
+            l.mode = f[4].toUInt(&modeOk, 8);
+            complete = modeOk && (!l.existed || l.md5.size() == 32);
+            j.shortcuts.append(l);
+        }
         else
             complete = false;
     }
@@ -159,7 +174,10 @@ McResult TransactionJournal::read(const QString& inPath, TransactionJournal& out
     MC_CHECK_DETAIL(retVal, complete && ended && !j.mProductKey.isEmpty(), "the transaction journal is damaged",
                     local(inPath) + ": unexpected content");
     if (retVal.isOk())
+    {
+        j.mOnDisk = true;
         outJournal = j;
+    }
     return retVal;
 }
 
@@ -172,6 +190,8 @@ McResult TransactionJournal::loadSnapshot() const
 
 void TransactionJournal::remove(bool inFlush) const
 {
+    if (!mOnDisk)
+        return;
     // The journal goes first: without it the snapshot is only a left-over.
     QFile::remove(path());
     QFile::remove(snapshotPath());

@@ -31,6 +31,16 @@ public:
         unsigned long type = 0;
         QByteArray data;
     };
+    // A shortcut file as it was: its bytes wait in the cache under their digest (no scan of a
+    // shortcut can rebuild them), so a rollback puts back exactly that file, or removes one
+    // the change created.
+    struct ShortcutState
+    {
+        QString path;
+        bool existed = false;
+        QString md5;            // of the old bytes, when it existed
+        unsigned int mode = 0;  // permission bits, when it existed
+    };
 
     // The journal of a product in a journal folder (not read yet).
     TransactionJournal(const QString& inFolder, const QString& inProductKey);
@@ -51,6 +61,7 @@ public:
     QStringList tempFolders;      // folders the change may leave temporary files in
     QList<RegistryKeyState> registryKeys;
     QList<RegistryValueState> registryValues;
+    QList<ShortcutState> shortcuts;
 
     // Saves the snapshot, then the journal under its final name; with inFlush both reach the
     // device before this returns, so no later step can precede them.
@@ -59,11 +70,15 @@ public:
     static McResult read(const QString& inPath, TransactionJournal& outJournal);
     // Registers the snapshot's resources in the engine's pool.
     McResult loadSnapshot() const;
-    // Removes the journal and its snapshot; with inFlush the removal is durable too.
+    // Removes the journal and its snapshot (if they were written); with inFlush the removal is
+    // durable too.
     void remove(bool inFlush) const;
+    // True once written, or when read from a file.
+    bool isOnDisk() const { return mOnDisk; }
 
 private:
     QString mFolder;
     QString mProductKey;
+    bool mOnDisk = false;
 };
 }

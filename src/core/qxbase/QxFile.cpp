@@ -1,5 +1,7 @@
 #include "QxFile.h"
 
+#include "TemporaryOwner.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
@@ -118,8 +120,10 @@ McResult File::junctionCreate(const QString& inSource, const QString& inTarget)
 QString File::temporaryPathBeside(const QString& inPath)
 {
     const QFileInfo info(inPath);
-    return QStringLiteral("%1/.%2.%3.part")
+    // The writer's process id, so that a sweep of left-overs can tell whether the writer is gone.
+    return QStringLiteral("%1/.%2.%3.%4.part")
         .arg(info.absolutePath(), info.fileName())
+        .arg(static_cast<qint64>(KsPlatform::TemporaryOwner::self()))
         .arg(QRandomGenerator::global()->generate64(), 16, 16, QLatin1Char('0'));
 }
 

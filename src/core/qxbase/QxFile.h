@@ -72,7 +72,8 @@ public:
     // already there is replaced in one step when inReplace is set, else it stays and the call
     // fails with errno EEXIST.
     static bool linkNameless(int inFd, const QString& inTarget, bool inReplace);
-    // A temporary file name in the same folder as inPath (not created).
+    // A temporary file name in the same folder as inPath (not created): ".<name>.<process id>.<16
+    // hex digits>.part".
     static QString temporaryPathBeside(const QString& inPath);
     // The steps of copyCreate without a word said, so that any thread may run them: true when
     // the file was created; anything else (something there, a failure) is left for copyCreate,
