@@ -33,8 +33,7 @@ void makeTree(const std::string& inRoot, int inFiles, int inFolders, unsigned in
     {
         seed = seed * 1103515245u + 12345u;
         const unsigned bytes = inMinBytes + (inSpread ? (seed >> 8) % inSpread : 0);
-        const std::string path =
-            inRoot + "/d" + std::to_string(i % inFolders) + "/f" + std::to_string(i) + ".bin";
+        const std::string path = inRoot + "/d" + std::to_string(i % inFolders) + "/f" + std::to_string(i) + ".bin";
         KsBench::makeFile(path, bytes, i % 2 == 0, static_cast<unsigned>(i) + 1);
     }
 }
@@ -48,9 +47,13 @@ std::string ks(const std::string& inTmp, const std::string& inArgs)
 void prepare(const std::string& inName, const std::string& inSrc, const std::string& inTmp)
 {
     KsBench::run("mkdir -p '" + inTmp + "'");
-    if (KsBench::run(ks(inTmp, "--generate type=directory path='" + inSrc + "' 'name=${TARGET}' product=P "
-                                "--save target='" + sDir + "/" + inName + ".xml' "
-                                "--cache action=precache dir='" + inSrc + "'")) != 0)
+    if (KsBench::run(ks(inTmp, "--generate type=directory path='" + inSrc +
+                                   "' 'name=${TARGET}' product=P "
+                                   "--save target='" +
+                                   sDir + "/" + inName +
+                                   ".xml' "
+                                   "--cache action=precache dir='" +
+                                   inSrc + "'")) != 0)
         std::exit(2);
 }
 
@@ -178,7 +181,8 @@ int main(int argc, char** argv)
     const char* only = std::getenv("KSDEPLOY_BENCH_ONLY");
     if (only && std::strcmp(only, "durability") == 0)
     {
-        const int rounds = std::max(5, std::atoi(std::getenv("KSDEPLOY_BENCH_ROUNDS") ? std::getenv("KSDEPLOY_BENCH_ROUNDS") : "5"));
+        const int rounds =
+            std::max(5, std::atoi(std::getenv("KSDEPLOY_BENCH_ROUNDS") ? std::getenv("KSDEPLOY_BENCH_ROUNDS") : "5"));
         const std::string src = sDir + "/src", tmp = sDir + "/tmp", target = sDir + "/target";
         makeTree(src, bigFiles, 100, 1024, 204800);
         prepare("mixed", src, tmp);

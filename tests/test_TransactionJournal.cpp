@@ -40,7 +40,8 @@ TEST_F(TransactionJournalTest, ReadsBackWhatWasWrittenForAnyProductKey)
     empty.name.clear();
     empty.data.clear();
     out.registryValues.append(empty);
-    out.shortcuts.append({QStringLiteral("/menu/a b.desktop"), true, QStringLiteral("0123456789abcdef0123456789abcdef"), 0640});
+    out.shortcuts.append(
+        {QStringLiteral("/menu/a b.desktop"), true, QStringLiteral("0123456789abcdef0123456789abcdef"), 0640});
     out.shortcuts.append({QStringLiteral("/menu/new.desktop"), false, QString(), 0});
 
     McHandle<ResourceProduct> product(new ResourceProduct);
@@ -98,8 +99,8 @@ TEST_F(TransactionJournalTest, ACutOrForeignFileIsNoJournal)
     // Cut before its last line; a line that is not ours; a kept shortcut without its digest;
     // not a journal at all.
     const QByteArray cut = whole.left(whole.lastIndexOf("end"));
-    for (const QByteArray& text : {cut, cut + "junk 1\nend\n", cut + "shortcut %2Fa 1 - 644\nend\n",
-                                   QByteArray("not a journal\n")})
+    for (const QByteArray& text :
+         {cut, cut + "junk 1\nend\n", cut + "shortcut %2Fa 1 - 644\nend\n", QByteArray("not a journal\n")})
     {
         QFile w(out.path());
         ASSERT_TRUE(w.open(QIODevice::WriteOnly | QIODevice::Truncate));

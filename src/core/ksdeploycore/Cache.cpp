@@ -2,11 +2,11 @@
 
 #include "Common.h"
 #include "Engine.h"
+#include "InterruptSignals.h"
 #include "Progress.h"
 #include "QxDownload.h"
 #include "QxFile.h"
 #include "ResourceFileEntry.h"
-#include "InterruptSignals.h"
 #include "TemporaryOwner.h"
 
 #include <QCoreApplication>
@@ -34,11 +34,11 @@ const QxBase::DiskReserve sReserve;
 
 struct Outcome
 {
-    bool done = false;      // ok, or timed out with whatever arrived
+    bool done = false;  // ok, or timed out with whatever arrived
     bool timedOut = false;
-    bool unreachable = false; // no connection, or no answer in time
-    QString why;            // the failure in words
-    McLib::MD5 md5;         // of what arrived, when asked for
+    bool unreachable = false;  // no connection, or no answer in time
+    QString why;               // the failure in words
+    McLib::MD5 md5;            // of what arrived, when asked for
 };
 
 // The most a ".lzma" body can hold after a header that states its decoded size: the codec
@@ -71,7 +71,8 @@ QxDownload::Request requestFor(const QString& inUrl, const QString& inDestinatio
 
 void traceStart(const QxDownload::Request& inRequest)
 {
-    Engine::instance().trace(McLogLevelInfo, QStringLiteral("download: %1 -> %2").arg(inRequest.url, inRequest.destination));
+    Engine::instance().trace(McLogLevelInfo,
+                             QStringLiteral("download: %1 -> %2").arg(inRequest.url, inRequest.destination));
 }
 
 // The closing trace line of one download, and under it why it failed; a timeout counts as done,
@@ -80,7 +81,9 @@ Outcome traceEnd(const QxDownload::Request& inRequest)
 {
     Engine& engine = Engine::instance();
     const int res = inRequest.result;
-    const QString outcome = res == 0 ? QStringLiteral("...ok") : res == 3 ? QStringLiteral("...timeout") : QStringLiteral("...failed");
+    const QString outcome = res == 0   ? QStringLiteral("...ok")
+                            : res == 3 ? QStringLiteral("...timeout")
+                                       : QStringLiteral("...failed");
     engine.trace(McLogLevelInfo, QStringLiteral("%1 (%2 ms)").arg(outcome).arg(inRequest.ms));
     if (res != 0 && !inRequest.error.isEmpty())
         engine.trace(McLogLevelInfo, QStringLiteral("  %1: %2").arg(inRequest.url, inRequest.error));
@@ -156,10 +159,7 @@ QString Cache::itemFilePath(const BufferID& inBufferId) const
     return QStringLiteral("%1/%2").arg(dir, inBufferId.toString());
 }
 
-bool Cache::itemIsCached(const BufferID& inBufferId) const
-{
-    return QFileInfo(itemFilePath(inBufferId)).isFile();
-}
+bool Cache::itemIsCached(const BufferID& inBufferId) const { return QFileInfo(itemFilePath(inBufferId)).isFile(); }
 
 bool Cache::itemsCached(QSet<QString>& outNames) const
 {
@@ -195,7 +195,8 @@ void Cache::temporaryFilesRemove(const QDateTime& inStart)
         const QRegularExpressionMatch m = sPattern.match(info.fileName());
         const QDateTime modified = info.lastModified();
         if (m.hasMatch() && modified < inStart &&
-            KsPlatform::TemporaryOwner::isGone(m.captured(1).toLong(), static_cast<std::time_t>(modified.toSecsSinceEpoch())))
+            KsPlatform::TemporaryOwner::isGone(m.captured(1).toLong(),
+                                               static_cast<std::time_t>(modified.toSecsSinceEpoch())))
             QFile::remove(info.filePath());
     }
 }
@@ -221,7 +222,7 @@ McResult Cache::itemCreateFile(const BufferID& inBufferId, const QString& inTarg
     if (outExisted)
         return retVal;
     if (MC_CHECK_TEXT(retVal, created.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
-        return retVal << created; // the copy's own reason follows
+        return retVal << created;  // the copy's own reason follows
     scanFileRemember(inTarget, inBufferId.md5(), stamp);
     return retVal;
 }
@@ -241,7 +242,7 @@ McResult Cache::itemWriteOverFile(const BufferID& inBufferId, const QString& inT
     QxBase::FileStamp stamp;
     const McResult copied = QxBase::File::copyReplace(item, inTarget, &stamp);
     if (MC_CHECK_TEXT(retVal, copied.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
-        return retVal << copied; // the copy's own reason follows
+        return retVal << copied;  // the copy's own reason follows
     scanFileRemember(inTarget, inBufferId.md5(), stamp);
     return retVal;
 }
@@ -311,9 +312,11 @@ McResult Cache::retrieveFromHTTP(const BufferID& inBufferId)
     }
     if (!fetched)
     {
-        const QString detail = urls.isEmpty()
-                                   ? QStringLiteral("item %1 is not cached and no download URL is given").arg(inBufferId.toString())
-                                   : QStringLiteral("item %1 could not be fetched: %2").arg(inBufferId.toString(), reasons.join(QStringLiteral("; ")));
+        const QString detail =
+            urls.isEmpty()
+                ? QStringLiteral("item %1 is not cached and no download URL is given").arg(inBufferId.toString())
+                : QStringLiteral("item %1 could not be fetched: %2")
+                      .arg(inBufferId.toString(), reasons.join(QStringLiteral("; ")));
         MC_CHECK_DETAIL(retVal, itemIsCached(inBufferId), "Internal Error", mcMessageText(detail));
     }
     return retVal;
@@ -328,7 +331,8 @@ McResult Cache::retrieveFromHTTP(const BufferID& inBufferId, const QString& inUr
 // One item from one URL, ".lzma" copy first, digest checked. Reports nothing: whether a failure
 // is one depends on the URLs still to come. outUnreachable: the server could not be connected
 // to or did not answer in time (its plain copy is then not asked for either).
-McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected, bool& outUnreachable)
+McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected,
+                          bool& outUnreachable)
 {
     McResult retVal;
     outUnreachable = false;
@@ -359,7 +363,7 @@ McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, co
     packedMissingSet(folder, !packed.done);
     Outcome got = packed;
     QString plain = decoded;
-    int nameless = -1; // the plain download's file, when it has no name
+    int nameless = -1;  // the plain download's file, when it has no name
     QString packedWhy = packed.why;
     if (packed.done)
     {
@@ -449,7 +453,8 @@ McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, co
         const int fd = nameless;
         nameless = -1;
         if (!QxBase::File::linkNameless(fd, inDestination, true))
-            return MC_FAILURE("rename", inDestination).detailSet(McLib::osDetail(QFile::encodeName(inDestination).toStdString(), errno));
+            return MC_FAILURE("rename", inDestination)
+                .detailSet(McLib::osDetail(QFile::encodeName(inDestination).toStdString(), errno));
         return retVal;
     }
     // rename(2) replaces an older file of that name in the same step.
@@ -457,7 +462,8 @@ McResult Cache::fetchFile(const QString& inDestination, const QString& inUrl, co
     {
         const int err = errno;
         QFile::remove(plain);
-        return MC_FAILURE("rename", inDestination).detailSet(McLib::osDetail(QFile::encodeName(inDestination).toStdString(), err));
+        return MC_FAILURE("rename", inDestination)
+            .detailSet(McLib::osDetail(QFile::encodeName(inDestination).toStdString(), err));
     }
     return retVal;
 }
@@ -505,7 +511,8 @@ McResult Cache::retrieveFromFile(const QString& inFilePath, bool inCompress)
     else
     {
         const McResult copied = QxBase::File::copyReplace(inFilePath, target);
-        if (MC_CHECK_TEXT(retVal, copied.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inFilePath, target)))
+        if (MC_CHECK_TEXT(retVal, copied.isOk(), "b",
+                          QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inFilePath, target)))
             retVal << copied;
     }
     return retVal;

@@ -4,9 +4,9 @@
 
 #include <QDir>
 #include <QHash>
-#include <QStringList>
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <QUuid>
 
 #include <memory>
@@ -73,7 +73,8 @@ public:
     // Number of registered resources.
     int64_t resourceCount() const;
     void resources(McDArray<McHandle<Resource>>& outResources) const;
-    void resourcesLinkingToATarget(const McHandle<Resource>& inTarget, McDArray<McHandle<Resource>>& outResources) const;
+    void resourcesLinkingToATarget(const McHandle<Resource>& inTarget,
+                                   McDArray<McHandle<Resource>>& outResources) const;
 
     // ---- plugins (EnginePlugin) ----------------------------------------------------------
     McHandle<Plugin> pluginLookup(const QString& inPluginName) const;
@@ -165,8 +166,7 @@ private:
     McResult productInstallDownload(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode);
     McResult productInstallResources(const McDArray<McHandle<Resource>>& inResources, bool inRollbackMode);
     McResult productInstallPlugins(const McHandle<ResourceProduct>& inProduct);
-    void productTransactionEnd(const QString& inKey, RegistryTransaction& inoutRegistryChanges,
-                               McResult& inoutResult);
+    void productTransactionEnd(const QString& inKey, RegistryTransaction& inoutRegistryChanges, McResult& inoutResult);
     void productInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed);
     McResult productUninstallResources(const McDArray<McHandle<Resource>>& inResources);
     // Called by the install and uninstall loops: true (and the result bad) once a signal asked

@@ -3,9 +3,11 @@
 #include "Engine.h"
 
 #include "Cache.h"
+#include "Common.h"
 #include "Link.h"
 #include "Progress.h"
 #include "Property.h"
+#include "RegistryStore.h"
 #include "Resource.h"
 #include "ResourceFactory.h"
 #include "ResourceFileDirectory.h"
@@ -14,9 +16,7 @@
 #include "ResourceProduct.h"
 #include "ResourceRegistryKey.h"
 #include "ResourceRegistryValue.h"
-#include "RegistryStore.h"
 #include "TransactionJournal.h"
-#include "Common.h"
 
 #include "Durability.h"
 #include "DurabilityWriteback.h"
@@ -103,7 +103,8 @@ bool isLeftOverTemporary(const QFileInfo& inFile)
         return false;
     const long writer = m.captured(2).toLong();
     return m.captured(2).isEmpty() || writer == KsPlatform::TemporaryOwner::self() ||
-           KsPlatform::TemporaryOwner::isGone(writer, static_cast<std::time_t>(inFile.lastModified().toSecsSinceEpoch()));
+           KsPlatform::TemporaryOwner::isGone(writer,
+                                              static_cast<std::time_t>(inFile.lastModified().toSecsSinceEpoch()));
 }
 }
 
@@ -571,7 +572,8 @@ void Engine::productTransactionRollback(const QString& inKey)
                 const std::string name = v.name.toLatin1().toStdString();
                 KsPlatform::Status status;
                 if (v.existed)
-                    status = registry->valueSet(root, sub, name, v.type, std::string(v.data.constData(), static_cast<size_t>(v.data.size())));
+                    status = registry->valueSet(root, sub, name, v.type,
+                                                std::string(v.data.constData(), static_cast<size_t>(v.data.size())));
                 else
                 {
                     status = registry->valueDelete(root, sub, name);
@@ -586,10 +588,10 @@ void Engine::productTransactionRollback(const QString& inKey)
             for (const TransactionJournal::RegistryKeyState& k : journal->registryKeys)
                 if (!k.existed)
                     created.append(k);
-            std::sort(created.begin(), created.end(), [](const TransactionJournal::RegistryKeyState& a,
-                                                         const TransactionJournal::RegistryKeyState& b) {
-                return a.path.size() > b.path.size();
-            });
+            std::sort(created.begin(), created.end(),
+                      [](const TransactionJournal::RegistryKeyState& a, const TransactionJournal::RegistryKeyState& b) {
+                          return a.path.size() > b.path.size();
+                      });
             for (const TransactionJournal::RegistryKeyState& k : created)
             {
                 KsPlatform::RegistryRoot root;
@@ -610,13 +612,13 @@ void Engine::productTransactionRollback(const QString& inKey)
                                              QStringLiteral(": ") + QString::fromLocal8Bit(committed.text());
             }
             else if (res.isBad())
-                mRollbackFailures << RegistryStore::location() + QStringLiteral(": ") + QString::fromLocal8Bit(res.text());
+                mRollbackFailures << RegistryStore::location() + QStringLiteral(": ") +
+                                         QString::fromLocal8Bit(res.text());
         }
     }
     // Deepest first, and only when empty: a folder that now holds someone else's files stays.
     QStringList newDirs = mListOfTransactionNewDirs.take(inKey);
-    std::sort(newDirs.begin(), newDirs.end(),
-              [](const QString& a, const QString& b) { return a.size() > b.size(); });
+    std::sort(newDirs.begin(), newDirs.end(), [](const QString& a, const QString& b) { return a.size() > b.size(); });
     // Temporary files of writes that a crash or a failure cut short.
     if (journal)
         for (const QString& folder : journal->tempFolders)
@@ -704,8 +706,8 @@ void Engine::rollbackFailureAdd(const QString& inPath, const McResult& inResult)
         return;
     }
     const std::string report = !sFirstHeldReport.empty() ? sFirstHeldReport
-                               : *inResult.detail()        ? std::string(inResult.detail())
-                                                           : std::string(inResult.text());
+                               : *inResult.detail()      ? std::string(inResult.detail())
+                                                         : std::string(inResult.text());
     sFirstHeldReport.clear();
     const QString why = reasonOf(report);
     mRollbackFailures << (why.startsWith(inPath) ? why : inPath + QStringLiteral(": ") + why);
@@ -739,7 +741,8 @@ McResult Engine::productTransactionRecoverAll()
         const QString name = info.fileName();
         const QString stem = name.section(QLatin1Char('.'), 0, 0);
         if (info.ownerId() != ::geteuid() || name.endsWith(QLatin1String(".lock")) ||
-            name.endsWith(QLatin1String(".journal")) || QFileInfo::exists(folder + QLatin1Char('/') + stem + QStringLiteral(".journal")))
+            name.endsWith(QLatin1String(".journal")) ||
+            QFileInfo::exists(folder + QLatin1Char('/') + stem + QStringLiteral(".journal")))
             continue;
         KsPlatform::ProductLock lock;
         long owner = 0;

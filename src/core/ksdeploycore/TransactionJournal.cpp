@@ -47,13 +47,20 @@ QString TransactionJournal::fileStem(const QString& inProductKey)
 }
 
 QString TransactionJournal::path() const { return mFolder + QLatin1Char('/') + fileStem(mProductKey) + sJournalSuffix; }
-QString TransactionJournal::snapshotPath() const { return mFolder + QLatin1Char('/') + fileStem(mProductKey) + QStringLiteral(".snapshot.xml"); }
-QString TransactionJournal::lockPath() const { return mFolder + QLatin1Char('/') + fileStem(mProductKey) + QStringLiteral(".lock"); }
+QString TransactionJournal::snapshotPath() const
+{
+    return mFolder + QLatin1Char('/') + fileStem(mProductKey) + QStringLiteral(".snapshot.xml");
+}
+QString TransactionJournal::lockPath() const
+{
+    return mFolder + QLatin1Char('/') + fileStem(mProductKey) + QStringLiteral(".lock");
+}
 
 QStringList TransactionJournal::journalsIn(const QString& inFolder)
 {
     QStringList out;
-    const QStringList names = QDir(inFolder).entryList(QStringList() << QStringLiteral("*.journal"), QDir::Files | QDir::Hidden, QDir::Name);
+    const QStringList names =
+        QDir(inFolder).entryList(QStringList() << QStringLiteral("*.journal"), QDir::Files | QDir::Hidden, QDir::Name);
     for (const QString& name : names)
         out << inFolder + QLatin1Char('/') + name;
     return out;
@@ -81,7 +88,8 @@ McResult TransactionJournal::write(const McDArray<McHandle<Resource>>& inSnapsho
         text += "regkey " + field(k.path) + ' ' + (k.existed ? '1' : '0') + '\n';
     for (const RegistryValueState& v : registryValues)
         text += "regvalue " + field(v.keyPath) + ' ' + field(v.name) + ' ' + (v.existed ? '1' : '0') + ' ' +
-                QByteArray::number(static_cast<qulonglong>(v.type)) + ' ' + (v.data.isEmpty() ? QByteArray("-") : v.data.toHex()) + '\n';
+                QByteArray::number(static_cast<qulonglong>(v.type)) + ' ' +
+                (v.data.isEmpty() ? QByteArray("-") : v.data.toHex()) + '\n';
     for (const ShortcutState& l : shortcuts)
         text += "shortcut " + field(l.path) + ' ' + (l.existed ? '1' : '0') + ' ' +
                 (l.md5.isEmpty() ? QByteArray("-") : l.md5.toLatin1()) + ' ' + QByteArray::number(l.mode, 8) + '\n';

@@ -55,10 +55,10 @@ public:
     QString snapshotPath() const;
     QString lockPath() const;
 
-    QString operation;            // "install" or "uninstall"
-    qint64 processId = 0;         // the process that wrote it
-    QStringList newDirs;          // folders the change may create; removed on rollback when empty
-    QStringList tempFolders;      // folders the change may leave temporary files in
+    QString operation;        // "install" or "uninstall"
+    qint64 processId = 0;     // the process that wrote it
+    QStringList newDirs;      // folders the change may create; removed on rollback when empty
+    QStringList tempFolders;  // folders the change may leave temporary files in
     QList<RegistryKeyState> registryKeys;
     QList<RegistryValueState> registryValues;
     QList<ShortcutState> shortcuts;

@@ -51,7 +51,8 @@ McResult File::removeDir(const QString& inPath, bool inRecursive, const QStringL
     QDir dir(inPath);
     if (!dir.exists())
         return retVal;
-    const QFileInfoList entries = dir.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+    const QFileInfoList entries =
+        dir.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
     for (const QFileInfo& fi : entries)
     {
         if (fi.isDir() && !fi.isSymLink())
@@ -99,7 +100,8 @@ bool File::pathsPointToTheSameFile(const QString& inPathA, const QString& inPath
     const QByteArray pa = QFile::encodeName(inPathA), pb = QFile::encodeName(inPathB);
     if (::stat(pa.constData(), &a) == 0 && ::stat(pb.constData(), &b) == 0)
         return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-    return QDir::cleanPath(QFileInfo(inPathA).absoluteFilePath()) == QDir::cleanPath(QFileInfo(inPathB).absoluteFilePath());
+    return QDir::cleanPath(QFileInfo(inPathA).absoluteFilePath()) ==
+           QDir::cleanPath(QFileInfo(inPathB).absoluteFilePath());
 }
 
 McResult File::junctionCreate(const QString& inSource, const QString& inTarget)
@@ -294,10 +296,7 @@ QString folderOf(const QString& inPath)
 }
 
 // In a folder this process made, nothing was there; the final link still refuses a newcomer.
-bool mustLookFirst(const QString& inTarget)
-{
-    return !foldersMadeEmpty().contains(folderOf(inTarget));
-}
+bool mustLookFirst(const QString& inTarget) { return !foldersMadeEmpty().contains(folderOf(inTarget)); }
 }
 
 namespace
@@ -450,7 +449,7 @@ McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool
     const Made made = createNameless(inSource, inTarget, mustLookFirst(inTarget), outStamp);
     outExisted = made == Made::Existed;
     if (made == Made::NoNamelessFiles)
-        return copyReplace(inSource, inTarget, outStamp); // through a temporary name instead
+        return copyReplace(inSource, inTarget, outStamp);  // through a temporary name instead
     const bool in = made != Made::NoSource;
     if (MC_CHECK_WIN(retVal, in, QStringLiteral("failed to read '%1'").arg(inSource)))
         return retVal;
@@ -462,8 +461,7 @@ McResult File::copyCreate(const QString& inSource, const QString& inTarget, bool
     return retVal;
 }
 
-bool File::copyCreateSilently(const QString& inSource, const QString& inTarget, bool inLookFirst,
-                              FileStamp* outStamp)
+bool File::copyCreateSilently(const QString& inSource, const QString& inTarget, bool inLookFirst, FileStamp* outStamp)
 {
     return createNameless(inSource, inTarget, inLookFirst, outStamp) == Made::Created;
 }

@@ -6,7 +6,6 @@
 #include <QString>
 #include <QStringList>
 
-
 namespace QxBase
 {
 // What identifies one version of a file's content on disk: it changes whenever the file is rewritten.
