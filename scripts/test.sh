@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every unit and integration test, warnings as errors.
+# Installs what is missing, checks the house style, builds, and runs every unit and integration
+# test, warnings as errors.
 #   scripts/test.sh              both runs below, one after the other (what CI runs)
 #   scripts/test.sh --plain      the normal build in build/
 #   scripts/test.sh --sanitize   the same under AddressSanitizer (with leak detection) and UBSan,
@@ -7,6 +8,8 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/bootstrap.sh"
+# The house style first: it takes seconds and names the files that differ.
+"$root/scripts/format.sh" --check
 
 run() {
   local build extra=(-DKSDEPLOY_WERROR=ON)
