@@ -9,6 +9,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import uuid
 import xml.etree.ElementTree as ET
@@ -24,6 +25,17 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 # A run without quiet=true and without a display says once that progress goes to the console.
 NO_DISPLAY_NOTICE = "ksdeploy: no display available, progress is shown on the console\n"
 
+
+
+def wait_for(predicate, what, limit=60.0):
+    """Polls until predicate() is true; the limit only keeps a broken run from hanging."""
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError("gave up waiting for " + what)
 
 class Result:
     def __init__(self, proc):

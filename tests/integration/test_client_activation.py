@@ -13,10 +13,10 @@ import re
 import select
 import shutil
 import subprocess
-import time
 import unittest
 
 import ksharness
+from ksharness import wait_for
 from nginx_server import NginxServer
 
 BUILD_DIR = os.environ.get("KSDEPLOY_BUILD_DIR") or os.path.dirname(os.path.dirname(ksharness.BIN))
@@ -25,17 +25,6 @@ PASSWORD = "Pa55-w0rd=kept:secret"
 GUI_TOOLS = ("Xvfb", "xdpyinfo", "xdotool")
 GUI_MISSING = [t for t in GUI_TOOLS if shutil.which(t) is None]
 UPDATE_FAILED = "Automatic update has failed.\nPlease install manually.\n"
-
-
-def wait_for(predicate, what, limit=60.0):
-    """Polls until predicate() is true; the limit only keeps a broken run from hanging."""
-    end = time.monotonic() + limit
-    while time.monotonic() < end:
-        value = predicate()
-        if value:
-            return value
-        time.sleep(0.05)
-    raise AssertionError("gave up waiting for " + what)
 
 
 class ClientCase(ksharness.KsTestCase):

@@ -12,10 +12,10 @@ import os
 import re
 import shutil
 import subprocess
-import time
 import unittest
 
 import ksharness
+from ksharness import wait_for
 from nginx_server import NginxServer
 from test_hostile_servers import small_tmpfs
 
@@ -24,17 +24,6 @@ SAMPLE_DIR = os.path.join(BUILD_DIR, "sample")
 UPDATE_FAILED = "Automatic update has failed.\nPlease install manually.\n"
 PASSWORD = "S3cret-pw"
 GUI_MISSING = [t for t in ("Xvfb", "xdpyinfo", "xdotool") if shutil.which(t) is None]
-
-
-def wait_for(predicate, what, limit=60.0):
-    """Polls until predicate() is true; the limit only keeps a broken run from hanging."""
-    end = time.monotonic() + limit
-    while time.monotonic() < end:
-        value = predicate()
-        if value:
-            return value
-        time.sleep(0.05)
-    raise AssertionError("gave up waiting for " + what)
 
 
 class UpdateCase(ksharness.KsTestCase):

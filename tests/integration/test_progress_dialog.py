@@ -15,6 +15,7 @@ import time
 import unittest
 
 import ksharness
+from ksharness import wait_for
 from fault_server import FaultServer
 
 TITLE = "Kestra Imaging"
@@ -24,17 +25,6 @@ MISSING = [t for t in TOOLS if shutil.which(t) is None]
 
 def md5(data):
     return hashlib.md5(data).hexdigest()
-
-
-def wait_for(predicate, what, limit=60.0):
-    """Polls until predicate() is true; the limit only keeps a broken run from hanging."""
-    end = time.monotonic() + limit
-    while time.monotonic() < end:
-        value = predicate()
-        if value:
-            return value
-        time.sleep(0.05)
-    raise AssertionError("gave up waiting for " + what)
 
 
 class XServer:

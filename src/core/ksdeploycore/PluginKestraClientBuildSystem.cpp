@@ -528,6 +528,20 @@ McResult Command_generateProductXML::execute()
         f->absenceSet(false);
         present.insert(relativePath(*f, tree.root.ptr()));
     }
+    // The folder at a relative path, made (and removed on uninstall) when the build has none there.
+    auto folderEnsure = [&dirByPath](const QString& inAt, const QString& inName,
+                                     const McHandle<ResourceFileDirectory>& inContainer) {
+        McHandle<ResourceFileDirectory> dir = dirByPath.value(inAt);
+        if (dir.isNull())
+        {
+            dir = new ResourceFileDirectory;
+            dir->nameSet(inName);
+            dir->containerSet(inContainer);
+            dir->deleteOnUninstallSet(true);
+            dirByPath.insert(inAt, dir);
+        }
+        return dir;
+    };
 
     // The key goes to share/ksdeploy/update-key.pem, in place of one the build may hold.
     if (updateKey.isNotNull())
@@ -540,16 +554,7 @@ McResult Command_generateProductXML::execute()
             if (MC_CHECK(retVal, !present.contains(at),
                          QStringLiteral("the build holds a file '%1' where the update key's folder goes").arg(at)))
                 return retVal;
-            McHandle<ResourceFileDirectory> dir = dirByPath.value(at);
-            if (dir.isNull())
-            {
-                dir = new ResourceFileDirectory;
-                dir->nameSet(part);
-                dir->containerSet(container);
-                dir->deleteOnUninstallSet(true);
-                dirByPath.insert(at, dir);
-            }
-            container = dir;
+            container = folderEnsure(at, part, container);
         }
         const QString keyPath = at + QStringLiteral("/update-key.pem");
         McHandle<ResourceFileEntry> keyEntry;
@@ -590,16 +595,7 @@ McResult Command_generateProductXML::execute()
                 blocked = true;  // this version has a file where the old one had a folder
                 break;
             }
-            McHandle<ResourceFileDirectory> dir = dirByPath.value(at);
-            if (dir.isNull())
-            {
-                dir = new ResourceFileDirectory;
-                dir->nameSet(part);
-                dir->containerSet(container);
-                dir->deleteOnUninstallSet(true);
-                dirByPath.insert(at, dir);
-            }
-            container = dir;
+            container = folderEnsure(at, part, container);
         }
         if (blocked)
             continue;

@@ -47,6 +47,10 @@ public:
     // set as above); a program still running after that stays our child and keeps running.
     Status waitForExitWithin(int inTimeoutMs, bool& outEnded, int& outExitCode);
 
+    // Any process: its state letter ('R', 'S', 'Z', ...) and start time (clock ticks since boot,
+    // which tells it from a later process with the same id). False when there is no such process.
+    static bool stateOf(long long inPid, char& outState, unsigned long long& outStartTime);
+
 private:
     Status waitForExec();
     void reap(int& outStatus);

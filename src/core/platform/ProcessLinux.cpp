@@ -29,27 +29,6 @@ std::vector<char*> pointers(std::vector<std::string>& inStrings)
     return out;
 }
 
-// State letter and start time (clock ticks since boot) from /proc/<pid>/stat.
-bool processStat(long long inPid, char& outState, unsigned long long& outStartTime)
-{
-    std::ifstream in("/proc/" + std::to_string(inPid) + "/stat");
-    std::string line;
-    if (!std::getline(in, line))
-        return false;
-    // The command name may hold blanks and parentheses: the fields follow the last ')'.
-    const size_t close = line.rfind(')');
-    if (close == std::string::npos)
-        return false;
-    std::istringstream fields(line.substr(close + 1));
-    std::string field;
-    fields >> outState;
-    // Field 22 is the start time; after the state (field 3) come 18 more before it.
-    for (int i = 4; i < 22 && fields >> field; ++i)
-    {
-    }
-    return static_cast<bool>(fields >> outStartTime);
-}
-
 ssize_t readFull(int inFd, void* outBuf, size_t inSize)
 {
     size_t done = 0;
@@ -199,7 +178,7 @@ Status Process::start(const ProcessStart& inStart, bool inHeld)
     }
     mPid = id;
     char state = 0;
-    processStat(mPid, state, mStartTime);
+    Process::stateOf(mPid, state, mStartTime);
     return inHeld ? Status::ok() : waitForExec();
 }
 
@@ -300,9 +279,30 @@ bool Process::isRunning() const
         return false;
     char state = 0;
     unsigned long long startTime = 0;
-    if (!processStat(mPid, state, startTime))
+    if (!Process::stateOf(mPid, state, startTime))
         return false;
     // A zombie has ended; a different start time is another program that got the same id.
     return state != 'Z' && state != 'X' && (mStartTime == 0 || startTime == mStartTime);
 }
+
+bool Process::stateOf(long long inPid, char& outState, unsigned long long& outStartTime)
+{
+    std::ifstream in("/proc/" + std::to_string(inPid) + "/stat");
+    std::string line;
+    if (!std::getline(in, line))
+        return false;
+    // The command name may hold blanks and parentheses: the fields follow the last ')'.
+    const size_t close = line.rfind(')');
+    if (close == std::string::npos)
+        return false;
+    std::istringstream fields(line.substr(close + 1));
+    std::string field;
+    fields >> outState;
+    // Field 22 is the start time; after the state (field 3) come 18 more before it.
+    for (int i = 4; i < 22 && fields >> field; ++i)
+    {
+    }
+    return static_cast<bool>(fields >> outStartTime);
+}
+
 }

@@ -10,40 +10,18 @@
 
 namespace KsPlatform
 {
-namespace
-{
-// False when the process has gone; otherwise its state letter and start time.
-bool processState(long long inPid, char& outState, unsigned long long& outStartTime)
-{
-    std::ifstream in("/proc/" + std::to_string(inPid) + "/stat");
-    std::string line;
-    if (!std::getline(in, line))
-        return false;
-    const size_t close = line.rfind(')');
-    if (close == std::string::npos)
-        return false;
-    std::istringstream fields(line.substr(close + 1));
-    std::string field;
-    fields >> outState;
-    for (int i = 4; i < 22 && fields >> field; ++i)
-    {
-    }
-    return static_cast<bool>(fields >> outStartTime);
-}
-}
-
 void ProcessWatch::waitForEnd(long long inPid, int inTimeoutMs, bool& outEnded)
 {
     outEnded = true;
     char state = 0;
     unsigned long long started = 0;
-    if (inPid <= 0 || !processState(inPid, state, started))
+    if (inPid <= 0 || !Process::stateOf(inPid, state, started))
         return;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);
     for (;;)
     {
         unsigned long long now = 0;
-        if (!processState(inPid, state, now) || state == 'Z' || state == 'X' || now != started)
+        if (!Process::stateOf(inPid, state, now) || state == 'Z' || state == 'X' || now != started)
             return;
         if (std::chrono::steady_clock::now() >= deadline)
         {

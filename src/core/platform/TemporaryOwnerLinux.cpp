@@ -1,5 +1,7 @@
 #include "TemporaryOwner.h"
 
+#include "Process.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -28,25 +30,6 @@ bool bootTime(std::time_t& outTime)
     return false;
 }
 
-// State letter and start time (clock ticks since boot) from /proc/<pid>/stat.
-bool processStat(long inPid, char& outState, unsigned long long& outStartTime)
-{
-    std::ifstream in("/proc/" + std::to_string(inPid) + "/stat");
-    std::string text;
-    if (!std::getline(in, text))
-        return false;
-    // The name in parentheses may hold anything, spaces and parentheses too: fields follow the last ')'.
-    const size_t close = text.rfind(')');
-    if (close == std::string::npos)
-        return false;
-    std::istringstream fields(text.substr(close + 1));
-    fields >> outState;
-    std::string skip;
-    // Fields 4 to 21; the start time is field 22.
-    for (int i = 4; i <= 21 && fields; ++i)
-        fields >> skip;
-    return static_cast<bool>(fields >> outStartTime);
-}
 }
 
 long TemporaryOwner::self() { return static_cast<long>(::getpid()); }
@@ -61,7 +44,7 @@ bool TemporaryOwner::isGone(long inPid, std::time_t inModified)
     unsigned long long ticks = 0;
     std::time_t boot = 0;
     const long perSecond = ::sysconf(_SC_CLK_TCK);
-    if (!processStat(inPid, state, ticks) || !bootTime(boot) || perSecond <= 0)
+    if (!Process::stateOf(inPid, state, ticks) || !bootTime(boot) || perSecond <= 0)
         return false;
     if (state == 'Z' || state == 'X')
         return true;
