@@ -63,14 +63,17 @@ class MaintenanceFolderTest(ksharness.KsTestCase):
 
     def in_private_tmp(self, setup):
         uid = os.geteuid()
+        # The program is opened before the fresh /tmp hides it (a checkout below /tmp) and run
+        # through that descriptor.
         script = (
+            "exec 7<'%s' || exit 98\n" % ksharness.BIN +
             "mount -t tmpfs -o mode=1777 kstmp /tmp || exit 99\n"
             "mkdir /tmp/home && printf data > /tmp/in.bin || exit 98\n"
             + setup +
-            "\ncd / && env HOME=/tmp/home TMPDIR=/tmp/absent %s --cache action=precache file=/tmp/in.bin\n"
+            "\ncd / && env HOME=/tmp/home TMPDIR=/tmp/absent /proc/self/fd/7 --cache action=precache file=/tmp/in.bin\n"
             "echo \"rc=$?\"\n"
             "stat -c 'folder=%%a %%u %%F' /tmp/ksdeploy-%d\n"
-            "ls '/tmp/ksdeploy-%d/Kestra Imaging/Auto Update/Cache' 2>/dev/null\n" % (ksharness.BIN, uid, uid))
+            "ls '/tmp/ksdeploy-%d/Kestra Imaging/Auto Update/Cache' 2>/dev/null\n" % (uid, uid))
         proc = subprocess.run(["unshare", "-m", "sh", "-c", script], stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, env=self.env, cwd="/")
         if proc.returncode in (99, 98) or b"unshare failed" in proc.stderr:
