@@ -90,6 +90,22 @@ class KsTestCase(unittest.TestCase):
     def path(self, *parts):
         return os.path.join(self.work, *parts)
 
+    def start_logged(self, argv, env):
+        """Starts argv in the background with its output in stdout.txt and stderr.txt of the
+        work folder (kept when the test fails); it is killed at the test's end if still running."""
+        self.out = open(self.path("stdout.txt"), "wb")
+        self.err = open(self.path("stderr.txt"), "wb")
+        proc = subprocess.Popen(argv, cwd=self.work, env=env, stdout=self.out, stderr=self.err)
+
+        def stop():
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
+            self.out.close()
+            self.err.close()
+        self.addCleanup(stop)
+        return proc
+
     def run_ks(self, *args, stdin=None, env=None, timeout=300, cwd=None, binary=None):
         full_env = dict(self.env)
         if env:

@@ -9,7 +9,6 @@ has also seen the client end: its report is there, or it was never started.
 """
 import os
 import pty
-import re
 import select
 import shutil
 import subprocess
@@ -17,6 +16,7 @@ import unittest
 
 import ksharness
 from ksharness import wait_for
+from ksdesktop import DesktopMixin
 from nginx_server import NginxServer
 
 BUILD_DIR = os.environ.get("KSDEPLOY_BUILD_DIR") or os.path.dirname(os.path.dirname(ksharness.BIN))
@@ -303,7 +303,7 @@ class VersionCheckTest(ClientCase):
 
 
 @unittest.skipIf(GUI_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(GUI_MISSING))
-class VersionBoxTest(ClientCase):
+class VersionBoxTest(DesktopMixin, ClientCase):
     def setUp(self):
         super().setUp()
         from test_progress_dialog import XServer
@@ -312,18 +312,7 @@ class VersionBoxTest(ClientCase):
         self.env["DISPLAY"] = self.x.display
 
     def start(self):
-        self.out = open(self.path("stdout.txt"), "wb")
-        self.err = open(self.path("stderr.txt"), "wb")
-        proc = subprocess.Popen(self.launcher_args(), cwd=self.work, env=self.env, stdout=self.out, stderr=self.err)
-
-        def stop():
-            if proc.poll() is None:
-                proc.kill()
-                proc.wait()
-            self.out.close()
-            self.err.close()
-        self.addCleanup(stop)
-        return proc
+        return self.start_logged(self.launcher_args(), self.env)
 
     def output(self):
         with open(self.path("stdout.txt"), "rb") as f:
@@ -332,33 +321,6 @@ class VersionBoxTest(ClientCase):
             err = f.read().decode("latin-1")
         self.assertNotIn(PASSWORD, out + err)
         return out + err
-
-    def xtool(self, *args):
-        return subprocess.run(list(args), env=dict(self.env), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                              timeout=60).stdout.decode()
-
-    def box(self, title):
-        """The visible window whose title (as the window manager reads it) matches."""
-        for window in self.xtool("xdotool", "search", "--onlyvisible", "--name", "").split():
-            if re.search(title, self.xtool("xdotool", "getwindowname", window).rstrip("\n")):
-                return window
-        return None
-
-    def press(self, title, key, proc):
-        """Presses key in the window of that title until it is gone (it takes the keyboard once
-        it shows)."""
-        window = wait_for(lambda: self.box(title) or proc.poll() is not None, "the window " + title)
-        for _ in range(40):
-            if proc.poll() is not None or not self.box(title):
-                return
-            self.xtool("xdotool", "windowfocus", "--sync", window)
-            self.xtool("xdotool", "key", key)
-            try:
-                wait_for(lambda: not self.box(title) or proc.poll() is not None, "the window to go", limit=3)
-                return
-            except AssertionError:
-                pass
-        self.fail("the window %s did not take %s" % (title, key))
 
     def test_the_optional_offer_does_not_hold_the_client_back(self):
         self.update_ini(VersionCheckTest.OPTIONAL)
@@ -373,17 +335,6 @@ class VersionBoxTest(ClientCase):
         self.press("^Kestra Auto-Update$", "Escape", proc)
         self.assertEqual(0, proc.wait(timeout=60), self.output())
         self.assertNotIn("error", self.output())
-
-    def updates_running(self):
-        """Whether an engine started from a sandbox of this test still runs."""
-        sandboxes = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Sandboxes") + "/"
-        for pid in filter(str.isdigit, os.listdir("/proc")):
-            try:
-                if os.readlink("/proc/%s/exe" % pid).startswith(sandboxes):
-                    return True
-            except OSError:
-                pass
-        return False
 
     def test_yes_to_the_optional_offer_updates_after_the_client_started(self):
         self.update_ini(VersionCheckTest.OPTIONAL)

@@ -9,13 +9,13 @@ the started engine and client inherit the launcher's standard output, so a run w
 read to its end has also seen the update and the client end.
 """
 import os
-import re
 import shutil
 import subprocess
 import unittest
 
 import ksharness
 from ksharness import wait_for
+from ksdesktop import DesktopMixin
 from nginx_server import NginxServer
 from test_hostile_servers import small_tmpfs
 
@@ -195,48 +195,12 @@ class UpdateTest(UpdateCase):
 
 
 @unittest.skipIf(GUI_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(GUI_MISSING))
-class InUseBoxTest(UpdateCase):
+class InUseBoxTest(DesktopMixin, UpdateCase):
     def setUp(self):
         super().setUp()
         from test_progress_dialog import XServer
         self.x = XServer()
         self.addCleanup(self.x.stop)
-
-    def xtool(self, *args):
-        return subprocess.run(list(args), env=dict(self.env, DISPLAY=self.x.display), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                              timeout=60).stdout.decode()
-
-    def box(self, title):
-        for window in self.xtool("xdotool", "search", "--onlyvisible", "--name", "").split():
-            if re.search(title, self.xtool("xdotool", "getwindowname", window).rstrip("\n")):
-                return window
-        return None
-
-    def press(self, title, key):
-        """Presses key in the window of that title until it is gone."""
-        window = wait_for(lambda: self.box(title), "the window " + title)
-        for _ in range(40):
-            if not self.box(title):
-                return
-            self.xtool("xdotool", "windowfocus", "--sync", window)
-            self.xtool("xdotool", "key", key)
-            try:
-                wait_for(lambda: not self.box(title), "the window to go", limit=3)
-                return
-            except AssertionError:
-                pass
-        self.fail("the window %s did not take %s" % (title, key))
-
-    def updates_running(self):
-        """Whether an engine started from a sandbox of this test still runs."""
-        sandboxes = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Sandboxes") + "/"
-        for pid in filter(str.isdigit, os.listdir("/proc")):
-            try:
-                if os.readlink("/proc/%s/exe" % pid).startswith(sandboxes):
-                    return True
-            except OSError:
-                pass
-        return False
 
     def test_abort_in_the_box_listing_the_programs_in_use_changes_nothing(self):
         self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})

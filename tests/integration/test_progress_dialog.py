@@ -128,21 +128,7 @@ class ProgressDialogTest(ksharness.KsTestCase):
                 "--product", "action=install", "url=" + (url or "file://" + self.path("publish"))]
 
     def start(self, args, env):
-        full_env = dict(self.env)
-        full_env.update(env)
-        self.out = open(self.path("stdout.txt"), "wb")
-        self.err = open(self.path("stderr.txt"), "wb")
-        proc = subprocess.Popen([ksharness.BIN] + args, cwd=self.work, env=full_env, stdout=self.out,
-                                stderr=self.err)
-
-        def stop():
-            if proc.poll() is None:
-                proc.kill()
-                proc.wait()
-            self.out.close()
-            self.err.close()
-        self.addCleanup(stop)
-        return proc
+        return self.start_logged([ksharness.BIN] + args, dict(self.env, **env))
 
     def stderr_text(self):
         with open(self.path("stderr.txt"), "rb") as f:

@@ -53,6 +53,8 @@ public:
 
 private:
     Status waitForExec();
+    Status waitPrepare();
+    static int exitCodeOf(int inWaitStatus);
     void reap(int& outStatus);
 
     long long mPid = -1;

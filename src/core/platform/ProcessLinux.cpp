@@ -220,20 +220,31 @@ void Process::reap(int& outStatus)
     mReaped = true;
 }
 
+// Only an attached program of ours can be waited for; a held one is let go first.
+Status Process::waitPrepare()
+{
+    if (mPid <= 0 || mDetached || mReaped)
+        return Status::bad(EINVAL, "'" + mProgram + "' is not a started program of ours to wait for");
+    return mGate >= 0 ? resume() : Status::ok();
+}
+
+// The exit status, or 128 plus the signal that ended the program.
+int Process::exitCodeOf(int inWaitStatus)
+{
+    if (WIFEXITED(inWaitStatus))
+        return WEXITSTATUS(inWaitStatus);
+    return 128 + (WIFSIGNALED(inWaitStatus) ? WTERMSIG(inWaitStatus) : 0);
+}
+
 Status Process::waitForExit(int& outExitCode)
 {
     outExitCode = -1;
-    if (mPid <= 0 || mDetached || mReaped)
-        return Status::bad(EINVAL, "'" + mProgram + "' is not a started program of ours to wait for");
-    if (mGate >= 0)
-    {
-        const Status resumed = resume();
-        if (resumed.isBad())
-            return resumed;
-    }
+    const Status waitable = waitPrepare();
+    if (waitable.isBad())
+        return waitable;
     int status = 0;
     reap(status);
-    outExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+    outExitCode = exitCodeOf(status);
     return Status::ok();
 }
 
@@ -241,14 +252,9 @@ Status Process::waitForExitWithin(int inTimeoutMs, bool& outEnded, int& outExitC
 {
     outEnded = false;
     outExitCode = -1;
-    if (mPid <= 0 || mDetached || mReaped)
-        return Status::bad(EINVAL, "'" + mProgram + "' is not a started program of ours to wait for");
-    if (mGate >= 0)
-    {
-        const Status resumed = resume();
-        if (resumed.isBad())
-            return resumed;
-    }
+    const Status waitable = waitPrepare();
+    if (waitable.isBad())
+        return waitable;
     // Polled: a child's end cannot be waited for with a time limit otherwise without a signal
     // handler, and a few milliseconds of delay do not matter here.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);
@@ -264,7 +270,7 @@ Status Process::waitForExitWithin(int inTimeoutMs, bool& outEnded, int& outExitC
         {
             mReaped = true;
             outEnded = true;
-            outExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+            outExitCode = exitCodeOf(status);
             return Status::ok();
         }
         if (std::chrono::steady_clock::now() >= deadline)
