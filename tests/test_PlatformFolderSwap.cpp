@@ -174,6 +174,17 @@ TEST_F(PlatformFolderSwap, AKillBetweenTheRenamesIsFinishedOrUndoneByRecover)
     }
 }
 
+TEST_F(PlatformFolderSwap, AKillWhileTheJournalIsWrittenLeavesNothingAfterRecover)
+{
+    Pair p;
+    std::ofstream(p.journal + ".tmp") << "ksdeploy folder exch";
+    FolderSwap::Recovery r = FolderSwap::Recovery::Completed;
+    ASSERT_TRUE(FolderSwap::recover(p.journal, r).isOk());
+    EXPECT_EQ(FolderSwap::Recovery::Nothing, r);
+    EXPECT_EQ("old,new", p.state());
+    EXPECT_TRUE(p.clean());
+}
+
 TEST_F(PlatformFolderSwap, BadInputChangesNothing)
 {
     Pair p;

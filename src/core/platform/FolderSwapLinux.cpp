@@ -159,6 +159,11 @@ Status FolderSwap::exchange(const std::string& inFolder, const std::string& inOt
 Status FolderSwap::recover(const std::string& inJournal, Recovery& outRecovery)
 {
     outRecovery = Recovery::Nothing;
+    // A journal still under its temporary name was never in force (a kill while it was written):
+    // nothing was renamed yet, and nothing else would ever remove it.
+    const std::string temporary = inJournal + ".tmp";
+    if (::unlink(temporary.c_str()) != 0 && errno != ENOENT)
+        return failure(temporary, errno);
     std::ifstream in(inJournal);
     if (!in)
         return errno == ENOENT || !exists(inJournal) ? Status::ok() : failure(inJournal, errno);
