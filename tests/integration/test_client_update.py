@@ -11,11 +11,13 @@ read to its end has also seen the update and the client end.
 import os
 import shutil
 import subprocess
+import threading
 import unittest
 
 import ksharness
 from ksharness import wait_for
 from ksdesktop import DesktopMixin
+from fault_server import FaultServer
 from nginx_server import NginxServer
 from test_hostile_servers import small_tmpfs
 
@@ -192,6 +194,75 @@ class UpdateTest(UpdateCase):
         r = self.launch()
         self.assertOk(r)
         self.assertEqual("1.0.0.0", self.client_report()["version"])
+
+
+class BrokenDownloadTest(UpdateCase):
+    """The server stops sending a changed item half way: it holds the connection without a byte,
+    or it goes away. The update fails after the stall limit, the installed client is as it was
+    and starts, and nothing is left but what the next update clears away."""
+
+    STALL_MS = 1500
+
+    def setUp(self):
+        super().setUp()
+        build = self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000, "data/big.dat": os.urandom(300000)})
+        self.digest = subprocess.run(["md5sum", os.path.join(build, "data", "big.dat")], stdout=subprocess.PIPE,
+                                     check=True).stdout.decode().split()[0]
+        self.fault = FaultServer(self.path("www"))
+        self.fault.start()
+        self.addCleanup(self.fault.stop)
+        self.url = self.fault.url + "/client"
+
+    def launch_in_background(self):
+        """The launch in a thread (its output is read to the end of the update and the client);
+        returns the thread and the list that gets the result."""
+        result = []
+        env = {"KSDEPLOY_STALL_TIMEOUT_MS": str(self.STALL_MS)}
+        thread = threading.Thread(target=lambda: result.append(self.launch(env)))
+        thread.start()
+        self.addCleanup(thread.join)
+        # Run first: a held answer is let go, so a hanging update ends with the test.
+        self.addCleanup(self.fault.stop)
+        return thread, result
+
+    def finished(self, thread, result):
+        thread.join(60)
+        self.assertFalse(thread.is_alive(), "the update still waits for the server")
+        return result[0]
+
+    def item_asked(self):
+        return any(path.startswith("/client/items/" + self.digest) for _, path, _, _ in self.fault.requests)
+
+    def assertNothingLeft(self, r):
+        """The update failed on the item; the old version is in place and started; beside it only
+        the uninstall entry's description, and no partial download anywhere."""
+        self.assertUnchanged(r, "error: the new version could not be staged in '%s.staging'" % self.app)
+        self.assertIn("item %s could not be fetched: " % self.digest, r.err)
+        self.assertEqual(["Client", "Client.xml"], sorted(os.listdir(os.path.dirname(self.app))))
+        partial = [os.path.join(d, f) for d, _, files in os.walk(self.tmp) for f in files if f.endswith(".part")]
+        self.assertEqual([], partial)
+
+    def test_a_server_that_stalls_mid_download_fails_the_update_after_the_stall_limit(self):
+        self.fault.rule("/client/items/%s*" % self.digest, "stall:65536")
+        r = self.finished(*self.launch_in_background())
+        self.assertNothingLeft(r)
+        self.assertIn("...timeout (", r.out)
+        self.assertIn("Operation too slow", r.err)
+
+    def test_a_server_that_goes_away_mid_download_fails_the_update(self):
+        with self.subTest("the connection is closed after part of the body"):
+            self.fault.rule("/client/items/%s*" % self.digest, "truncate:65536")
+            self.assertNothingLeft(self.finished(*self.launch_in_background()))
+            os.remove(self.report)
+        with self.subTest("the server ends while it sends the body"):
+            self.fault.rule("/client/items/%s*" % self.digest, "stall:65536")
+            del self.fault.requests[:]
+            thread, result = self.launch_in_background()
+            wait_for(self.item_asked, "the changed item's download")
+            self.fault.stop()
+            r = self.finished(thread, result)
+            self.assertNothingLeft(r)
+            self.assertIn("Couldn't connect to server", r.err)
 
 
 @unittest.skipIf(GUI_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(GUI_MISSING))
