@@ -6,6 +6,7 @@
 #include "Common.h"
 #include "FolderSwap.h"
 #include "Generator.h"
+#include "InterruptSignals.h"
 #include "KsTestSupport.h"
 #include "Plugin.h"
 #include "Process.h"
@@ -62,6 +63,7 @@ void killAtStep(int inStep)
 // step: it notes the step, the product and what is on disk at that moment.
 QStringList sHookCalls;
 std::function<QString()> sHookState;
+std::function<void()> sHookOnInstall;
 class HookRecorder : public Plugin
 {
 public:
@@ -74,6 +76,8 @@ public:
     McResult onInstall(const McHandle<ResourceProduct>& inProduct) override
     {
         record("install", inProduct);
+        if (sHookOnInstall)
+            sHookOnInstall();
         return McResult();
     }
     void onInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed) override
@@ -562,5 +566,32 @@ TEST_F(ClientDeploymentTest, AFailedInUseCheckStopsTheInstallBeforeAnyChange)
         << "nothing was fetched or copied into the cache";
     for (const KsTest::LogLine& l : log.lines())
         EXPECT_FALSE(QString::fromStdString(l.text).startsWith("Transaction Begin")) << "no snapshot was taken";
+    EXPECT_EQ("v1 --start user:pw@server\n", clientOutput(1)) << "the old client started";
+}
+
+// A SIGTERM that comes after the exchange but before the staging install's commit rolls that
+// install back: the rollback must not reach the replaced version, which goes back into place.
+TEST_F(ClientDeploymentTest, AnInstallUndoneAfterTheExchangePutsTheOldVersionBack)
+{
+    installV1AndPublishV2(0);
+    const auto before = snapshot(p("target"));
+    Engine::pluginFactoryAdd("HookRecorder", &hookRecorder);
+    ASSERT_TRUE(e().pluginRegister("HookRecorder").isOk());
+    KsPlatform::InterruptSignals::install();
+    sHookCalls.clear();
+    sHookOnInstall = [] { raise(SIGTERM); };
+    ClientDeployment d;
+    setUp(d);
+    KsTest::FailureRecorder failures;
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(d.run().isBad());
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Automatic update has failed."));
+    sHookOnInstall = nullptr;
+    EXPECT_EQ("pre Client.staging | install Client.staging | post(failed) Client.staging",
+              sHookCalls.join(" | ").toStdString());
+    EXPECT_EQ("install", e().interruptedOperation().toStdString());
+    EXPECT_EQ(ClientDeployment::Outcome::Unchanged, d.outcome());
+    EXPECT_EQ(before, snapshot(p("target")));
+    EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
     EXPECT_EQ("v1 --start user:pw@server\n", clientOutput(1)) << "the old client started";
 }
