@@ -17,6 +17,7 @@
 
 #include "QxDownload.h"
 #include "QxFile.h"
+#include "QxMessageBox.h"
 #include "QxSignatureCheck.h"
 
 #include <QApplication>
@@ -845,6 +846,7 @@ McResult PluginKestraClient::deployHere(const QString& inApplicationDir, const Q
                             QMessageBox::Retry | QMessageBox::Abort);
             box.setObjectName(QStringLiteral("PluginKestraClientInUse"));
             box.setDefaultButton(QMessageBox::Retry);
+            QxMessageBox::copyableSet(box);
             return box.exec() == QMessageBox::Retry;
         });
     e.cache().httpUrlAdd(serverBase(mUrl) + QStringLiteral("/items"));
