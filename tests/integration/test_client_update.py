@@ -393,6 +393,21 @@ class UpdateDialogsTest(DesktopMixin, UpdateCase):
         self.assertEqual(5, len(parts), copied)
         return parts[1].rstrip("\n"), parts[2].rstrip("\n"), parts[3].split()
 
+    @staticmethod
+    def close_enabled(image):
+        """Whether the dialog's Close button (bottom right, in a frame) has a dark label: a
+        disabled one is drawn grey."""
+        drawn = (lambda x, y: max(image.at(x, y)) < 200)
+        dark = (lambda x, y: max(image.at(x, y)) < 100)
+        w, h = image.width, image.height
+        rows = [y for y in range(h - 60, h) if sum(drawn(x, y) for x in range(w - 120, w)) > 50]
+        if len(rows) < 2:
+            return False
+        top, bottom = rows[-2], rows[-1]
+        frame = [x for x in range(w - 120, w) if drawn(x, top)]
+        left, right = min(frame), max(frame)
+        return sum(dark(x, y) for y in range(top + 2, bottom - 1) for x in range(left + 2, right - 1)) > 5
+
     def test_the_update_shows_its_progress_and_the_failure_box_of_a_rolled_back_client(self):
         self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"}, exit_status=3)
         self.start_launcher(KSCLIENT_STAY_SECONDS="0")
@@ -402,13 +417,15 @@ class UpdateDialogsTest(DesktopMixin, UpdateCase):
         box = wait_for(lambda: self.deploying_window("^ksdeploy$"), "the failure box")
         dialog = self.deploying_window("^Kestra Imaging$")
         self.assertIsNotNone(dialog, "the engine that updates shows its progress")
-        self.screenshot(dialog, "progress-during-the-update")
+        self.assertFalse(self.close_enabled(self.screenshot(dialog, "progress-during-the-update")),
+                         "Close is disabled while the update runs")
         self.screenshot(box, "update-failed")
         self.assertEqual(("", "Automatic update has failed.\nPlease install manually.", ["OK"]), self.box_text(box))
         self.press("^ksdeploy$", "Return")
-        # After the box the dialog may be closed: Escape closes it (refused while Close is disabled).
-        self.assertIsNotNone(self.deploying_window("^Kestra Imaging$"), "the dialog stays after the box")
-        self.screenshot(self.deploying_window("^Kestra Imaging$"), "progress-closeable")
+        # After the box the dialog stays, and may be closed.
+        self.assertEqual(dialog, self.deploying_window("^Kestra Imaging$"), "the dialog stays after the box")
+        wait_for(lambda: self.close_enabled(self.screenshot(dialog, "progress-after-the-failure")),
+                 "Close to be enabled", limit=30)
         self.press("^Kestra Imaging$", "Escape")
         wait_for(lambda: not self.updates_running(), "the update's end")
         wait_for(lambda: os.path.exists(self.report), "the old client's start")
