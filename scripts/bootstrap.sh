@@ -17,7 +17,7 @@ PACKAGES=(
   clang-14 libclang-rt-14-dev
   clang-format-14 clang-tidy-14 cppcheck
   dpkg-dev lintian man-db groff-base
-  xvfb dbus x11-apps x11-utils xdotool netpbm qt6-qpa-plugins fonts-dejavu-core
+  xvfb dbus x11-apps x11-utils xdotool xclip netpbm qt6-qpa-plugins fonts-dejavu-core
   qt6-l10n-tools qt6-translations-l10n
 )
 

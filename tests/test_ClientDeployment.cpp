@@ -6,7 +6,9 @@
 #include "Common.h"
 #include "FolderSwap.h"
 #include "Generator.h"
+#include "InterruptSignals.h"
 #include "KsTestSupport.h"
+#include "Plugin.h"
 #include "Process.h"
 #include "ResourceProduct.h"
 
@@ -17,6 +19,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <unistd.h>
 
 using namespace KsDeploy;
@@ -55,6 +58,42 @@ void killAtStep(int inStep)
     if (inStep == sKillAtStep)
         raise(SIGKILL);
 }
+
+// A plugin registered before the client plugin, so that it is called right after it at each
+// step: it notes the step, the product and what is on disk at that moment.
+QStringList sHookCalls;
+std::function<QString()> sHookState;
+std::function<void()> sHookOnInstall;
+class HookRecorder : public Plugin
+{
+public:
+    HookRecorder() : Plugin("HookRecorder") {}
+    McResult onInstallPre(const McHandle<ResourceProduct>& inProduct) override
+    {
+        record("pre", inProduct);
+        return McResult();
+    }
+    McResult onInstall(const McHandle<ResourceProduct>& inProduct) override
+    {
+        record("install", inProduct);
+        if (sHookOnInstall)
+            sHookOnInstall();
+        return McResult();
+    }
+    void onInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed) override
+    {
+        record(inFailed ? "post(failed)" : "post(ok)", inProduct);
+    }
+
+private:
+    void record(const QString& inStep, const McHandle<ResourceProduct>& inProduct)
+    {
+        const QString line = inStep + " " + inProduct->name() + (sHookState ? " " + sHookState() : QString());
+        sHookCalls << line;
+        Engine::instance().trace(McLogLevelInfo, "recorder: " + line);
+    }
+};
+McHandle<Plugin> hookRecorder() { return McHandle<Plugin>(new HookRecorder); }
 
 class ClientDeploymentTest : public KsTest::EngineTest
 {
@@ -421,4 +460,138 @@ TEST_F(ClientDeploymentTest, AKillAtAnyMomentLeavesAWholeVersionAndTheNextUpdate
     EXPECT_EQ(0, versions.value("a mix"));
     std::printf("kill -9 at %d moments: %d left version 1, %d version 2, %d a mix\n", int(moments.size()),
                 versions.value("v1"), versions.value("v2"), versions.value("a mix"));
+}
+
+// The update's steps are the client plugin's hooks around the staging install, in the order of
+// the install: the in-use check before the snapshot and any download, the exchange after the
+// files are written and before the commit, the new client's start after the install has ended.
+TEST_F(ClientDeploymentTest, TheHooksDoTheUpdateInTheOrderOfTheInstall)
+{
+    installV1AndPublishV2(0);
+    Engine::pluginFactoryAdd("HookRecorder", &hookRecorder);
+    ASSERT_TRUE(e().pluginRegister("HookRecorder").isOk());
+    const auto v1 = snapshot(p("v1"));
+    const auto v2 = snapshot(p("v2"));
+    sHookState = [&]() {
+        const auto now = snapshot(app());
+        return QStringLiteral("app=%1 staging=%2 client=%3")
+            .arg(now == v1   ? "v1"
+                 : now == v2 ? "v2"
+                             : "other")
+            .arg(QFileInfo::exists(app() + ".staging") ? "yes" : "no")
+            .arg(QFileInfo::exists(p("client.out")) ? "started" : "no");
+    };
+    sHookCalls.clear();
+    ClientDeployment d;
+    setUp(d);
+    // The client's own start ends at once: its output is there before the watch ends.
+    KsTest::LogRecorder log;
+    ASSERT_TRUE(d.run().isOk());
+    sHookState = nullptr;
+    EXPECT_EQ(QStringList({"pre Client.staging app=v1 staging=no client=no",
+                           "install Client.staging app=v2 staging=no client=no",
+                           "post(ok) Client.staging app=v2 staging=no client=started"})
+                  .join(" | ")
+                  .toStdString(),
+              sHookCalls.join(" | ").toStdString());
+    const QStringList steps = {"update: staging the new version",
+                               "recorder: pre",
+                               "Transaction Begin",
+                               "Download",
+                               "Installation",
+                               "Verification",
+                               "update: exchanged",
+                               "recorder: install",
+                               "Transaction Commit",
+                               "update: started",
+                               "update: done",
+                               "recorder: post(ok)"};
+    QStringList seen;
+    for (const KsTest::LogLine& l : log.lines())
+        for (const QString& step : steps)
+            if (QString::fromStdString(l.text).startsWith(step))
+                seen << step;
+    EXPECT_EQ(steps.join(" | ").toStdString(), seen.join(" | ").toStdString());
+
+    // With the plugin registered, an install of any other product is an ordinary one: in place,
+    // no staging, no exchange, no client started.
+    QFile::remove(p("client.out"));
+    describe("v1", false);
+    sHookCalls.clear();
+    ASSERT_TRUE(e().productInstall("Client", false).isOk());
+    EXPECT_EQ("pre Client | install Client | post(ok) Client", sHookCalls.join(" | ").toStdString());
+    auto inPlace = v1;
+    inPlace.insert("/only-v2.txt", "v2");  // not described, so an install in place keeps it
+    EXPECT_EQ(inPlace, snapshot(app()));
+    EXPECT_EQ(QStringList({"App", "App.previous"}),
+              QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
+    EXPECT_EQ(v1, snapshot(app() + ".previous")) << "the previous version is the update's, untouched";
+    QThread::msleep(200);
+    EXPECT_FALSE(QFileInfo::exists(p("client.out"))) << "no client was started";
+}
+
+// A program in the folder fails the in-use check: the install stops before its snapshot, before
+// anything is fetched or copied into the cache, and only the hooks after it are called.
+TEST_F(ClientDeploymentTest, AFailedInUseCheckStopsTheInstallBeforeAnyChange)
+{
+    installV1AndPublishV2(0);
+    Engine::pluginFactoryAdd("HookRecorder", &hookRecorder);
+    ASSERT_TRUE(e().pluginRegister("HookRecorder").isOk());
+    KsPlatform::ProcessStart start;
+    start.program = "/bin/sleep";
+    start.arguments = {"60"};
+    start.workingDirectory = app().toStdString();
+    start.detached = false;
+    KsPlatform::Process holder;
+    ASSERT_TRUE(holder.start(start, false).isOk());
+    const auto before = snapshot(p("target"));
+    sHookCalls.clear();
+    ClientDeployment d;
+    setUp(d);
+    KsTest::LogRecorder log;
+    KsTest::FailureRecorder failures;
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(d.run().isBad());
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Automatic update has failed."));
+    kill(static_cast<pid_t>(holder.processId()), SIGKILL);
+    int code = 0;
+    holder.waitForExit(code);
+
+    EXPECT_EQ("pre Client.staging | post(failed) Client.staging", sHookCalls.join(" | ").toStdString());
+    EXPECT_EQ(ClientDeployment::Outcome::Unchanged, d.outcome());
+    EXPECT_FALSE(hasFailure(failures, "could not be staged")) << "nothing was staged";
+    EXPECT_EQ(before, snapshot(p("target")));
+    EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
+    EXPECT_TRUE(QDir(p("cache")).entryList(QDir::Files | QDir::NoDotAndDotDot).isEmpty())
+        << "nothing was fetched or copied into the cache";
+    for (const KsTest::LogLine& l : log.lines())
+        EXPECT_FALSE(QString::fromStdString(l.text).startsWith("Transaction Begin")) << "no snapshot was taken";
+    EXPECT_EQ("v1 --start user:pw@server\n", clientOutput(1)) << "the old client started";
+}
+
+// A SIGTERM that comes after the exchange but before the staging install's commit rolls that
+// install back: the rollback must not reach the replaced version, which goes back into place.
+TEST_F(ClientDeploymentTest, AnInstallUndoneAfterTheExchangePutsTheOldVersionBack)
+{
+    installV1AndPublishV2(0);
+    const auto before = snapshot(p("target"));
+    Engine::pluginFactoryAdd("HookRecorder", &hookRecorder);
+    ASSERT_TRUE(e().pluginRegister("HookRecorder").isOk());
+    KsPlatform::InterruptSignals::install();
+    sHookCalls.clear();
+    sHookOnInstall = [] { raise(SIGTERM); };
+    ClientDeployment d;
+    setUp(d);
+    KsTest::FailureRecorder failures;
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(d.run().isBad());
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Automatic update has failed."));
+    sHookOnInstall = nullptr;
+    EXPECT_EQ("pre Client.staging | install Client.staging | post(failed) Client.staging",
+              sHookCalls.join(" | ").toStdString());
+    EXPECT_EQ("install", e().interruptedOperation().toStdString());
+    EXPECT_EQ(ClientDeployment::Outcome::Unchanged, d.outcome());
+    EXPECT_EQ(before, snapshot(p("target")));
+    EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
+    EXPECT_EQ("v1 --start user:pw@server\n", clientOutput(1)) << "the old client started";
 }

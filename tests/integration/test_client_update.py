@@ -9,6 +9,7 @@ the started engine and client inherit the launcher's standard output, so a run w
 read to its end has also seen the update and the client end.
 """
 import os
+import re
 import shutil
 import subprocess
 import threading
@@ -386,6 +387,150 @@ class SignedUpdateTest(UpdateCase):
         self.assertOk(r)
         self.assertEqual("1.0.0.2", self.client_report()["version"])
 
+
+
+SHOT_TOOLS = ("Xvfb", "xdpyinfo", "xdotool", "xclip", "xwd", "xwdtopnm", "pamdepth", "pnmtopng")
+SHOT_MISSING = [t for t in SHOT_TOOLS if shutil.which(t) is None]
+
+
+@unittest.skipIf(SHOT_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(SHOT_MISSING))
+class UpdateDialogsTest(DesktopMixin, UpdateCase):
+    """The windows of an update on a private X server, each taken as a screenshot into the
+    "screens" folder of the work folder (kept when a test fails). A box's text is read the way a
+    user copies it: Ctrl+C in the box puts its title, text and buttons on the clipboard."""
+
+    def setUp(self):
+        super().setUp()
+        from test_progress_dialog import XServer
+        self.x = XServer()
+        self.addCleanup(self.x.stop)
+        self.shots = 0
+
+    def start_launcher(self, **env):
+        out = open(self.path("out.txt"), "wb")
+        self.addCleanup(out.close)
+        launcher = os.path.join(self.app, "ksweblaunch.exe")
+        proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
+                                env=dict(self.env, DISPLAY=self.x.display, **env))
+        self.addCleanup(proc.wait)
+        return proc
+
+    def deploying_window(self, title):
+        """The visible window whose title matches that belongs to the engine started from a
+        sandbox (the one that runs the update)."""
+        sandboxes = os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Sandboxes") + "/"
+        for window in self.xtool("xdotool", "search", "--onlyvisible", "--name", "").split():
+            if not re.search(title, self.xtool("xdotool", "getwindowname", window).rstrip("\n")):
+                continue
+            pid = self.xtool("xdotool", "getwindowpid", window).strip()
+            try:
+                if pid and os.readlink("/proc/%s/exe" % pid).startswith(sandboxes):
+                    return window
+            except OSError:
+                pass
+        return None
+
+    def screenshot(self, window, name):
+        """A PNG of the window in screens/; checked to be an image of the window's size that
+        shows more than one colour."""
+        from test_progress_dialog import Image
+        xwd = subprocess.run(["xwd", "-silent", "-id", window], env=dict(self.env, DISPLAY=self.x.display),
+                             stdout=subprocess.PIPE, check=True, timeout=60).stdout
+        ppm = subprocess.run("xwdtopnm 2>/dev/null | pamdepth 255", shell=True, input=xwd, stdout=subprocess.PIPE,
+                             check=True, timeout=60).stdout
+        self.shots += 1
+        os.makedirs(self.path("screens"), exist_ok=True)
+        png = self.path("screens", "%02d-%s.png" % (self.shots, name))
+        with open(png, "wb") as f:
+            f.write(subprocess.run(["pnmtopng"], input=ppm, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                   check=True).stdout)
+        with open(png, "rb") as f:
+            self.assertEqual(b"\x89PNG\r\n\x1a\n", f.read(8), png)
+        image = Image(ppm)
+        geometry = self.xtool("xdotool", "getwindowgeometry", "--shell", window)
+        size = dict(line.split("=", 1) for line in geometry.split() if "=" in line)
+        self.assertEqual((int(size["WIDTH"]), int(size["HEIGHT"])), (image.width, image.height), png)
+        colours = {image.pixels[i:i + 3] for i in range(0, len(image.pixels), 3 * 97)}
+        self.assertGreater(len(colours), 1, "%s is all one colour" % png)
+        return image
+
+    def box_text(self, window):
+        """What Ctrl+C in the box copies, as its title, its text and its buttons."""
+        self.xtool("xdotool", "windowfocus", "--sync", window)
+        self.xtool("xdotool", "key", "ctrl+c")
+        copied = wait_for(lambda: self.xtool("xclip", "-o", "-selection", "clipboard", "-t", "UTF8_STRING"),
+                          "the box's text on the clipboard")
+        parts = copied.split("-" * 27 + "\n")
+        self.assertEqual(5, len(parts), copied)
+        return parts[1].rstrip("\n"), parts[2].rstrip("\n"), parts[3].split()
+
+    @staticmethod
+    def close_enabled(image):
+        """Whether the dialog's Close button (bottom right, in a frame) has a dark label: a
+        disabled one is drawn grey."""
+        drawn = (lambda x, y: max(image.at(x, y)) < 200)
+        dark = (lambda x, y: max(image.at(x, y)) < 100)
+        w, h = image.width, image.height
+        rows = [y for y in range(h - 60, h) if sum(drawn(x, y) for x in range(w - 120, w)) > 50]
+        if len(rows) < 2:
+            return False
+        top, bottom = rows[-2], rows[-1]
+        frame = [x for x in range(w - 120, w) if drawn(x, top)]
+        left, right = min(frame), max(frame)
+        return sum(dark(x, y) for y in range(top + 2, bottom - 1) for x in range(left + 2, right - 1)) > 5
+
+    def test_the_update_shows_its_progress_and_the_failure_box_of_a_rolled_back_client(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"}, exit_status=3)
+        self.start_launcher(KSCLIENT_STAY_SECONDS="0")
+        self.press("^Kestra Client Client Version Mismatch$", "Return")
+        # The new client fails its start: the folders are exchanged back and the box tells the user,
+        # over the progress dialog of the engine that ran the update.
+        box = wait_for(lambda: self.deploying_window("^ksdeploy$"), "the failure box")
+        dialog = self.deploying_window("^Kestra Imaging$")
+        self.assertIsNotNone(dialog, "the engine that updates shows its progress")
+        self.assertFalse(self.close_enabled(self.screenshot(dialog, "progress-during-the-update")),
+                         "Close is disabled while the update runs")
+        self.screenshot(box, "update-failed")
+        self.assertEqual(("", "Automatic update has failed.\nPlease install manually.", ["OK"]), self.box_text(box))
+        self.press("^ksdeploy$", "Return")
+        # After the box the dialog stays, and may be closed.
+        self.assertEqual(dialog, self.deploying_window("^Kestra Imaging$"), "the dialog stays after the box")
+        wait_for(lambda: self.close_enabled(self.screenshot(dialog, "progress-after-the-failure")),
+                 "Close to be enabled", limit=30)
+        self.press("^Kestra Imaging$", "Escape")
+        wait_for(lambda: not self.updates_running(), "the update's end")
+        wait_for(lambda: os.path.exists(self.report), "the old client's start")
+        self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        self.assertEqual("1.0.0.1", self.client_report()["version"])
+        self.assertIn("error: the new client failed to start: '%s/ksclient.exe' ended with status 3" % self.app,
+                      self.read("out.txt").decode())
+
+    def test_the_box_of_programs_in_use_lists_them_by_name_and_process_id(self):
+        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
+        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
+        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        self.start_launcher(KSCLIENT_STAY_SECONDS="0")
+        self.press("^Kestra Client Client Version Mismatch$", "Return")
+        box = wait_for(lambda: self.deploying_window("^Programs in use$"), "the box of programs in use")
+        dialog = self.deploying_window("^Kestra Imaging$")
+        self.assertIsNotNone(dialog, "the engine that updates shows its progress")
+        self.screenshot(dialog, "progress-while-programs-are-in-use")
+        self.screenshot(box, "programs-in-use")
+        title, text, buttons = self.box_text(box)
+        self.assertEqual("Programs in use", title)
+        self.assertEqual("ksclient.exe (pid %d)" % holder.pid, text.split("\n")[-1], text)
+        self.assertEqual(["Retry", "Abort"], buttons)
+        # Nothing is staged while the box waits for the answer.
+        self.assertFalse(os.path.exists(self.app + ".staging"))
+        self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
+        holder.kill()
+        holder.wait()
+        self.press("^Programs in use$", "Return")
+        wait_for(lambda: os.path.exists(self.report), "the new client's start")
+        wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertEqual("1.0.0.2", self.client_report()["version"])
 
 if __name__ == "__main__":
     ksharness.main()

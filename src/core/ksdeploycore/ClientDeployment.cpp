@@ -9,6 +9,7 @@
 #include "Engine.h"
 #include "FolderInUse.h"
 #include "FolderSwap.h"
+#include "PluginKestraClient.h"
 #include "Process.h"
 #include "ProcessWatch.h"
 #include "Progress.h"
@@ -24,9 +25,12 @@
 #include <QProcessEnvironment>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace KsDeploy
 {
+ClientDeployment* ClientDeployment::sActive = nullptr;
+
 namespace
 {
 std::string local(const QString& inPath) { return QFile::encodeName(inPath).toStdString(); }
@@ -175,17 +179,25 @@ void ClientDeployment::cacheSeed()
     note(QStringLiteral("update: %1 unchanged files taken from '%2'").arg(seeded).arg(mApplicationDir));
 }
 
-McResult ClientDeployment::stage()
+McResult ClientDeployment::folderRemove(const QString& inPath)
+{
+    // A link is removed, never followed.
+    const QFileInfo fi(inPath);
+    if (fi.isSymLink() || fi.isFile())
+        return QxBase::File::removeFile(inPath);
+    if (fi.exists())
+        return QxBase::File::removeDir(inPath, true, {}, {});
+    return McResult();
+}
+
+McResult ClientDeployment::stagingProductCreate()
 {
     McResult retVal;
     Engine& e = Engine::instance();
     const QString staging = stagingDir();
     const QString stagingKey = stagingKeyOf(mProductKey);
-    // Whatever an earlier update left under the name goes; a link is removed, never followed.
-    if (QFileInfo(staging).isSymLink() || QFileInfo(staging).isFile())
-        retVal << QxBase::File::removeFile(staging);
-    else if (QFileInfo::exists(staging))
-        retVal << QxBase::File::removeDir(staging, true, {}, {});
+    // Whatever an earlier update left under the name goes.
+    retVal << folderRemove(staging);
     if (retVal.isBad())
         return retVal;
 
@@ -240,33 +252,82 @@ McResult ClientDeployment::stage()
             placed = true;
         }
     }
+    return retVal;
+}
 
-    note(QStringLiteral("update: staging the new version in '%1'").arg(staging));
+bool ClientDeployment::stages(const ResourceProduct* inProduct) const
+{
+    return inProduct && !mProductKey.isEmpty() && inProduct->name() == stagingKeyOf(mProductKey);
+}
+
+void ClientDeployment::stagingBegin()
+{
+    mStagingBegun = true;
+    note(QStringLiteral("update: staging the new version in '%1'").arg(stagingDir()));
     cacheSeed();
-    retVal << e.productInstall(stagingKey, false);
-    if (retVal.isOk())
-        retVal << e.productVerify(stagingKey);
-    e.productUnregisterResources(stagingKey);
-    if (retVal.isBad())
-    {
-        if (QFileInfo::exists(staging))
-            QxBase::File::removeDir(staging, true, {}, {});
+}
+
+McResult ClientDeployment::stagingVerify()
+{
+    McResult retVal;
+    retVal << Engine::instance().productVerify(stagingKeyOf(mProductKey));
+    mStaged = retVal.isOk();
+    return retVal;
+}
+
+McResult ClientDeployment::stagingAbandon()
+{
+    McResult retVal;
+    const QString staging = stagingDir();
+    if (QFileInfo::exists(staging) || QFileInfo(staging).isSymLink())
+        folderRemove(staging);
+    if (mStagingBegun && !mStaged)
         MC_CHECK(retVal, false, QStringLiteral("the new version could not be staged in '%1'").arg(staging));
-    }
     return retVal;
 }
 
 McResult ClientDeployment::exchange()
 {
     McResult retVal;
+    // The install flushes its files only after its hooks: they must be on the device before
+    // their folder takes the application folder's name.
+    retVal << Engine::instance().productTransactionFlush(stagingKeyOf(mProductKey));
+    if (retVal.isBad())
+        return retVal;
+    // A version that an interrupted update replaced is a leftover by now.
+    retVal << folderRemove(replacedDir());
+    if (retVal.isBad())
+        return retVal;
     bool atomic = false;
     const KsPlatform::Status s = KsPlatform::FolderSwap::exchange(local(mApplicationDir), local(stagingDir()),
                                                                   local(exchangeJournal(mApplicationDir)), atomic);
     if (MC_CHECK_DETAIL(retVal, s.isOk(),
                         QStringLiteral("cannot exchange '%1' and '%2'").arg(mApplicationDir, stagingDir()), s.text))
         return retVal;
+    mExchanged = true;
     note(QStringLiteral("update: exchanged '%1' and '%2'%3")
              .arg(mApplicationDir, stagingDir(), atomic ? QString() : QStringLiteral(" (journaled renames)")));
+    // The staging install is not committed yet: its rollback, or the recovery of its journal after
+    // a kill, removes what it wrote below the staging folder's name, which now holds the replaced
+    // version. Under a name of its own that version is out of their reach.
+    const bool moved = std::rename(local(stagingDir()).c_str(), local(replacedDir()).c_str()) == 0;
+    MC_CHECK_DETAIL(retVal, moved, QStringLiteral("cannot keep the replaced version in '%1'").arg(replacedDir()),
+                    McLib::osDetail(local(stagingDir()), errno));
+    return retVal;
+}
+
+McResult ClientDeployment::exchangeBack()
+{
+    McResult retVal;
+    bool atomic = false;
+    const KsPlatform::Status s = KsPlatform::FolderSwap::exchange(local(mApplicationDir), local(replacedDir()),
+                                                                  local(exchangeJournal(mApplicationDir)), atomic);
+    if (MC_CHECK_DETAIL(retVal, s.isOk(),
+                        QStringLiteral("cannot exchange '%1' and '%2'").arg(mApplicationDir, replacedDir()), s.text))
+        return retVal;
+    mExchanged = false;
+    note(QStringLiteral("update: exchanged '%1' and '%2'%3")
+             .arg(mApplicationDir, replacedDir(), atomic ? QString() : QStringLiteral(" (journaled renames)")));
     return retVal;
 }
 
@@ -330,12 +391,28 @@ McResult ClientDeployment::failed(McResult inResult, Outcome inOutcome)
     return inResult;
 }
 
+void ClientDeployment::succeeded()
+{
+    // The old version is kept as the previous one until the next update has worked.
+    const QString previous = previousDir();
+    folderRemove(previous);
+    if (QDir().rename(replacedDir(), previous))
+        note(QStringLiteral("update: the previous version is kept in '%1'").arg(previous));
+    else
+        note(QStringLiteral("update: the previous version could not be kept in '%1'").arg(previous), McLogLevelWarning);
+    mOutcome = Outcome::Updated;
+    note(QStringLiteral("update: done"));
+}
+
 McResult ClientDeployment::run()
 {
     McResult retVal;
+    Engine& e = Engine::instance();
     const QDateTime started = QDateTime::currentDateTime();
     mStarted = started;
     mListOfNote.clear();
+    mStagingBegun = mStaged = mExchanged = mHookEnded = false;
+    mHookResult = McResult();
     mRecordPath =
         mWorkDir.isEmpty()
             ? QString()
@@ -356,47 +433,33 @@ McResult ClientDeployment::run()
     if (retVal.isOk())
         retVal << recoverInterrupted(mApplicationDir);
     if (retVal.isOk())
-        retVal << waitUntilNotInUse();
-    if (retVal.isOk())
-        retVal << stage();
-    // Programs may have started while the new version was staged.
-    if (retVal.isOk())
-        retVal << waitUntilNotInUse();
-    if (retVal.isOk())
-        retVal << exchange();
+        retVal << stagingProductCreate();
+    // The update's steps are the client plugin's install hooks.
+    const QString plugin = PluginKestraClient::instance().name();
+    if (retVal.isOk() && !e.pluginIsRegistered(plugin))
+        retVal << e.pluginRegister(plugin);
     if (retVal.isBad())
     {
+        e.productUnregisterResources(stagingKeyOf(mProductKey));
         retVal = failed(retVal, Outcome::Unchanged);
         freeResources();
         recordWrite();
         return retVal;
     }
 
-    const McResult startedNew = clientStart(true);
-    if (startedNew.isBad())
-    {
-        retVal << startedNew;
-        const McResult back = exchange();
-        retVal << back;
-        retVal = failed(retVal, back.isOk() ? Outcome::RolledBack : Outcome::Updated);
-        freeResources();
-        recordWrite();
-        return retVal;
-    }
-
-    // The old version is kept as the previous one until the next update has worked.
-    const QString previous = previousDir();
-    if (QFileInfo(previous).isSymLink() || QFileInfo(previous).isFile())
-        QxBase::File::removeFile(previous);
-    else if (QFileInfo::exists(previous))
-        QxBase::File::removeDir(previous, true, {}, {});
-    if (QDir().rename(stagingDir(), previous))
-        note(QStringLiteral("update: the previous version is kept in '%1'").arg(previous));
+    sActive = this;
+    retVal << e.productInstall(stagingKeyOf(mProductKey), false);
+    sActive = nullptr;
+    e.productUnregisterResources(stagingKeyOf(mProductKey));
+    if (mHookEnded)
+        retVal << mHookResult;
     else
-        note(QStringLiteral("update: the previous version could not be kept in '%1'").arg(previous), McLogLevelWarning);
-    mOutcome = Outcome::Updated;
-    note(QStringLiteral("update: done"));
-    freeResources();
+    {
+        // The install refused the product before its hooks ran.
+        retVal << stagingAbandon();
+        retVal = failed(retVal, Outcome::Unchanged);
+        freeResources();
+    }
     recordWrite();
     return retVal;
 }

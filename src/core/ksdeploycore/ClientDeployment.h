@@ -9,6 +9,8 @@
 
 namespace KsDeploy
 {
+class ResourceProduct;
+
 // The update of an installed client, done by an engine that runs from outside the client's
 // folder: wait for the engine that started it, make sure no program holds the folder, install the
 // new version into a staging folder beside it (unchanged files from the old folder, never the
@@ -58,22 +60,58 @@ public:
     void failureHandlingSet(bool inOn) { mFailureHandling = inOn; }
 
     // The whole update. Bad when the new version is not in place and running (see outcome()).
+    // The new version is installed as a product of its own ("<key>.staging") through the
+    // engine's install, whose plugin hooks (the client plugin's, registered here when it is not
+    // yet) do the update's steps around it: the in-use check before anything is fetched, the
+    // verification and the exchange once the files are written, and the start of the new client
+    // (or of the old one, with the failure reported) after the install has ended.
     McResult run();
     Outcome outcome() const { return mOutcome; }
 
-    // The steps of run(), usable alone.
+    // The deployment whose staging install runs now, if any, and whether a product is the one it
+    // stages: the client plugin's hooks act on that product only.
+    static ClientDeployment* active() { return sActive; }
+    bool stages(const ResourceProduct* inProduct) const;
+
+    // The steps of run(), usable alone and by the hooks.
     // The programs (other than this one) holding the application folder, as "name (pid N)".
     McResult programsInUse(QStringList& outPrograms) const;
     // Asks inUseQuestion until the folder is free; fails with the list when there is no one to ask
     // or the answer is to give up.
     McResult waitUntilNotInUse();
-    // Installs and verifies the product in the staging folder; on failure nothing of it is left.
-    McResult stage();
+    // The staging install may fetch: files the installed version shares with it go to the cache.
+    void stagingBegin();
+    // Checks the staged files against the product.
+    McResult stagingVerify();
+    // The staging install failed before the exchange: what it left goes, and when the staging had
+    // begun the failure says so.
+    McResult stagingAbandon();
+    // Exchanges the staged folder and the application folder, then moves the version it replaced
+    // out of the staging folder's name (replacedDir), where a rollback of the staging install
+    // cannot reach it.
+    McResult exchange();
+    bool exchanged() const { return mExchanged; }
+    // Puts the replaced version back into the application folder.
+    McResult exchangeBack();
+    // Starts the client now in the application folder; with inWatch, a failed start is bad.
+    McResult clientStart(bool inWatch);
+    // The new client runs: the replaced version is kept as the previous one.
+    void succeeded();
+    // Ends a failed update as inOutcome; with failure handling on, reports it and starts the
+    // client that is in place.
+    McResult failed(McResult inResult, Outcome inOutcome);
+    // What the hooks after the install found; run() returns it with the install's result.
+    void hookResultAdd(const McResult& inResult)
+    {
+        mHookResult << inResult;
+        mHookEnded = true;
+    }
     // Removes what earlier updates left: staging folders beside the application folder and the
     // "*.log" and "*.xml" files of the work folder (not this run's). Returns what it removed.
     QStringList freeResources();
 
     QString stagingDir() const { return mApplicationDir + QStringLiteral(".staging"); }
+    QString replacedDir() const { return mApplicationDir + QStringLiteral(".staging.replaced"); }
     QString previousDir() const { return mApplicationDir + QStringLiteral(".previous"); }
     static QString exchangeJournal(const QString& inApplicationDir)
     {
@@ -85,12 +123,12 @@ public:
 
 private:
     McResult checkInputs();
+    // The staging folder's own product in the pool, the folder itself cleared of what an earlier
+    // update left there.
+    McResult stagingProductCreate();
     // Copies files the new version shares with the installed one into the cache.
     void cacheSeed();
-    McResult exchange();
-    // Starts the client now in the application folder; with inWatch, a failed start is bad.
-    McResult clientStart(bool inWatch);
-    McResult failed(McResult inResult, Outcome inOutcome);
+    McResult folderRemove(const QString& inPath);
     void note(const QString& inText, McLogLevel inLevel = McLogLevelInfo);
     void recordWrite();
 
@@ -111,5 +149,11 @@ private:
     QString mRecordPath;
     // Records written since this run began are its own, not earlier updates'.
     QDateTime mStarted;
+    bool mStagingBegun = false;
+    bool mStaged = false;
+    bool mExchanged = false;
+    bool mHookEnded = false;
+    McResult mHookResult;
+    static ClientDeployment* sActive;
 };
 }

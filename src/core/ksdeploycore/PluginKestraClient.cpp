@@ -17,6 +17,7 @@
 
 #include "QxDownload.h"
 #include "QxFile.h"
+#include "QxMessageBox.h"
 #include "QxSignatureCheck.h"
 
 #include <QApplication>
@@ -183,6 +184,95 @@ McResult PluginKestraClient::onActivate()
         }
     }
     return retVal;
+}
+
+namespace
+{
+// The deployment whose staging install this is, or none: the hooks leave every other install
+// alone.
+ClientDeployment* deploymentOf(const McHandle<ResourceProduct>& inProduct)
+{
+    ClientDeployment* deployment = ClientDeployment::active();
+    return deployment && deployment->stages(inProduct.ptr()) ? deployment : nullptr;
+}
+}
+
+McResult PluginKestraClient::onInstallPre(const McHandle<ResourceProduct>& inProduct)
+{
+    McResult retVal;
+    ClientDeployment* deployment = deploymentOf(inProduct);
+    if (!deployment)
+        return retVal;
+    // Refused here, the install stops before anything is fetched or written.
+    retVal << deployment->waitUntilNotInUse();
+    if (retVal.isOk())
+        deployment->stagingBegin();
+    return retVal;
+}
+
+McResult PluginKestraClient::onInstall(const McHandle<ResourceProduct>& inProduct)
+{
+    McResult retVal;
+    ClientDeployment* deployment = deploymentOf(inProduct);
+    if (!deployment)
+        return retVal;
+    retVal << deployment->stagingVerify();
+    // Programs may have started while the new version was staged.
+    if (retVal.isOk())
+        retVal << deployment->waitUntilNotInUse();
+    if (retVal.isOk())
+        retVal << deployment->exchange();
+    return retVal;
+}
+
+void PluginKestraClient::onInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed)
+{
+    ClientDeployment* deployment = deploymentOf(inProduct);
+    if (!deployment)
+        return;
+    McResult result;
+    if (!inFailed)
+    {
+        const McResult started = deployment->clientStart(true);
+        if (started.isOk())
+            deployment->succeeded();
+        else
+        {
+            const McResult back = deployment->exchangeBack();
+            result << started << back;
+            result = deployment->failed(result, back.isOk() ? ClientDeployment::Outcome::RolledBack
+                                                            : ClientDeployment::Outcome::Updated);
+        }
+    }
+    else if (deployment->exchanged())
+    {
+        // The install was undone after the exchange (an interrupt, a failed flush): the replaced
+        // version goes back into place.
+        const McResult back = deployment->exchangeBack();
+        result << back;
+        result = deployment->failed(result, back.isOk() ? ClientDeployment::Outcome::Unchanged
+                                                        : ClientDeployment::Outcome::Updated);
+    }
+    else
+    {
+        result << deployment->stagingAbandon();
+        result = deployment->failed(result, ClientDeployment::Outcome::Unchanged);
+    }
+    freeResources();
+    deployment->hookResultAdd(result);
+}
+
+QStringList PluginKestraClient::freeResources() const
+{
+    if (ClientDeployment* deployment = ClientDeployment::active())
+        return deployment->freeResources();
+    ClientDeployment deployment;
+    if (!mDirApp.isEmpty())
+        deployment.applicationDirSet(QDir(mDirApp).absolutePath());
+    QString cache;
+    if (Engine::instance().pathToCache(cache).isOk())
+        deployment.workDirSet(cache);
+    return deployment.freeResources();
 }
 
 McResult PluginKestraClient::activate()
@@ -756,6 +846,7 @@ McResult PluginKestraClient::deployHere(const QString& inApplicationDir, const Q
                             QMessageBox::Retry | QMessageBox::Abort);
             box.setObjectName(QStringLiteral("PluginKestraClientInUse"));
             box.setDefaultButton(QMessageBox::Retry);
+            QxMessageBox::copyableSet(box);
             return box.exec() == QMessageBox::Retry;
         });
     e.cache().httpUrlAdd(serverBase(mUrl) + QStringLiteral("/items"));

@@ -19,6 +19,14 @@ public:
     static PluginKestraClient& instance();
 
     McResult onActivate() override;
+    // The update's steps around the install of the new version, when this engine deploys it; an
+    // install of any other product passes them by. Before anything is fetched: no program may
+    // hold the application folder. After the files are written: they are verified and take the
+    // application folder's place. After the install: the new client starts under a watch, and a
+    // failure brings the old version back, starts its client and tells the user.
+    McResult onInstallPre(const McHandle<ResourceProduct>& inProduct) override;
+    McResult onInstall(const McHandle<ResourceProduct>& inProduct) override;
+    void onInstallPost(const McHandle<ResourceProduct>& inProduct, bool inFailed) override;
 
     // The version question of the reply configuration. True only when the user chose Yes in a
     // box that waits for the answer; the optional offer returns false at once and queues deploy().
@@ -38,6 +46,10 @@ public:
 
     // The main text and details of the version question, as the box shows them.
     QString updateQuestionText(bool inOptional, bool inImpossible) const;
+
+    // Removes the leftovers of earlier updates (staging folders beside the application folder,
+    // older "*.log" and "*.xml" records in the cache's "DEPLOY_CACHE" folder) and names each.
+    QStringList freeResources() const;
 
 public slots:
     // Updates the client; reports a failed update through the progress sink.

@@ -1,7 +1,10 @@
 #include "QxMessageBox.h"
 
+#include <QAbstractButton>
 #include <QApplication>
+#include <QClipboard>
 #include <QMessageBox>
+#include <QShortcut>
 
 #include <cstdio>
 
@@ -18,8 +21,23 @@ void boxRun(QWidget* inParent, QxMessageBox::Icon inIcon, const QString& inCapti
     box.setObjectName(QString::fromLatin1(QxMessageBox::sObjectName));
     box.setAccessibleName(inCaption.isEmpty() ? inText.section(QLatin1Char('\n'), 0, 0) : inCaption);
     box.setAccessibleDescription(inText);
+    QxMessageBox::copyableSet(box);
     box.exec();
 }
+}
+
+void QxMessageBox::copyableSet(QMessageBox& inoutBox)
+{
+    QMessageBox* box = &inoutBox;
+    auto* copy = new QShortcut(QKeySequence::Copy, box);
+    QObject::connect(copy, &QShortcut::activated, box, [box]() {
+        const QString rule = QStringLiteral("---------------------------\n");
+        QString buttons;
+        for (QAbstractButton* button : box->buttons())
+            buttons += button->text().remove(QLatin1Char('&')) + QStringLiteral("   ");
+        QGuiApplication::clipboard()->setText(rule + box->windowTitle() + QLatin1Char('\n') + rule + box->text() +
+                                              QLatin1Char('\n') + rule + buttons + QLatin1Char('\n') + rule);
+    });
 }
 
 void QxMessageBox::show(QWidget* inParent, Icon inIcon, const QString& inCaption, const QString& inText)

@@ -3,6 +3,7 @@
 
 #include <QString>
 
+class QMessageBox;
 class QWidget;
 
 // Blocking message boxes with a single OK button. Without a widget application (no display)
@@ -28,6 +29,10 @@ public:
     }
     // On a console: also waits for Enter on standard input (the debug pause).
     static void informationWait(QWidget* inParent, const QString& inCaption, const QString& inText);
+
+    // Ctrl+C in the box puts its title, text and buttons on the clipboard, so that a user can
+    // paste a failure into a report.
+    static void copyableSet(QMessageBox& inoutBox);
 
     // Object name of the box, so tests and accessibility tools can find it.
     static const char* const sObjectName;
