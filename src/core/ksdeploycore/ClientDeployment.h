@@ -1,11 +1,14 @@
 #pragma once
 #include "KsGlobal.h"
+#include "McMD5.h"
+#include "QxFile.h"
 
 #include <QDateTime>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
+#include <vector>
 
 namespace KsDeploy
 {
@@ -88,6 +91,10 @@ private:
     // Copies files the new version shares with the installed one into the cache.
     void cacheSeed();
     McResult exchange();
+    // After the exchange: the verified digests of the staged files, under their new paths.
+    void stagedRemember();
+    // Removes the cache items the seed linked to the installed files.
+    void linkedItemsRemove();
     // Starts the client now in the application folder; with inWatch, a failed start is bad.
     McResult clientStart(bool inWatch);
     McResult failed(McResult inResult, Outcome inOutcome);
@@ -111,5 +118,15 @@ private:
     QString mRecordPath;
     // Records written since this run began are its own, not earlier updates'.
     QDateTime mStarted;
+    // The files the verify proved in the staging folder, with the stamps they had then.
+    struct StagedFile
+    {
+        QString relative;  // below the folder, with its leading '/'
+        McLib::MD5 md5;
+        QxBase::FileStamp stamp;
+    };
+    std::vector<StagedFile> mListOfStaged;
+    // Cache items that are links to files of the installed version, made by this run's seed.
+    QStringList mListOfLinkedItem;
 };
 }
