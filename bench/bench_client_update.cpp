@@ -96,7 +96,7 @@ std::string md5Of(const std::string& inPath)
 
 long long fileSize(const std::string& inPath)
 {
-    struct stat st{};
+    struct stat st;
     return ::stat(inPath.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
 }
 
@@ -151,17 +151,17 @@ std::vector<size_t> changedFiles(const std::vector<DataFile>& inFiles, unsigned 
 
 struct Setup
 {
-    std::string dir;      // the scratch folder
-    std::string bin;      // ksdeploy
-    std::string env;      // the environment both the set-up and our update run in
-    std::string www;      // served by nginx; the client is published in www/client
-    std::string target;   // the installed client is target/Kestra/Client
+    std::string dir;     // the scratch folder
+    std::string bin;     // ksdeploy
+    std::string env;     // the environment both the set-up and our update run in
+    std::string www;     // served by nginx; the client is published in www/client
+    std::string target;  // the installed client is target/Kestra/Client
     std::string app;
-    std::string pristine; // what the update rewrites besides the folders, as installed
-    std::string tmp;      // the user's temporary folder: the maintenance folder and its cache
-    std::string copy;     // the peer's copy
-    std::string report;   // the client's report of its start
-    std::string log;      // our update's output
+    std::string pristine;  // what the update rewrites besides the folders, as installed
+    std::string tmp;       // the user's temporary folder: the maintenance folder and its cache
+    std::string copy;      // the peer's copy
+    std::string report;    // the client's report of its start
+    std::string log;       // our update's output
 };
 
 std::string ks(const Setup& inSetup, const std::string& inArgs)
@@ -176,9 +176,8 @@ void publish(const Setup& inSetup, const std::string& inBuild, const std::string
     mustRun(ks(inSetup, "--generate type=directory path=" + q(inBuild) +
                             " --plugin name=KestraClientBuildSystem --generateProductXML name=KestraClient"
                             " 'displayname=Kestra Client' version=" +
-                            inVersion + " file=" + q(description) +
-                            " updateini=true optional=false deployer=" + q(inSetup.bin) +
-                            (first ? std::string() : " previous=" + q(description))),
+                            inVersion + " file=" + q(description) + " updateini=true optional=false deployer=" +
+                            q(inSetup.bin) + (first ? std::string() : " previous=" + q(description))),
             "publishing " + inVersion);
     // Plain items only: the row is about what is fetched, not about decoding.
     mustRun(ks(inSetup, "--cache action=precache dir=" + q(inBuild) + " targetdir=" + q(inSetup.www + "/client/items")),
@@ -250,16 +249,16 @@ int main(int argc, char** argv)
             "making the folders");
     // No display: the version question takes its default answer (update) and no box is shown.
     s.env = "env -u DISPLAY -u WAYLAND_DISPLAY HOME=" + q(home) + " TMPDIR=" + q(s.tmp) +
-            " KSDEPLOY_REGISTRY=" + q(s.dir + "/registry.sqlite") + " KSCLIENT_STAY_SECONDS=0 KSCLIENT_REPORT=" +
-            q(s.report);
+            " KSDEPLOY_REGISTRY=" + q(s.dir + "/registry.sqlite") +
+            " KSCLIENT_STAY_SECONDS=0 KSCLIENT_REPORT=" + q(s.report);
 
     // Version 1: the sample client and its launcher with the data; version 2 changes 1% of it.
     const std::vector<DataFile> files = plan(fileCount, totalBytes);
     const std::vector<size_t> changed = changedFiles(files, totalBytes);
     const std::string v1 = s.dir + "/build-1", v2 = s.dir + "/build-2";
     std::fprintf(stderr, "bench_client_update: making %d files, %lld MiB\n", fileCount, mib);
-    mustRun("mkdir -p " + q(v1) + " && cp " + q(sample + "/ksclient.exe") + " " + q(sample + "/ksweblaunch.exe") +
-                " " + q(v1) + " && echo 1.0.0.1 > " + q(v1 + "/ksclient.version"),
+    mustRun("mkdir -p " + q(v1) + " && cp " + q(sample + "/ksclient.exe") + " " + q(sample + "/ksweblaunch.exe") + " " +
+                q(v1) + " && echo 1.0.0.1 > " + q(v1 + "/ksclient.version"),
             "copying the sample client");
     for (size_t i = 0; i < files.size(); ++i)
         KsBench::makeFile(v1 + "/" + files[i].rel, files[i].bytes, files[i].text, static_cast<unsigned>(i + 1));
@@ -326,24 +325,23 @@ int main(int argc, char** argv)
                     " && if [ -d " + q(s.app + ".previous") + " ]; then rm -rf " + q(s.app) + " && mv " +
                     q(s.app + ".previous") + " " + q(s.app) + "; fi && mkdir " + q(s.tmp) + " && cp " +
                     q(s.pristine + "/Client.xml") + " " + q(s.target + "/Kestra/") + " && cp " +
-                    q(s.pristine + "/registry.sqlite") + " " + q(s.dir) + " && rm -f " +
-                    q(s.dir + "/registry.sqlite") + "-*",
+                    q(s.pristine + "/registry.sqlite") + " " + q(s.dir) + " && rm -f " + q(s.dir + "/registry.sqlite") +
+                    "-*",
                 "putting version 1 back");
     };
     std::vector<std::string> unexpected;
     bool fetchedOthers = false;
     c.ours = [&] {
         const long long offset = std::max(0LL, fileSize(nginx.accessLog()));
-        const double seconds = timeReaped(s.env + " " + q(s.bin) + " --commands file=" + q(commands) + " < /dev/null > " +
-                                          q(s.log) + " 2>&1");
+        const double seconds = timeReaped(s.env + " " + q(s.bin) + " --commands file=" + q(commands) +
+                                          " < /dev/null > " + q(s.log) + " 2>&1");
         byteRatios.push_back(static_cast<double>(bytesServed(nginx.accessLog(), offset, changedItems, unexpected)) /
                              static_cast<double>(changedBytes));
         return seconds;
     };
     c.oursCheck = [&] {
         bool ok = readText(s.app + "/ksclient.version") == "1.0.0.2\n" &&
-                  readText(s.report).find("version=1.0.0.2\n") != std::string::npos &&
-                  fileSize(s.app + ".staging") < 0;
+                  readText(s.report).find("version=1.0.0.2\n") != std::string::npos && fileSize(s.app + ".staging") < 0;
         for (size_t i = 0; ok && i < fetches.size(); ++i)
             ok = md5Of(s.app + "/" + fetches[i].first) == fetches[i].second;
         if (!ok)
@@ -362,8 +360,8 @@ int main(int argc, char** argv)
     // Every round of ours, the warm-up too: the bytes do not depend on the machine's load.
     size_t at = 0;
     rows.push_back(KsBench::limit(
-        "client update, bytes fetched / changed items' size", 1.05, "ratio",
-        [&] { return byteRatios[at++]; }, {}, static_cast<int>(byteRatios.size())));
+        "client update, bytes fetched / changed items' size", 1.05, "ratio", [&] { return byteRatios[at++]; }, {},
+        static_cast<int>(byteRatios.size())));
     if (fetchedOthers)
         rows.back().pass = false;
     const bool ok = KsBench::report(rows, "client update (ratio = ours / peer, time; bytes fetched)");

@@ -9,13 +9,13 @@
 #include "Engine.h"
 #include "FolderInUse.h"
 #include "FolderSwap.h"
+#include "McCoder.h"
 #include "Process.h"
 #include "ProcessWatch.h"
 #include "Progress.h"
 #include "QxFile.h"
 #include "ResourceFileEntry.h"
 #include "ResourceProduct.h"
-#include "McCoder.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -239,8 +239,8 @@ void ClientDeployment::cacheSeed()
     std::atomic<size_t> next{0};
     const auto hashSome = [&seeds, &next] {
         for (size_t i = next++; i < seeds.size(); i = next++)
-            seeds[i].same = digestOf(seeds[i].localPath, seeds[i].md5, seeds[i].stamp) &&
-                            BufferID(seeds[i].md5) == seeds[i].id;
+            seeds[i].same =
+                digestOf(seeds[i].localPath, seeds[i].md5, seeds[i].stamp) && BufferID(seeds[i].md5) == seeds[i].id;
     };
     std::thread helper(hashSome);
     hashSome();
