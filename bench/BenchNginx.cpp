@@ -22,6 +22,9 @@ BenchNginx::BenchNginx(const std::string& inRoot)
         if (at >= 0 && out.indexOf('\n', at) > 0)
         {
             mPort = out.mid(at + 5, out.indexOf('\n', at) - at - 5).toInt();
+            const int log = out.indexOf("ACCESS_LOG ");
+            if (log >= 0 && log < at)
+                mAccessLog = out.mid(log + 11, out.indexOf('\n', log) - log - 11).toStdString();
             break;
         }
     }

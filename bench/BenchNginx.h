@@ -14,9 +14,12 @@ public:
     explicit BenchNginx(const std::string& inRoot);
     ~BenchNginx();
     std::string url() const { return "http://127.0.0.1:" + std::to_string(mPort); }
+    // nginx's access log: per request its connection, request line, status and body bytes.
+    const std::string& accessLog() const { return mAccessLog; }
 
 private:
     QProcess mProcess;
     int mPort = 0;
+    std::string mAccessLog;
 };
 }

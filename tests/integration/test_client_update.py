@@ -150,6 +150,40 @@ class UpdateTest(UpdateCase):
         self.assertUnchanged(r, "error: the new client failed to start: '%s/ksclient.exe' ended with status 3"
                              % self.app)
         self.assertFalse(os.path.exists(self.app + ".staging"))
+        # The old client runs again: no cache item may share a file with its folder.
+        self.assertEqual([], self.cache_items_shared_with(self.app))
+
+    def deploy_cache(self):
+        return os.path.join(self.tmp, "Kestra Imaging", "Auto Update", "Cache", "DEPLOY_CACHE")
+
+    def cache_items_shared_with(self, folder):
+        inodes = {(st.st_dev, st.st_ino) for st in (os.stat(p) for p, v in ksharness.tree_snapshot(folder).items()
+                                                    if isinstance(v, bytes))}
+        cache = self.deploy_cache()
+        return [name for name in (os.listdir(cache) if os.path.isdir(cache) else [])
+                if (os.stat(os.path.join(cache, name)).st_dev, os.stat(os.path.join(cache, name)).st_ino) in inodes]
+
+    def test_installed_files_that_changed_are_fetched_not_taken(self):
+        kept = os.path.join(self.app, "data", "kept.dat")
+        # An installed file changed in place, and an item a killed update left behind as a link
+        # to another installed file that changed afterwards: neither may end up in the new version.
+        with open(kept, "r+b") as f:
+            f.write(b"KEPT")
+        build = self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000, "data/old.dat": b"only in 1\n",
+                                         "data/new.dat": b"only in 2\n"})
+        old = os.path.join(self.app, "data", "old.dat")
+        digest = subprocess.run(["md5sum", old], stdout=subprocess.PIPE, check=True).stdout.decode().split()[0]
+        os.makedirs(self.deploy_cache())
+        os.link(old, os.path.join(self.deploy_cache(), digest))
+        with open(old, "r+b") as f:
+            f.write(b"ONLY")
+        r = self.launch()
+        self.assertOk(r)
+        self.assertEqual("1.0.0.2", self.client_report()["version"])
+        self.assertEqual(ksharness.tree_snapshot(build),
+                         {p.replace(self.app, build, 1): v for p, v in ksharness.tree_snapshot(self.app).items()})
+        requests = "\n".join(q["request"] for q in self.server.requests())
+        self.assertIn(digest, requests)
 
     def test_a_program_using_the_folder_stops_the_update_without_a_display(self):
         self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})

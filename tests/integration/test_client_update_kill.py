@@ -21,7 +21,7 @@ import ksharness
 from test_client_update import UpdateCase
 
 # One file per step of the staging at least, fewer than the 64 resources above which new files
-# are written by worker threads (whose calls are not in a fixed order).
+# are written, and the unchanged ones hashed, by worker threads (whose calls are not in a fixed order).
 FILES = {"data/f%02d.dat" % i: bytes([i]) * (40000 + 1000 * i) for i in range(12)}
 MOMENTS = 20
 KILLED = "+++ killed by SIGKILL +++"
@@ -70,7 +70,8 @@ class KillMatrixTest(UpdateCase):
         rels = set()
         for snapshot, root in ((self.v1, self.app), (self.v2, self.app)):
             rels.update(os.path.relpath(p, root) for p in snapshot)
-        paths = {self.vendor, self.app, self.app + ".staging", self.app + ".previous", self.app + ".xml",
+        paths = {self.vendor, self.app, self.app + ".staging", self.app + ".staging.replaced", self.app + ".previous",
+                 self.app + ".xml",
                  self.leftover, os.path.join(self.leftover, "part.dat")}
         journal = self.app + ".exchange"
         paths.update((journal, journal + ".tmp", self.app + ".exchange-aside"))
@@ -141,18 +142,19 @@ class KillMatrixTest(UpdateCase):
         fd = lambda p: "<%s>" % p  # noqa: E731 - a descriptor of the path
         data = lambda rel: q(os.path.join(staging, rel))  # noqa: E731 - a staged file
         chosen = [self.moment(calls, deployer, *m) for m in (
-            ("before the staging: unchanged files are taken from the installed folder", "access",
+            ("before the staging: an unchanged file is linked into the cache", "link",
              q(os.path.join(app, "data", "kept.dat"))),
             ("the staging folder is made", "mkdir", q(staging)),
             ("staging: the first new file is begun", "openat", q(staging)),
             ("staging: a file is written, before it gets its name", "linkat", data(middle)),
             ("staging: a late file gets its name", "linkat", data(last)),
             ("staging: the staged files are flushed", "syncfs", fd(staging)),
-            ("after the staging: the last file is verified", "openat", data("ksclient.exe"), "syncfs("),
+            ("after the staging: the last file is verified", "openat", data("ksclient.exe")),
             ("the folders are exchanged", "renameat2", q(app), "syncfs("),
             ("right after the exchange", None, "", ("syncfs(", "renameat2(")),
             ("after the new client was watched", "statx", q(app + ".previous")),
-            ("the old version is kept as the previous one", "renameat2", q(staging), ("syncfs(", "renameat2(")),
+            ("the old version is kept as the previous one", "renameat2", q(staging + ".replaced"),
+             ("syncfs(", "renameat2(")),
             ("freeResources: a leftover staging folder's file", "unlink", q(os.path.join(self.leftover, "part.dat"))),
             ("after the update: the installed product is checked", "openat", q(os.path.join(app, "ksclient.exe")),
              "rmdir("),
@@ -239,7 +241,7 @@ class KillMatrixTest(UpdateCase):
         self.assertEqual(version, (self.client_report() or {}).get("version"), "%s\n%r" % (what, r))
         self.assertTrue(snapshot == ksharness.tree_snapshot(self.app), what)
         # The following update completes. One that had to run leaves nothing but the previous
-        # version; a kill after the exchange may leave the old version under the staging name
+        # version; a kill after the exchange may leave the old version under a staging name
         # (and a staging folder of before) until the next update clears them away.
         os.remove(self.report)
         r = self.launch()
@@ -249,7 +251,7 @@ class KillMatrixTest(UpdateCase):
         self.assertTrue(after == self.v2, "%s: the following update: %s" % (what, self.mix(after)))
         kept = {"Client", "Client.previous", "Client.xml"}
         if version == "1.0.0.2":
-            kept |= {"Client.staging", os.path.basename(self.leftover)}
+            kept |= {"Client.staging", "Client.staging.replaced", os.path.basename(self.leftover)}
         self.assertLessEqual(set(os.listdir(self.vendor)), kept, what)
         return True
 

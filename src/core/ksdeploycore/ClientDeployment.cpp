@@ -9,6 +9,7 @@
 #include "Engine.h"
 #include "FolderInUse.h"
 #include "FolderSwap.h"
+#include "McCoder.h"
 #include "PluginKestraClient.h"
 #include "Process.h"
 #include "ProcessWatch.h"
@@ -24,8 +25,14 @@
 #include <QHash>
 #include <QProcessEnvironment>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace KsDeploy
 {
@@ -43,6 +50,41 @@ QString stagingKeyOf(const QString& inKey) { return inKey + QStringLiteral(".sta
 bool isInside(const QString& inPath, const QString& inFolder)
 {
     return KsPlatform::FolderInUse::pathIsInside(local(QDir::cleanPath(inPath)), local(inFolder));
+}
+
+// The MD5 of a file and the stamp it kept while it was read; false when it cannot be read or
+// changed meanwhile. Touches nothing shared, so several threads may hash at once.
+bool digestOf(const std::string& inPath, McLib::MD5& outMd5, QxBase::FileStamp& outStamp)
+{
+    const int fd = ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    QxBase::FileStamp after;
+    bool ok = QxBase::File::stampOf(fd, outStamp);
+    if (ok)
+    {
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        McCoder coder;
+        coder.crcMD5Init();
+        std::vector<unsigned char> buffer(1 << 20);
+        for (;;)
+        {
+            const ssize_t n = ::read(fd, buffer.data(), buffer.size());
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+            {
+                ok = n == 0;
+                break;
+            }
+            coder.crcMD5Update(buffer.data(), static_cast<unsigned int>(n));
+        }
+        coder.crcMD5Final();
+        coder.crcMD5Query(outMd5.data());
+        ok = ok && QxBase::File::stampOf(fd, after) && after == outStamp;
+    }
+    ::close(fd);
+    return ok;
 }
 }
 
@@ -157,23 +199,83 @@ McResult ClientDeployment::waitUntilNotInUse()
 void ClientDeployment::cacheSeed()
 {
     // A file the new version shares with the installed one is taken from the installed one: only
-    // what changed is downloaded.
+    // what changed is downloaded. The installed file is hashed, never trusted.
     Engine& e = Engine::instance();
     McDArray<McHandle<Resource>> resources;
     e.productResources(stagingKeyOf(mProductKey), resources);
     const QString staging = stagingDir();
-    int seeded = 0;
+    struct Seed
+    {
+        QString installed;
+        std::string localPath;
+        BufferID id;
+        McLib::MD5 md5;
+        QxBase::FileStamp stamp;
+        bool same = false;
+    };
+    std::vector<Seed> seeds;
     for (int64_t i = 0; i < resources.size(); ++i)
     {
         const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(resources[i].ptr());
-        if (!entry || entry->absence() || !entry->bufferId().isValid() || e.cache().itemIsCached(entry->bufferId()))
+        if (!entry || entry->absence() || !entry->bufferId().isValid())
             continue;
         const QString path = entry->path();
         if (!path.startsWith(staging + QLatin1Char('/')))
             continue;
-        const QString installed = mApplicationDir + path.mid(staging.size());
-        if (QFileInfo(installed).isFile() && BufferID(scanFile(installed)) == entry->bufferId() &&
-            e.cache().retrieveFromFile(installed, false).isOk())
+        // An item that is a link to a file of a client folder (one an earlier update made and
+        // did not take back, killed before it could) may have changed with that file: it goes.
+        const QString item = e.cache().itemFilePath(entry->bufferId());
+        struct stat st;
+        if (::lstat(local(item).c_str(), &st) == 0)
+        {
+            if (!S_ISREG(st.st_mode) || st.st_nlink <= 1)
+                continue;
+            ::unlink(local(item).c_str());
+        }
+        Seed seed;
+        seed.installed = mApplicationDir + path.mid(staging.size());
+        seed.localPath = local(seed.installed);
+        seed.id = entry->bufferId();
+        seeds.push_back(seed);
+    }
+    // Hashing the installed files is most of the seed's work and MD5 keeps one core busy: two
+    // threads take the files in turn, once there are enough of them to pay for the second.
+    std::atomic<size_t> next{0};
+    const auto hashSome = [&seeds, &next] {
+        for (size_t i = next++; i < seeds.size(); i = next++)
+            seeds[i].same =
+                digestOf(seeds[i].localPath, seeds[i].md5, seeds[i].stamp) && BufferID(seeds[i].md5) == seeds[i].id;
+    };
+    const size_t sSeedsForTwoThreads = 64;
+    std::thread helper;
+    if (seeds.size() >= sSeedsForTwoThreads)
+        helper = std::thread(hashSome);
+    hashSome();
+    if (helper.joinable())
+        helper.join();
+    int seeded = 0;
+    for (const Seed& seed : seeds)
+    {
+        if (!seed.same)
+            continue;
+        scanFileRemember(seed.installed, seed.md5, seed.stamp);
+        // A link to the installed file costs neither a copy nor its write-back. It is the item
+        // only while the file is still the one that was hashed; where links are refused (another
+        // file system), the item is a copy.
+        const std::string item = local(e.cache().itemFilePath(seed.id));
+        QxBase::FileStamp linked;
+        if (::link(seed.localPath.c_str(), item.c_str()) == 0)
+        {
+            if (QxBase::File::stampOf(QFile::decodeName(item.c_str()), linked) && linked == seed.stamp)
+            {
+                mListOfLinkedItem << QFile::decodeName(item.c_str());
+                ++seeded;
+                continue;
+            }
+            ::unlink(item.c_str());
+        }
+        // The cache's copy reads the digest from the memo instead of hashing the file again.
+        if (e.cache().retrieveFromFile(seed.installed, false).isOk())
             ++seeded;
     }
     note(QStringLiteral("update: %1 unchanged files taken from '%2'").arg(seeded).arg(mApplicationDir));
@@ -270,8 +372,30 @@ void ClientDeployment::stagingBegin()
 McResult ClientDeployment::stagingVerify()
 {
     McResult retVal;
-    retVal << Engine::instance().productVerify(stagingKeyOf(mProductKey));
+    Engine& e = Engine::instance();
+    const QString stagingKey = stagingKeyOf(mProductKey);
+    const QString staging = stagingDir();
+    retVal << e.productVerify(stagingKey);
     mStaged = retVal.isOk();
+    // What the verify proved, with the stamps the files have now: after the exchange the rest of
+    // the product's install need not hash them again.
+    mListOfStaged.clear();
+    if (!mStaged)
+        return retVal;
+    McDArray<McHandle<Resource>> staged;
+    e.productResources(stagingKey, staged);
+    for (int64_t i = 0; i < staged.size(); ++i)
+    {
+        const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(staged[i].ptr());
+        StagedFile file;
+        if (entry && !entry->absence() && entry->bufferId().isValid() &&
+            entry->path().startsWith(staging + QLatin1Char('/')) && QxBase::File::stampOf(entry->path(), file.stamp))
+        {
+            file.relative = entry->path().mid(staging.size());
+            file.md5 = entry->bufferId().md5();
+            mListOfStaged.push_back(file);
+        }
+    }
     return retVal;
 }
 
@@ -284,6 +408,20 @@ McResult ClientDeployment::stagingAbandon()
     if (mStagingBegun && !mStaged)
         MC_CHECK(retVal, false, QStringLiteral("the new version could not be staged in '%1'").arg(staging));
     return retVal;
+}
+
+void ClientDeployment::stagedRemember()
+{
+    // A rename keeps a file's content, inode and times: what the verify proved of the staging
+    // folder holds for the application folder, and the rest of the product's install need not
+    // hash every file again.
+    for (const StagedFile& file : mListOfStaged)
+    {
+        const QString path = mApplicationDir + file.relative;
+        QxBase::FileStamp now;
+        if (QxBase::File::stampOf(path, now) && now == file.stamp)
+            scanFileRemember(path, file.md5, now);
+    }
 }
 
 McResult ClientDeployment::exchange()
@@ -313,6 +451,8 @@ McResult ClientDeployment::exchange()
     const bool moved = std::rename(local(stagingDir()).c_str(), local(replacedDir()).c_str()) == 0;
     MC_CHECK_DETAIL(retVal, moved, QStringLiteral("cannot keep the replaced version in '%1'").arg(replacedDir()),
                     McLib::osDetail(local(stagingDir()), errno));
+    if (retVal.isOk())
+        stagedRemember();
     return retVal;
 }
 
@@ -376,9 +516,19 @@ McResult ClientDeployment::clientStart(bool inWatch)
     return retVal;
 }
 
+void ClientDeployment::linkedItemsRemove()
+{
+    // The installed version stays in use: the cache may not share its files.
+    for (const QString& item : mListOfLinkedItem)
+        QFile::remove(item);
+    mListOfLinkedItem.clear();
+}
+
 McResult ClientDeployment::failed(McResult inResult, Outcome inOutcome)
 {
     mOutcome = inOutcome;
+    if (inOutcome != Outcome::Updated)
+        linkedItemsRemove();
     note(inOutcome == Outcome::RolledBack ? QStringLiteral("update: failed; the previous version was put back")
                                           : QStringLiteral("update: failed; nothing was changed"),
          McLogLevelError);

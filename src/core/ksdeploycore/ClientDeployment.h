@@ -1,11 +1,14 @@
 #pragma once
 #include "KsGlobal.h"
+#include "McMD5.h"
+#include "QxFile.h"
 
 #include <QDateTime>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
+#include <vector>
 
 namespace KsDeploy
 {
@@ -129,6 +132,10 @@ private:
     // Copies files the new version shares with the installed one into the cache.
     void cacheSeed();
     McResult folderRemove(const QString& inPath);
+    // After the exchange: the verified digests of the staged files, under their new paths.
+    void stagedRemember();
+    // Removes the cache items the seed linked to the installed files.
+    void linkedItemsRemove();
     void note(const QString& inText, McLogLevel inLevel = McLogLevelInfo);
     void recordWrite();
 
@@ -155,5 +162,15 @@ private:
     bool mHookEnded = false;
     McResult mHookResult;
     static ClientDeployment* sActive;
+    // The files the verify proved in the staging folder, with the stamps they had then.
+    struct StagedFile
+    {
+        QString relative;  // below the folder, with its leading '/'
+        McLib::MD5 md5;
+        QxBase::FileStamp stamp;
+    };
+    std::vector<StagedFile> mListOfStaged;
+    // Cache items that are links to files of the installed version, made by this run's seed.
+    QStringList mListOfLinkedItem;
 };
 }
