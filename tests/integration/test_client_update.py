@@ -297,7 +297,7 @@ class BrokenDownloadTest(UpdateCase):
             self.fault.stop()
             r = self.finished(thread, result)
             self.assertNothingLeft(r)
-            self.assertIn("Couldn't connect to server", r.err)
+            self.assertIn("Failed to connect to 127.0.0.1", r.err)
 
 
 @unittest.skipIf(GUI_MISSING, "missing tools: %s (run scripts/bootstrap.sh)" % ", ".join(GUI_MISSING))
