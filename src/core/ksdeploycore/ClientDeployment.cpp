@@ -268,6 +268,7 @@ void ClientDeployment::cacheSeed()
         {
             if (QxBase::File::stampOf(QFile::decodeName(item.c_str()), linked) && linked == seed.stamp)
             {
+                e.trace(McLogLevelInfo, QStringLiteral("caching: %1").arg(seed.installed));
                 mListOfLinkedItem << QFile::decodeName(item.c_str());
                 ++seeded;
                 continue;
