@@ -446,7 +446,12 @@ class UpdateDialogsTest(DesktopMixin, UpdateCase):
         launcher = os.path.join(self.app, "ksweblaunch.exe")
         proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
                                 env=dict(self.env, DISPLAY=self.x.display, **env))
-        self.addCleanup(proc.wait)
+
+        def stop():
+            if proc.poll() is None:
+                proc.kill()
+            proc.wait()
+        self.addCleanup(stop)
         return proc
 
     def deploying_window(self, title):

@@ -449,11 +449,19 @@ McResult ClientDeployment::exchange()
     // The staging install is not committed yet: its rollback, or the recovery of its journal after
     // a kill, removes what it wrote below the staging folder's name, which now holds the replaced
     // version. Under a name of its own that version is out of their reach.
-    const bool moved = std::rename(local(stagingDir()).c_str(), local(replacedDir()).c_str()) == 0;
-    MC_CHECK_DETAIL(retVal, moved, QStringLiteral("cannot keep the replaced version in '%1'").arg(replacedDir()),
-                    McLib::osDetail(local(stagingDir()), errno));
-    if (retVal.isOk())
+    if (std::rename(local(stagingDir()).c_str(), local(replacedDir()).c_str()) == 0)
+    {
         stagedRemember();
+        return retVal;
+    }
+    const int error = errno;
+    // Not out of reach: the two go back, so that the rollback finds the new version there.
+    const KsPlatform::Status back = KsPlatform::FolderSwap::exchange(local(mApplicationDir), local(stagingDir()),
+                                                                     local(exchangeJournal(mApplicationDir)), atomic);
+    if (back.isOk())
+        mExchanged = false;
+    MC_CHECK_DETAIL(retVal, false, QStringLiteral("cannot keep the replaced version in '%1'").arg(replacedDir()),
+                    McLib::osDetail(local(stagingDir()), error));
     return retVal;
 }
 
