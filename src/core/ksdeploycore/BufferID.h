@@ -20,6 +20,10 @@ public:
     QString toString() const;
     // Accepts 32 digits of either case or the empty text; ok is false for anything else.
     static BufferID fromString(QStringView inText, bool* outOk = nullptr);
+    static BufferID fromString(const QString& inText, bool* outOk = nullptr)
+    {
+        return fromString(QStringView(inText), outOk);
+    }
 
     bool operator==(const BufferID& inOther) const { return mMd5 == inOther.mMd5; }
     bool operator!=(const BufferID& inOther) const { return mMd5 != inOther.mMd5; }

@@ -68,6 +68,14 @@ void Engine::resourceRegister(const McHandle<Resource>& inResource)
 
 int64_t Engine::resourceCount() const { return mListOfResource.size() - mPoolIndex->mHoles; }
 
+void Engine::resourceReserve(int64_t inCount)
+{
+    if (inCount <= 0)
+        return;
+    mListOfResource.reserve(mListOfResource.size() + inCount);
+    mPoolIndex->mByUuid.reserve(mPoolIndex->mByUuid.size() + inCount);
+}
+
 Resource* Engine::resource(const QUuid& inUuid) const
 {
     auto it = mPoolIndex->mByUuid.constFind(inUuid);

@@ -49,36 +49,32 @@ bool propertyFromText(QStringView inText, BufferID& outValue)
 
 bool uuidFromBracedText(QStringView inText, QUuid& outValue)
 {
-    // {xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}, digits lower-case only.
-    if (inText.size() != 38 || inText[0] != u'{' || inText[37] != u'}')
+    // {xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}, digits lower-case only: each byte from its two
+    // digits at fixed places.
+    static const int sPairAt[16] = {1, 3, 5, 7, 10, 12, 15, 17, 20, 22, 25, 27, 29, 31, 33, 35};
+    if (inText.size() != 38 || inText[0] != u'{' || inText[9] != u'-' || inText[14] != u'-' || inText[19] != u'-' ||
+        inText[24] != u'-' || inText[37] != u'}')
         return false;
-    const char16_t* p = inText.utf16() + 1;
+    const char16_t* text = inText.utf16();
+    const auto digit = [](char16_t inChar) -> int {
+        if (inChar >= u'0' && inChar <= u'9')
+            return inChar - u'0';
+        if (inChar >= u'a' && inChar <= u'f')
+            return inChar - u'a' + 10;
+        return 16;
+    };
     uint8_t bytes[16];
-    int b = 0;
-    for (int i = 0; i < 36;)
+    int bad = 0;
+    for (int i = 0; i < 16; ++i)
     {
-        if (i == 8 || i == 13 || i == 18 || i == 23)
-        {
-            if (p[i] != u'-')
-                return false;
-            ++i;
-            continue;
-        }
-        int pair = 0;
-        for (int k = 0; k < 2; ++k, ++i)
-        {
-            const char16_t c = p[i];
-            int v;
-            if (c >= u'0' && c <= u'9')
-                v = c - u'0';
-            else if (c >= u'a' && c <= u'f')
-                v = c - u'a' + 10;
-            else
-                return false;
-            pair = pair * 16 + v;
-        }
-        bytes[b++] = static_cast<uint8_t>(pair);
+        const int hi = digit(text[sPairAt[i]]);
+        const int lo = digit(text[sPairAt[i] + 1]);
+        bad |= hi | lo;
+        bytes[i] = static_cast<uint8_t>((hi << 4) | lo);
     }
+    // Any digit that was not one has the bit 16 set.
+    if (bad & 16)
+        return false;
     outValue = QUuid::fromRfc4122(QByteArrayView(bytes, 16));
     return true;
 }

@@ -64,7 +64,7 @@ public:
     QString read(const OBJ_BASE* inObject) const override
     {
         const OBJ* obj = dynamic_cast<OBJ*>(const_cast<OBJ_BASE*>(inObject));
-        MC_REQUIRE(dynamic_cast<OBJ*>( const_cast<OBJ_BASE*>(inObject) ) != 0);
+        MC_DBC_TEXT(DbCPrecondition, obj != nullptr, "dynamic_cast<OBJ*>( const_cast<OBJ_BASE*>(inObject) ) != 0");
         MC_ASSERT(mRead!=0);
         if (!obj || !mRead)
             return QString();

@@ -18,8 +18,8 @@ using namespace KsDeploy;
 //   under it once, instead of drawing a random identity that the element then replaces;
 // - messages are made only for what is refused, and the file is read as it always was, so a
 //   report names the same element and line;
-// - the writer gathers its text in memory and hands it to the file in large chunks, and finds
-//   each class's name and sorted properties once per document;
+// - the writer finds each class's name and sorted properties once per document, not once per
+//   resource;
 // - link ends in the form the writer writes are read digit by digit.
 
 XmlSerializer::XmlSerializer() : d(new Private) {}
@@ -74,11 +74,13 @@ McResult XmlSerializer::openDocument(const QString& inPath, bool inForReading)
     if (inForReading)
     {
         d->mReader.setDevice(&d->mFile);
+        // A resource with its link takes a few hundred bytes: room for that many spares the
+        // pool's index its regrowth while the file is read.
+        Engine::instance().resourceReserve(d->mFile.size() / 256);
     }
     else
     {
         d->mWriting = true;
-        // Gathered in memory and written in chunks, the declaration first.
         d->writeBegin();
         writeStartSection(QStringLiteral("Deploy"));
     }
@@ -91,8 +93,6 @@ McResult XmlSerializer::closeDocument()
     if (d->mWriting)
     {
         writeEndSection();
-        // Everything gathered reaches the file before it is put in place; a write that failed
-        // on the way leaves the target as it was.
         d->writeEnd();
         d->mWriting = false;
         MC_CHECK_TEXT(retVal, d->mSaveFile.commit(), "d->mSaveFile.commit()",
@@ -154,7 +154,7 @@ McResult XmlSerializer::readResource(McHandle<Resource>& outResource)
         McResult unknown;
         if (!prop && MC_CHECK(unknown, prop!=0, QStringLiteral("unknown attribute [%1]").arg(name)))
             continue;
-        prop->write(outResource.ptr(), a.value());
+        d->propertyWrite(prop, outResource.ptr(), a);
     }
     return retVal;
 }
@@ -172,33 +172,31 @@ McResult XmlSerializer::readLink(QUuid& outSource, QUuid& outTarget, QString& ou
 
 McResult XmlSerializer::writeStartSection(const QString& inName)
 {
-    d->mWriter->writeStartElement(inName);
+    d->mWriter.writeStartElement(inName);
     return McResult();
 }
 
 McResult XmlSerializer::writeEndSection()
 {
-    d->mWriter->writeEndElement();
+    d->mWriter.writeEndElement();
     return McResult();
 }
 
 McResult XmlSerializer::writeResource(const McHandle<Resource>& inResource)
 {
     const Private::ClassForm& form = d->formOf(inResource.ptr());
-    d->mWriter->writeEmptyElement(form.name);
+    d->mWriter.writeEmptyElement(form.name);
     for (int64_t i = 0; i < form.properties.size(); ++i)
-        d->mWriter->writeAttribute(form.properties[i]->name(), form.properties[i]->read(inResource.ptr()));
-    d->textFlush(false);
+        d->mWriter.writeAttribute(form.properties[i]->name(), form.properties[i]->read(inResource.ptr()));
     return McResult();
 }
 
 McResult XmlSerializer::writeLink(const QUuid& inSource, const QUuid& inTarget, const QString& inName)
 {
-    d->mWriter->writeEmptyElement(QStringLiteral("Link"));
-    d->mWriter->writeAttribute(QStringLiteral("Source"), inSource.toString(QUuid::WithBraces));
-    d->mWriter->writeAttribute(QStringLiteral("Target"), inTarget.toString(QUuid::WithBraces));
-    d->mWriter->writeAttribute(QStringLiteral("Name"), inName);
-    d->textFlush(false);
+    d->mWriter.writeEmptyElement(QStringLiteral("Link"));
+    d->mWriter.writeAttribute(QStringLiteral("Source"), inSource.toString(QUuid::WithBraces));
+    d->mWriter.writeAttribute(QStringLiteral("Target"), inTarget.toString(QUuid::WithBraces));
+    d->mWriter.writeAttribute(QStringLiteral("Name"), inName);
     return McResult();
 }
 

@@ -6,7 +6,6 @@ using namespace KsDeploy;
 
 namespace
 {
-const qsizetype sWriteChunk = 1 << 16;
 // A hostile file may use any number of names; only the first few are kept.
 const size_t sNamesKept = 32;
 }
@@ -39,13 +38,17 @@ McHandle<Resource> XmlSerializer::Private::resourceMake(const QString& inClassNa
 {
     // Made with the identity the element gives it, when that is well-formed (its property then
     // finds it set already): drawing a random one first costs more than the rest of making it.
+    mIdentityText = nullptr;
     const QXmlStreamAttributes attributes = mReader.attributes();
     for (const QXmlStreamAttribute& a : attributes)
         if (a.name() == QLatin1String("UUID"))
         {
             QUuid given;
-            if (uuidFromBracedText(a.value(), given))
+            if (uuidFromBracedText(a.value(), given) && !given.isNull())
+            {
                 Resource::identityNextSet(given);
+                mIdentityText = a.value().data();
+            }
             break;
         }
     McHandle<Resource> made = ResourceFactory::create(inClassName);
@@ -53,37 +56,24 @@ McHandle<Resource> XmlSerializer::Private::resourceMake(const QString& inClassNa
     return made;
 }
 
+void XmlSerializer::Private::propertyWrite(const PropertyBase<Resource>* inProperty, Resource* inResource,
+                                           const QXmlStreamAttribute& inAttribute) const
+{
+    const QStringView value = inAttribute.value();
+    if (mIdentityText && value.data() == mIdentityText)
+        return;
+    inProperty->write(inResource, value);
+}
+
 void XmlSerializer::Private::writeBegin()
 {
-    mWriteFailed = false;
-    // The declaration as the writer writes it for a file: on a string it leaves out the
-    // encoding. The string writer's first element begins a new line after it.
-    QByteArray declaration;
-    QXmlStreamWriter(&declaration).writeStartDocument();
-    mWriteFailed = mSaveFile.write(declaration) != declaration.size();
-    mText.clear();
-    mText.reserve(sWriteChunk + sWriteChunk / 4);
-    mWriter.reset(new QXmlStreamWriter(&mText));
-    mWriter->setAutoFormatting(true);
+    mWriter.setDevice(&mSaveFile);
+    mWriter.setAutoFormatting(true);
+    mWriter.writeStartDocument();
 }
 
 void XmlSerializer::Private::writeEnd()
 {
-    mWriter->writeEndDocument();
-    mWriter.reset();
-    textFlush(true);
-    mText.clear();
-    // A write that failed on the way leaves the target as it was.
-    if (mWriteFailed)
-        mSaveFile.cancelWriting();
-}
-
-void XmlSerializer::Private::textFlush(bool inAll)
-{
-    if (mText.size() < (inAll ? 1 : sWriteChunk))
-        return;
-    const QByteArray bytes = mEncoder(mText);
-    mText.resize(0);
-    if (!mWriteFailed && mSaveFile.write(bytes) != bytes.size())
-        mWriteFailed = true;
+    mWriter.writeEndDocument();
+    mWriter.setDevice(nullptr);
 }

@@ -4,11 +4,9 @@
 
 #include <QFile>
 #include <QSaveFile>
-#include <QStringEncoder>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
-#include <memory>
 #include <typeinfo>
 #include <vector>
 
@@ -27,29 +25,28 @@ struct XmlSerializer::Private
     };
 
     QFile mFile;
+    // Buffered by the file itself: the writer's pieces are small, and each is one device call.
     QSaveFile mSaveFile;
-    // The writer writes into mText, which goes to mSaveFile encoded, in chunks: the writer's
-    // many small pieces would cost a conversion and a device call each.
-    QString mText;
-    std::unique_ptr<QXmlStreamWriter> mWriter;
-    QStringEncoder mEncoder{QStringEncoder::Utf8};
-    bool mWriteFailed = false;
+    QXmlStreamWriter mWriter;
     std::vector<ClassForm> mForms;
     QXmlStreamReader mReader;
     // Names read before (of elements and links), handed out as shared copies: nearly every
     // element of a file repeats one of a few names.
     std::vector<QString> mNames;
+    // Where the reader holds the text of the identity the current resource was made with.
+    const QChar* mIdentityText = nullptr;
     bool mWriting = false;
 
     QString nameOf(QStringView inName);
     const ClassForm& formOf(const Resource* inResource);
     // Makes the resource of the current element, with the identity the element gives it.
     McHandle<Resource> resourceMake(const QString& inClassName);
-    // The declaration, then a writer on mText; after writeEnd, mWriteFailed tells whether
-    // everything reached the file.
+    // Writes an attribute into its property, unless it is the identity the resource was made
+    // with (which it would only read again).
+    void propertyWrite(const PropertyBase<Resource>* inProperty, Resource* inResource,
+                       const QXmlStreamAttribute& inAttribute) const;
+    // Attaches the writer to mSaveFile and writes the declaration; detaches it at the end.
     void writeBegin();
     void writeEnd();
-    // Hands the text gathered so far to the file once there is enough of it (all when inAll).
-    void textFlush(bool inAll);
 };
 }
