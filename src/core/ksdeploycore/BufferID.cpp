@@ -21,7 +21,7 @@ int hexDigit(char16_t inChar)
 QString BufferID::toString() const
 {
     if (mMd5.isNull())
-        return QString();
+        return QStringLiteral("");
     static const char16_t sDigits[] = u"0123456789abcdef";
     QString out(32, Qt::Uninitialized);
     char16_t* at = reinterpret_cast<char16_t*>(out.data());

@@ -70,6 +70,9 @@ int64_t Engine::resourceCount() const { return mListOfResource.size() - mPoolInd
 
 void Engine::resourceReserve(int64_t inCount)
 {
+    // A guess from a size is never trusted with more than a large product's worth: a file of
+    // anything but resources would otherwise claim memory it never uses.
+    inCount = std::min<int64_t>(inCount, int64_t(1) << 20);
     if (inCount <= 0)
         return;
     mListOfResource.reserve(mListOfResource.size() + inCount);
