@@ -30,6 +30,42 @@ TEST_F(EnginePoolTest, RegistrationIsByIdentityAndLaterWinsForEqualUuids)
     EXPECT_EQ(nullptr, e().resource(QUuid::createUuid()));
 }
 
+TEST_F(EnginePoolTest, SharedIdentitiesStayFoundThroughEveryChange)
+{
+    // A product and its clone share identities while a transaction runs: whichever holder goes
+    // first, the latest registered of those left is found.
+    McHandle<ResourceFileDirectory> a(new ResourceFileDirectory);
+    McHandle<ResourceFileDirectory> b(new ResourceFileDirectory);
+    McHandle<ResourceFileDirectory> c(new ResourceFileDirectory);
+    const QUuid shared = a->uuid();
+    c->uuidSet(shared);
+    b->uuidSet(shared);
+    EXPECT_EQ(c.ptr(), e().resource(shared));
+    e().resourceUnregister(McHandle<Resource>(c.ptr()));
+    EXPECT_EQ(b.ptr(), e().resource(shared));
+    const QUuid own = QUuid::createUuid();
+    b->uuidSet(own);
+    EXPECT_EQ(a.ptr(), e().resource(shared));
+    EXPECT_EQ(b.ptr(), e().resource(own));
+    b->uuidSet(shared);
+    EXPECT_EQ(nullptr, e().resource(own));
+    e().resourceUnregister(McHandle<Resource>(a.ptr()));
+    EXPECT_EQ(b.ptr(), e().resource(shared));
+    e().resourceUnregister(McHandle<Resource>(b.ptr()));
+    EXPECT_EQ(nullptr, e().resource(shared));
+    EXPECT_EQ(0, e().resourceCount());
+
+    // The first to take an identity may be the one registered later.
+    McHandle<ResourceFileDirectory> early(new ResourceFileDirectory);
+    McHandle<ResourceFileDirectory> late(new ResourceFileDirectory);
+    const QUuid taken = QUuid::createUuid();
+    late->uuidSet(taken);
+    early->uuidSet(taken);
+    EXPECT_EQ(late.ptr(), e().resource(taken));
+    e().resourceUnregister(McHandle<Resource>(late.ptr()));
+    EXPECT_EQ(early.ptr(), e().resource(taken));
+}
+
 TEST_F(EnginePoolTest, UnregisterRemovesIncomingLinksOnly)
 {
     McHandle<ResourceFileDirectory> dir(new ResourceFileDirectory);

@@ -153,10 +153,10 @@ TEST_F(ResourceTest, PropertyTextFormsRoundTripAndRejectOthers)
     KsTest::ContractRecorder contracts;
     McHandle<ResourceFileEntry> e(new ResourceFileEntry);
     const Resource::PropertyTable& t = e->properties();
-    t["Executable"]->write(e.ptr(), "true");
+    t["Executable"]->write(e.ptr(), u"true");
     EXPECT_TRUE(e->isExecutable());
     EXPECT_EQ("true", t["Executable"]->read(e.ptr()));
-    t["Executable"]->write(e.ptr(), "1");
+    t["Executable"]->write(e.ptr(), u"1");
     EXPECT_TRUE(e->isExecutable()) << "an unknown text leaves the value";
     EXPECT_FALSE(contracts.events().empty());
 
@@ -165,22 +165,22 @@ TEST_F(ResourceTest, PropertyTextFormsRoundTripAndRejectOthers)
     t["UUID"]->write(e.ptr(), uuid);
     EXPECT_EQ(uuid, t["UUID"]->read(e.ptr()));
     EXPECT_EQ(e.ptr(), Engine::instance().resource(QUuid(uuid))) << "found under its new identity";
-    t["UUID"]->write(e.ptr(), "0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f6071");
+    t["UUID"]->write(e.ptr(), u"0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f6071");
     EXPECT_EQ(uuid, t["UUID"]->read(e.ptr()));
     EXPECT_FALSE(contracts.events().empty());
 
     contracts.clear();
-    t["MD5"]->write(e.ptr(), "D41D8CD98F00B204E9800998ECF8427E");
+    t["MD5"]->write(e.ptr(), u"D41D8CD98F00B204E9800998ECF8427E");
     EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", t["MD5"]->read(e.ptr()));
-    t["MD5"]->write(e.ptr(), "d41d8cd98f00b204e9800998ecf8427");
+    t["MD5"]->write(e.ptr(), u"d41d8cd98f00b204e9800998ecf8427");
     EXPECT_TRUE(contracts.has("inEncodedBuffer.length() == 32 || inEncodedBuffer.isEmptyString()"));
     EXPECT_EQ("", t["MD5"]->read(e.ptr()));
 
     McHandle<ResourceRegistryValue> v(new ResourceRegistryValue);
     contracts.clear();
-    v->properties()["Type"]->write(v.ptr(), "TYPE_QWORD");
+    v->properties()["Type"]->write(v.ptr(), u"TYPE_QWORD");
     EXPECT_EQ(ResourceRegistryValue::TYPE_QWORD, v->type());
-    v->properties()["Type"]->write(v.ptr(), "type_sz");
+    v->properties()["Type"]->write(v.ptr(), u"type_sz");
     EXPECT_EQ(ResourceRegistryValue::TYPE_NONE, v->type());
     EXPECT_TRUE(contracts.has("0"));
     EXPECT_EQ("TYPE_NONE", ResourceRegistryValue::Type2String(static_cast<ResourceRegistryValue::Type>(12)));

@@ -145,6 +145,74 @@ TEST_F(XmlSerializerTest, LinksResolveForwardAcrossFilesAndOnce)
     EXPECT_EQ(("load: " + file("links.xml") + " [res: 2, lnk: 1]").toStdString(), log.lines().back().text);
 }
 
+TEST_F(XmlSerializerTest, ElementsTakeTheIdentityTheyGiveInTheWrittenFormOnly)
+{
+    KsTest::ContractRecorder contracts;
+    // The second directory gives no identity, the third one in a form never written, the
+    // fourth the null one; the link names its ends in forms QUuid reads but never writes.
+    KsTest::writeFile(file("ids.xml"),
+                      QByteArray("<Deploy><ResourceFileDirectory UUID=\"") + sUuidA +
+                          "\" Name=\"/a\"/>"
+                          "<ResourceFileDirectory Name=\"/b\"/>"
+                          "<ResourceFileDirectory UUID=\"{00000000-0000-4000-8000-00000000000A}\" Name=\"/c\"/>"
+                          "<ResourceFileDirectory UUID=\"{00000000-0000-0000-0000-000000000000}\" Name=\"/d\"/>"
+                          "<ResourceFileEntry UUID=\"" +
+                          sUuidB +
+                          "\" Name=\"f\"/>"
+                          "<Link Source=\"00000000-0000-4000-8000-00000000000B\" "
+                          "Target=\"{00000000-0000-4000-8000-00000000000A}\" Name=\"Container\"/></Deploy>");
+    McDArray<McHandle<Resource>> loaded;
+    ASSERT_TRUE(load(file("ids.xml"), loaded).isOk());
+    ASSERT_EQ(5, loaded.size());
+    Engine& engine = Engine::instance();
+    EXPECT_EQ(5, engine.resourceCount());
+    EXPECT_EQ(QUuid(sUuidA), loaded[0]->uuid());
+    EXPECT_EQ(loaded[0].ptr(), engine.resource(QUuid(sUuidA)));
+    // Those without a usable identity draw their own, never one given to another element.
+    for (int i : {1, 2})
+    {
+        EXPECT_FALSE(loaded[i]->uuid().isNull()) << i;
+        EXPECT_NE(QUuid(sUuidA), loaded[i]->uuid()) << i;
+        EXPECT_EQ(loaded[i].ptr(), engine.resource(loaded[i]->uuid())) << i;
+    }
+    EXPECT_NE(loaded[1]->uuid(), loaded[2]->uuid());
+    EXPECT_EQ(1u, contracts.count("text form of the value")) << "only the upper-case identity is refused";
+    EXPECT_TRUE(loaded[3]->uuid().isNull());
+    EXPECT_EQ(loaded[3].ptr(), engine.resource(QUuid()));
+    const ResourceFileEntry* f = dynamic_cast<ResourceFileEntry*>(loaded[4].ptr());
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(loaded[0].ptr(), f->container().ptr());
+
+    // Saved again, each identity is written as the resource holds it.
+    McDArray<McHandle<Resource>> one;
+    one.append(loaded[4]);
+    XmlSerializer s;
+    ASSERT_TRUE(s.serialize(file("f.xml"), one).isOk());
+    EXPECT_TRUE(
+        KsTest::readFile(file("f.xml"))
+            .contains(QByteArray("<Link Source=\"") + sUuidB + "\" Target=\"" + sUuidA + "\" Name=\"Container\"/>"));
+}
+
+TEST_F(XmlSerializerTest, OnlyWhatIsRefusedIsReported)
+{
+    KsTest::FailureRecorder failures;
+    KsTest::writeFile(file("r.xml"),
+                      "<Deploy><ResourceCommand/><ResourceFileDirectory Nme=\"x\" Name=\"/a\"/>"
+                      "<ResourceFileEntry Name=\"f\" MD5=\"d41d8cd98f00b204e9800998ecf8427e\"/></Deploy>");
+    McDArray<McHandle<Resource>> loaded;
+    ASSERT_TRUE(load(file("r.xml"), loaded).isOk());
+    ASSERT_EQ(2, loaded.size());
+    ASSERT_EQ(2u, failures.failures().size());
+    EXPECT_EQ("unknown element [ResourceCommand]", failures.failures()[0].message);
+    EXPECT_EQ("cond[ResourceFactory::isRegistered( name )]", failures.failures()[0].condition);
+    EXPECT_EQ("unknown attribute [Nme]", failures.failures()[1].message);
+    EXPECT_EQ("cond[prop!=0]", failures.failures()[1].condition);
+    EXPECT_EQ("/a", loaded[0]->name());
+    const ResourceFileEntry* f = dynamic_cast<ResourceFileEntry*>(loaded[1].ptr());
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", f->bufferId().toString());
+}
+
 TEST_F(XmlSerializerTest, DamagedFilesKeepWhatWasReadAndNeverHang)
 {
     KsTest::FailureRecorder failures;

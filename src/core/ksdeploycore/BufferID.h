@@ -17,9 +17,13 @@ public:
     bool isValid() const { return !mMd5.isNull(); }
 
     // 32 lower-case hexadecimal digits; empty for the all-zero digest.
-    QString toString() const { return QString::fromLatin1(mMd5.toString().c_str()); }
+    QString toString() const;
     // Accepts 32 digits of either case or the empty text; ok is false for anything else.
-    static BufferID fromString(const QString& inText, bool* outOk = nullptr);
+    static BufferID fromString(QStringView inText, bool* outOk = nullptr);
+    static BufferID fromString(const QString& inText, bool* outOk = nullptr)
+    {
+        return fromString(QStringView(inText), outOk);
+    }
 
     bool operator==(const BufferID& inOther) const { return mMd5 == inOther.mMd5; }
     bool operator!=(const BufferID& inOther) const { return mMd5 != inOther.mMd5; }

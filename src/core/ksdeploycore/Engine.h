@@ -72,6 +72,9 @@ public:
     void resourcesDumpGraphviz(const McDArray<McHandle<Resource>>& inResources, const QString& inFilePath) const;
     // Number of registered resources.
     int64_t resourceCount() const;
+    // Makes room for about inCount more resources: a load that can tell how many it brings
+    // spares the pool's index its regrowth.
+    void resourceReserve(int64_t inCount);
     void resources(McDArray<McHandle<Resource>>& outResources) const;
     void resourcesLinkingToATarget(const McHandle<Resource>& inTarget,
                                    McDArray<McHandle<Resource>>& outResources) const;

@@ -18,15 +18,40 @@ using namespace KsDeploy;
 
 namespace
 {
+void uuidIndexInsert(ResourcePoolIndex& inIndex, const QUuid& inUuid, Resource* inResource)
+{
+    // One look-up for the common case of an identity not yet held.
+    Resource*& first = inIndex.mByUuid[inUuid];
+    if (!first)
+        first = inResource;
+    else
+        inIndex.mShared[inUuid].push_back(inResource);
+}
+
 void uuidIndexRemove(ResourcePoolIndex& inIndex, const QUuid& inUuid, Resource* inResource)
 {
     auto it = inIndex.mByUuid.find(inUuid);
     if (it == inIndex.mByUuid.end())
         return;
-    std::vector<Resource*>& v = it.value();
-    v.erase(std::remove(v.begin(), v.end(), inResource), v.end());
-    if (v.empty())
-        inIndex.mByUuid.erase(it);
+    auto shared = inIndex.mShared.find(inUuid);
+    if (it.value() == inResource)
+    {
+        if (shared == inIndex.mShared.end())
+        {
+            inIndex.mByUuid.erase(it);
+            return;
+        }
+        // Another holder of the identity takes the first place.
+        it.value() = shared.value().back();
+        shared.value().pop_back();
+    }
+    else if (shared != inIndex.mShared.end())
+    {
+        std::vector<Resource*>& v = shared.value();
+        v.erase(std::remove(v.begin(), v.end(), inResource), v.end());
+    }
+    if (shared != inIndex.mShared.end() && shared.value().empty())
+        inIndex.mShared.erase(shared);
 }
 }
 
@@ -37,29 +62,44 @@ void Engine::resourceRegister(const McHandle<Resource>& inResource)
         return;
     inResource->mPoolPosition = mListOfResource.size();
     mListOfResource.append(inResource);
-    mPoolIndex->mByUuid[inResource->uuid()].push_back(inResource.ptr());
+    uuidIndexInsert(*mPoolIndex, inResource->uuid(), inResource.ptr());
     MC_DBC_TEXT(DbCPostcondition, inResource->mPoolPosition >= 0, "mListOfResource.contains( inResource )");
 }
 
 int64_t Engine::resourceCount() const { return mListOfResource.size() - mPoolIndex->mHoles; }
+
+void Engine::resourceReserve(int64_t inCount)
+{
+    // A guess from a size is never trusted with more than a large product's worth: a file of
+    // anything but resources would otherwise claim memory it never uses.
+    inCount = std::min<int64_t>(inCount, int64_t(1) << 20);
+    if (inCount <= 0)
+        return;
+    mListOfResource.reserve(mListOfResource.size() + inCount);
+    mPoolIndex->mByUuid.reserve(mPoolIndex->mByUuid.size() + inCount);
+}
 
 Resource* Engine::resource(const QUuid& inUuid) const
 {
     auto it = mPoolIndex->mByUuid.constFind(inUuid);
     if (it == mPoolIndex->mByUuid.constEnd())
         return nullptr;
+    Resource* best = it.value();
+    if (mPoolIndex->mShared.isEmpty())
+        return best;
     // Of several with the same identity, the one registered later wins.
-    Resource* best = nullptr;
-    for (Resource* r : it.value())
-        if (!best || r->mPoolPosition > best->mPoolPosition)
-            best = r;
+    auto shared = mPoolIndex->mShared.constFind(inUuid);
+    if (shared != mPoolIndex->mShared.constEnd())
+        for (Resource* r : shared.value())
+            if (r->mPoolPosition > best->mPoolPosition)
+                best = r;
     return best;
 }
 
 void Engine::resourceUuidChanged(Resource* inResource, const QUuid& inOldUuid)
 {
     uuidIndexRemove(*mPoolIndex, inOldUuid, inResource);
-    mPoolIndex->mByUuid[inResource->uuid()].push_back(inResource);
+    uuidIndexInsert(*mPoolIndex, inResource->uuid(), inResource);
 }
 
 void Engine::resourceUnlink(const McHandle<Resource>& inTarget) const
@@ -132,6 +172,7 @@ void Engine::resourceUnregisterAll()
     McDArray<McHandle<Resource>> old;
     old.swap(mListOfResource);
     mPoolIndex->mByUuid.clear();
+    mPoolIndex->mShared.clear();
     mPoolIndex->mHoles = 0;
     for (int64_t i = 0; i < old.size(); ++i)
         if (old[i].isNotNull())

@@ -7,13 +7,13 @@ QString propertyToText(bool inValue) { return inValue ? QStringLiteral("true") :
 QString propertyToText(const QUuid& inValue) { return inValue.toString(QUuid::WithBraces); }
 QString propertyToText(const BufferID& inValue) { return inValue.toString(); }
 
-bool propertyFromText(const QString& inText, QString& outValue)
+bool propertyFromText(QStringView inText, QString& outValue)
 {
-    outValue = inText;
+    outValue = inText.toString();
     return true;
 }
 
-bool propertyFromText(const QString& inText, bool& outValue)
+bool propertyFromText(QStringView inText, bool& outValue)
 {
     if (inText == QLatin1String("true"))
         outValue = true;
@@ -24,19 +24,19 @@ bool propertyFromText(const QString& inText, bool& outValue)
     return true;
 }
 
-bool propertyFromText(const QString& inText, QUuid& outValue)
+bool propertyFromText(QStringView inText, QUuid& outValue)
 {
-    // Exactly the braced lower-case form that toText writes.
-    const QUuid parsed = QUuid::fromString(inText);
-    if (parsed.isNull() && inText != QUuid().toString(QUuid::WithBraces))
-        return false;
-    if (parsed.toString(QUuid::WithBraces) != inText)
+    // Exactly the braced lower-case form that toText writes. Read in place, digit by digit: a
+    // load reads one for every resource, and QUuid's own reader would want a copy of the text
+    // and a second formatting to compare with.
+    QUuid parsed;
+    if (!uuidFromBracedText(inText, parsed))
         return false;
     outValue = parsed;
     return true;
 }
 
-bool propertyFromText(const QString& inText, BufferID& outValue)
+bool propertyFromText(QStringView inText, BufferID& outValue)
 {
     MC_DBC_TEXT(DbCPrecondition, inText.length() == 32 || inText.isEmpty(),
                 "inEncodedBuffer.length() == 32 || inEncodedBuffer.isEmptyString()");
@@ -44,6 +44,38 @@ bool propertyFromText(const QString& inText, BufferID& outValue)
     outValue = BufferID::fromString(inText, &ok);
     MC_DBC_TEXT(DbCPrecondition, ok || inText.length() != 32, "inEncodedBuffer is hexadecimal");
     // Anything else was reported above and yields the null id.
+    return true;
+}
+
+bool uuidFromBracedText(QStringView inText, QUuid& outValue)
+{
+    // {xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}, digits lower-case only: each byte from its two
+    // digits at fixed places.
+    static const int sPairAt[16] = {1, 3, 5, 7, 10, 12, 15, 17, 20, 22, 25, 27, 29, 31, 33, 35};
+    if (inText.size() != 38 || inText[0] != u'{' || inText[9] != u'-' || inText[14] != u'-' || inText[19] != u'-' ||
+        inText[24] != u'-' || inText[37] != u'}')
+        return false;
+    const char16_t* text = inText.utf16();
+    const auto digit = [](char16_t inChar) -> int {
+        if (inChar >= u'0' && inChar <= u'9')
+            return inChar - u'0';
+        if (inChar >= u'a' && inChar <= u'f')
+            return inChar - u'a' + 10;
+        return 16;
+    };
+    uint8_t bytes[16];
+    int bad = 0;
+    for (int i = 0; i < 16; ++i)
+    {
+        const int hi = digit(text[sPairAt[i]]);
+        const int lo = digit(text[sPairAt[i] + 1]);
+        bad |= hi | lo;
+        bytes[i] = static_cast<uint8_t>((hi << 4) | lo);
+    }
+    // Any digit that was not one has the bit 16 set.
+    if (bad & 16)
+        return false;
+    outValue = QUuid::fromRfc4122(QByteArrayView(bytes, 16));
     return true;
 }
 }

@@ -19,7 +19,7 @@ public:
     int order() const { return mOrder; }
 
     virtual QString read(const OBJ_BASE* inObject) const = 0;
-    virtual void write(OBJ_BASE* inObject, const QString& inText) const = 0;
+    virtual void write(OBJ_BASE* inObject, QStringView inText) const = 0;
     virtual void copyValue(OBJ_BASE* inObjectDst, const OBJ_BASE* inObjectSrc) const = 0;
 
     // Listing order: ascending order, then name (case-sensitive).
@@ -39,10 +39,10 @@ QString propertyToText(const QString& inValue);
 QString propertyToText(bool inValue);
 QString propertyToText(const QUuid& inValue);
 QString propertyToText(const BufferID& inValue);
-bool propertyFromText(const QString& inText, QString& outValue);
-bool propertyFromText(const QString& inText, bool& outValue);
-bool propertyFromText(const QString& inText, QUuid& outValue);
-bool propertyFromText(const QString& inText, BufferID& outValue);
+bool propertyFromText(QStringView inText, QString& outValue);
+bool propertyFromText(QStringView inText, bool& outValue);
+bool propertyFromText(QStringView inText, QUuid& outValue);
+bool propertyFromText(QStringView inText, BufferID& outValue);
 
 template <class OBJ_BASE, class OBJ, class T>
 class Property : public PropertyBase<OBJ_BASE>
@@ -64,17 +64,17 @@ public:
     QString read(const OBJ_BASE* inObject) const override
     {
         const OBJ* obj = dynamic_cast<OBJ*>(const_cast<OBJ_BASE*>(inObject));
-        MC_REQUIRE(dynamic_cast<OBJ*>( const_cast<OBJ_BASE*>(inObject) ) != 0);
+        MC_DBC_TEXT(DbCPrecondition, obj != nullptr, "dynamic_cast<OBJ*>( const_cast<OBJ_BASE*>(inObject) ) != 0");
         MC_ASSERT(mRead!=0);
         if (!obj || !mRead)
             return QString();
         return propertyToText((obj->*mRead)());
     }
 
-    void write(OBJ_BASE* inObject, const QString& inText) const override
+    void write(OBJ_BASE* inObject, QStringView inText) const override
     {
         OBJ* obj = dynamic_cast<OBJ*>(inObject);
-        MC_REQUIRE(dynamic_cast<OBJ*>(inObject) != 0);
+        MC_DBC_TEXT(DbCPrecondition, obj != nullptr, "dynamic_cast<OBJ*>(inObject) != 0");
         T value{};
         // A text the writer would never produce is reported and leaves the value as it was.
         if (!propertyFromText(inText, value))
@@ -116,4 +116,8 @@ private:
     Setter mWrite = nullptr;
     SetterR mWriteR = nullptr;
 };
+
+// The braced lower-case form of a UUID ({8-4-4-4-12 digits}) read in place; false, leaving
+// outValue alone, for any other text.
+bool uuidFromBracedText(QStringView inText, QUuid& outValue);
 }

@@ -22,7 +22,7 @@ std::atomic<uint64_t> sPathGeneration{1};
 uint64_t KsDeploy::pathGeneration() { return sPathGeneration.load(std::memory_order_relaxed); }
 void KsDeploy::pathGenerationBump() { sPathGeneration.fetch_add(1, std::memory_order_relaxed); }
 
-Resource::Resource() : mUuid(QUuid::createUuid())
+Resource::Resource() : mUuid(identityTake())
 {
     if (Engine::instanceAvailable())
     {
@@ -476,4 +476,21 @@ void Resource::incomingSources(std::vector<Resource*>& outSources) const
     outSources.reserve(static_cast<size_t>(mIncoming.size()));
     for (auto it = mIncoming.constBegin(); it != mIncoming.constEnd(); ++it)
         outSources.push_back(it.key());
+}
+
+namespace
+{
+// The identity the next resource made on this thread takes (null: a random one).
+thread_local QUuid sIdentityNext;
+}
+
+void Resource::identityNextSet(const QUuid& inUuid) { sIdentityNext = inUuid; }
+
+QUuid Resource::identityTake()
+{
+    if (sIdentityNext.isNull())
+        return QUuid::createUuid();
+    const QUuid taken = sIdentityNext;
+    sIdentityNext = QUuid();
+    return taken;
 }

@@ -70,6 +70,10 @@ public:
     }
     QUuid uuid() const { return mUuid; }
     void uuidSet(const QUuid& inUuid);
+    // For a reader that knows the identity of the resource it makes next: that resource takes
+    // it (and enters the pool under it) instead of drawing a random one, which costs more than
+    // the rest of making it. Null clears an identity not taken.
+    static void identityNextSet(const QUuid& inUuid);
     bool absence() const { return mAbsence; }
     void absenceSet(bool inAbsence) { mAbsence = inAbsence; }
     bool deleteOnUninstall() const { return mDeleteOnUninstall; }
@@ -139,6 +143,8 @@ private:
     void linkRemoveIf(Predicate inRemove);
     // Squeezes the holes left by removals out of mLinks, keeping the order.
     void linksCompact() const;
+    // The identity set by identityNextSet, once, else a random one.
+    static QUuid identityTake();
 
 private:
     friend class Engine;

@@ -15,7 +15,12 @@ class Resource;
 class ResourcePoolIndex
 {
 public:
-    QHash<QUuid, std::vector<Resource*>> mByUuid;
+    // One resource per identity; a plain pointer, since nearly every identity is held by one
+    // resource and a load enters one per element.
+    QHash<QUuid, Resource*> mByUuid;
+    // The further resources of an identity held by several (a product and its clone while a
+    // transaction runs, a file loaded twice); empty in the common case.
+    QHash<QUuid, std::vector<Resource*>> mShared;
     int64_t mHoles = 0;
 };
 }

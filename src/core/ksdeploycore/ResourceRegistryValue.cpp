@@ -49,9 +49,9 @@ ResourceRegistryValue::Type ResourceRegistryValue::String2Type(const QString& in
 namespace KsDeploy
 {
 QString propertyToText(ResourceRegistryValue::Type inValue) { return ResourceRegistryValue::Type2String(inValue); }
-bool propertyFromText(const QString& inText, ResourceRegistryValue::Type& outValue)
+bool propertyFromText(QStringView inText, ResourceRegistryValue::Type& outValue)
 {
-    outValue = ResourceRegistryValue::String2Type(inText);
+    outValue = ResourceRegistryValue::String2Type(inText.toString());
     return true;
 }
 }

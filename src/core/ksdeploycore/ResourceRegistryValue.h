@@ -72,5 +72,5 @@ private:
 };
 
 QString propertyToText(ResourceRegistryValue::Type inValue);
-bool propertyFromText(const QString& inText, ResourceRegistryValue::Type& outValue);
+bool propertyFromText(QStringView inText, ResourceRegistryValue::Type& outValue);
 }

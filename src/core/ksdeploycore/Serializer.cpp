@@ -33,13 +33,14 @@ McResult Serializer::serialize(const QString& inPath, const McDArray<McHandle<Re
     return retVal;
 }
 
-McResult Serializer::writeLinks(const Resource& inResource)
+namespace
 {
-    McResult retVal;
-    const McDArray<McHandle<Link>>& links = inResource.links();
-    for (int64_t i = 0; i < links.size(); ++i)
-        retVal << writeLink(inResource.uuid(), links[i]->target().uuid(), links[i]->name());
-    return retVal;
+// The report for a link end; made only for one that is missing, since a load looks at every link.
+QString unresolvedText(const Resource* inFound, const QUuid& inUuid)
+{
+    const QString uuid = inFound ? QString() : inUuid.toString(QUuid::WithBraces);
+    return uuid.isEmpty() ? uuid : QStringLiteral("Unable to resolve resource UUID '%1'").arg(uuid);
+}
 }
 
 McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resource>>& inoutResources)
@@ -50,7 +51,6 @@ McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resour
         QUuid target;
         QString name;
     };
-    Engine& engine = Engine::instance();
     McResult retVal = openDocument(inPath, true);
     if (retVal.isOk())
     {
@@ -62,13 +62,13 @@ McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resour
                 continue;
             if (name == QLatin1String("Link"))
             {
-                PendingLink l;
+                PendingLink& l = links.emplace_back();
                 readLink(l.source, l.target, l.name);
-                links.push_back(l);
                 continue;
             }
             McResult unknown;
-            if (MC_CHECK(unknown, ResourceFactory::isRegistered( name ), QStringLiteral("unknown element [%1]").arg(name)))
+            if (!ResourceFactory::isRegistered(name) &&
+                MC_CHECK(unknown, ResourceFactory::isRegistered( name ), QStringLiteral("unknown element [%1]").arg(name)))
                 continue;
             McHandle<Resource> r;
             readResource(r);
@@ -76,19 +76,17 @@ McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resour
             if (r.isNotNull())
                 inoutResources.append(r);
         }
-        // Links are resolved against the whole pool once everything is read, so they may
-        // point forward or at resources loaded from another file.
+        // Resolved against the whole pool once all is read: a link may point forward, or elsewhere.
+        Engine& engine = Engine::instance();
         for (const PendingLink& l : links)
         {
             Resource* source = engine.resource(l.source);
             McResult report;
-            MC_CHECK_TEXT(
-                report, source != nullptr, "false",
-                QStringLiteral("Unable to resolve resource UUID '%1'").arg(l.source.toString(QUuid::WithBraces)));
+            MC_CHECK_TEXT(report, source != nullptr, "false", unresolvedText(source, l.source));
+            // Both ends are looked up and reported, even when the source is already missing: a
+            // broken file is told whole.
             Resource* target = engine.resource(l.target);
-            MC_CHECK_TEXT(
-                report, target != nullptr, "false",
-                QStringLiteral("Unable to resolve resource UUID '%1'").arg(l.target.toString(QUuid::WithBraces)));
+            MC_CHECK_TEXT(report, target != nullptr, "false", unresolvedText(target, l.target));
             if (source && target)
                 source->linkAdd(*target, l.name);
         }
@@ -98,7 +96,17 @@ McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resour
     for (int64_t i = 0; i < inoutResources.size(); ++i)
         if (inoutResources[i].isNotNull())
             linkCount += inoutResources[i]->linkCount();
-    engine.trace(McLogLevelInfo,
-                 QStringLiteral("load: %1 [res: %2, lnk: %3]").arg(inPath).arg(inoutResources.size()).arg(linkCount));
+    Engine::instance().trace(
+        McLogLevelInfo,
+        QStringLiteral("load: %1 [res: %2, lnk: %3]").arg(inPath).arg(inoutResources.size()).arg(linkCount));
+    return retVal;
+}
+
+McResult Serializer::writeLinks(const Resource& inResource)
+{
+    McResult retVal;
+    const McDArray<McHandle<Link>>& links = inResource.links();
+    for (int64_t i = 0; i < links.size(); ++i)
+        retVal << writeLink(inResource.uuid(), links[i]->target().uuid(), links[i]->name());
     return retVal;
 }

@@ -3,24 +3,24 @@
 #include "Engine.h"
 #include "Resource.h"
 #include "ResourceFactory.h"
-
-#include <QFile>
-#include <QSaveFile>
-#include <QXmlStreamReader>
-#include <QXmlStreamWriter>
+#include "XmlSerializerPrivate.h"
 
 #include <cstdio>
 
 using namespace KsDeploy;
 
-struct XmlSerializer::Private
-{
-    QFile mFile;
-    QSaveFile mSaveFile;
-    QXmlStreamWriter mWriter;
-    QXmlStreamReader mReader;
-    bool mWriting = false;
-};
+// A product's description may hold a hundred thousand files, and each is read and written
+// through here, so neither direction copies what it need not:
+// - the reader's names and values are looked at where the reader holds them; a value is copied
+//   only into a text property (names, values of registry entries), and element and link names
+//   that repeat share one copy;
+// - a resource is made with the identity its element gives it and enters the pool's index
+//   under it once, instead of drawing a random identity that the element then replaces;
+// - messages are made only for what is refused, and the file is read as it always was, so a
+//   report names the same element and line;
+// - the writer finds each class's name and sorted properties once per document, not once per
+//   resource;
+// - link ends in the form the writer writes are read digit by digit.
 
 XmlSerializer::XmlSerializer() : d(new Private) {}
 XmlSerializer::~XmlSerializer() = default;
@@ -74,13 +74,14 @@ McResult XmlSerializer::openDocument(const QString& inPath, bool inForReading)
     if (inForReading)
     {
         d->mReader.setDevice(&d->mFile);
+        // A resource with its link takes a few hundred bytes: room for that many spares the
+        // pool's index its regrowth while the file is read.
+        Engine::instance().resourceReserve(d->mFile.size() / 256);
     }
     else
     {
         d->mWriting = true;
-        d->mWriter.setDevice(&d->mSaveFile);
-        d->mWriter.setAutoFormatting(true);
-        d->mWriter.writeStartDocument();
+        d->writeBegin();
         writeStartSection(QStringLiteral("Deploy"));
     }
     return retVal;
@@ -92,8 +93,7 @@ McResult XmlSerializer::closeDocument()
     if (d->mWriting)
     {
         writeEndSection();
-        d->mWriter.writeEndDocument();
-        d->mWriter.setDevice(nullptr);
+        d->writeEnd();
         d->mWriting = false;
         MC_CHECK_TEXT(retVal, d->mSaveFile.commit(), "d->mSaveFile.commit()",
                       QStringLiteral("failed to write file [%1]").arg(d->mSaveFile.fileName()));
@@ -132,13 +132,13 @@ bool XmlSerializer::seekToNextElement()
     return false;
 }
 
-QString XmlSerializer::elementName() { return d->mReader.name().toString(); }
+QString XmlSerializer::elementName() { return d->nameOf(d->mReader.name()); }
 
 McResult XmlSerializer::readResource(McHandle<Resource>& outResource)
 {
     McResult retVal;
     MC_DBC_TEXT(DbCCheck, !d->mReader.atEnd(), "!d->mReader.atEnd()");
-    outResource = ResourceFactory::create(elementName());
+    outResource = d->resourceMake(elementName());
     if (outResource.isNull())
     {
         MC_DBC_TEXT(DbCCheck, false, "outResource.isNotNull()");
@@ -149,12 +149,12 @@ McResult XmlSerializer::readResource(McHandle<Resource>& outResource)
     const QXmlStreamAttributes attributes = d->mReader.attributes();
     for (const QXmlStreamAttribute& a : attributes)
     {
-        const QString name = a.name().toString();
-        PropertyBase<Resource>* prop = props.value(name, nullptr);
+        const QStringView name = a.name();
+        PropertyBase<Resource>* prop = props.value(QString::fromRawData(name.data(), name.size()), nullptr);
         McResult unknown;
-        if (MC_CHECK(unknown, prop!=0, QStringLiteral("unknown attribute [%1]").arg(name)))
+        if (!prop && MC_CHECK(unknown, prop!=0, QStringLiteral("unknown attribute [%1]").arg(name)))
             continue;
-        prop->write(outResource.ptr(), a.value().toString());
+        d->propertyWrite(prop, outResource.ptr(), a);
     }
     return retVal;
 }
@@ -162,11 +162,11 @@ McResult XmlSerializer::readResource(McHandle<Resource>& outResource)
 McResult XmlSerializer::readLink(QUuid& outSource, QUuid& outTarget, QString& outName)
 {
     MC_DBC_TEXT(DbCCheck, !d->mReader.atEnd(), "!d->mReader.atEnd()");
-    MC_DBC_TEXT(DbCCheck, elementName() == QStringLiteral("Link"), "elementName() == QStringLiteral(\"Link\")");
+    MC_DBC_TEXT(DbCCheck, d->mReader.name() == QLatin1String("Link"), "elementName() == QStringLiteral(\"Link\")");
     const QXmlStreamAttributes a = d->mReader.attributes();
-    outSource = QUuid(a.value(QLatin1String("Source")).toString());
-    outTarget = QUuid(a.value(QLatin1String("Target")).toString());
-    outName = a.value(QLatin1String("Name")).toString();
+    outSource = linkEnd(a.value(QLatin1String("Source")));
+    outTarget = linkEnd(a.value(QLatin1String("Target")));
+    outName = d->nameOf(a.value(QLatin1String("Name")));
     return McResult();
 }
 
@@ -184,11 +184,10 @@ McResult XmlSerializer::writeEndSection()
 
 McResult XmlSerializer::writeResource(const McHandle<Resource>& inResource)
 {
-    d->mWriter.writeEmptyElement(ResourceFactory::className(inResource.ptr()));
-    McDArray<PropertyBase<Resource>*> props;
-    inResource->properties(props);
-    for (int64_t i = 0; i < props.size(); ++i)
-        d->mWriter.writeAttribute(props[i]->name(), props[i]->read(inResource.ptr()));
+    const Private::ClassForm& form = d->formOf(inResource.ptr());
+    d->mWriter.writeEmptyElement(form.name);
+    for (int64_t i = 0; i < form.properties.size(); ++i)
+        d->mWriter.writeAttribute(form.properties[i]->name(), form.properties[i]->read(inResource.ptr()));
     return McResult();
 }
 
@@ -199,4 +198,14 @@ McResult XmlSerializer::writeLink(const QUuid& inSource, const QUuid& inTarget, 
     d->mWriter.writeAttribute(QStringLiteral("Target"), inTarget.toString(QUuid::WithBraces));
     d->mWriter.writeAttribute(QStringLiteral("Name"), inName);
     return McResult();
+}
+
+QUuid XmlSerializer::linkEnd(QStringView inText)
+{
+    // As QUuid's reader takes it (braces or none, either case; null when missing or malformed),
+    // the form our writer writes read in place.
+    QUuid uuid;
+    if (uuidFromBracedText(inText, uuid))
+        return uuid;
+    return QUuid::fromString(inText);
 }

@@ -30,6 +30,9 @@ public:
     McResult writeLink(const QUuid& inSource, const QUuid& inTarget, const QString& inName) override;
 
 private:
+    // A link's end as written in the file.
+    static QUuid linkEnd(QStringView inText);
+
     struct Private;
     std::unique_ptr<Private> d;
 };
