@@ -14,9 +14,12 @@ public:
     explicit BenchNginx(const std::string& inRoot);
     ~BenchNginx();
     std::string url() const { return "http://127.0.0.1:" + std::to_string(mPort); }
+    // Requests answered so far (lines of its access log, which nginx writes as it answers).
+    long long requests() const;
 
 private:
     QProcess mProcess;
     int mPort = 0;
+    std::string mAccessLog;
 };
 }

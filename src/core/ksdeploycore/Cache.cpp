@@ -3,6 +3,7 @@
 #include "Common.h"
 #include "Engine.h"
 #include "InterruptSignals.h"
+#include "Lzma.h"
 #include "Progress.h"
 #include "QxDownload.h"
 #include "QxFile.h"
@@ -16,11 +17,16 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace KsDeploy;
@@ -326,6 +332,13 @@ void Cache::packedSeen(const QString& inFolder, bool inHad, bool inNotFound)
     seen.had += inHad ? 1 : 0;
     seen.notFound += inNotFound ? 1 : 0;
     seen.lastMissed = !inHad;
+}
+
+void Cache::httpUrlClearAll()
+{
+    mListOfUrl.clear();
+    mListOfUnreachableUrl.clear();
+    mPackedSeen.clear();
 }
 
 void Cache::httpUrlAdd(const QString& inUrl)
@@ -809,29 +822,212 @@ McResult Cache::loadFileHTTP(const QString& inDestination, const QString& inUrl,
 
 McResult Cache::retrieveFromFile(const QString& inFilePath, bool inCompress)
 {
-    McResult retVal;
     MC_DBC_TEXT(DbCPrecondition, QFile::exists(inFilePath), "QFile::exists(inFilePath)");
-    Engine::instance().trace(McLogLevelInfo, QStringLiteral("caching: %1").arg(inFilePath));
-    const McLib::MD5 md5 = scanFile(inFilePath);
-    if (md5.isNull())
+    return cacheFiles(QStringList{inFilePath}, inCompress);
+}
+
+namespace
+{
+// Compresses files on worker threads, a few at a time, for the thread that hands them out to
+// write: the workers touch nothing shared but their queues.
+class Packer
+{
+public:
+    struct Job
     {
-        retVal.makeBad(1);
+        QString source;  // the file
+        QString item;    // its item's path, without ".lzma"
+        int error = 0;   // the reading's errno
+        LzmaWithin verdict = LzmaWithin::Failed;
+        std::vector<unsigned char> packed;
+    };
+
+    Packer()
+    {
+        const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+        for (unsigned i = 0; i < std::min(cores, 8u); ++i)
+            mWorkers.emplace_back([this] { work(); });
+    }
+    ~Packer()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mEnd = true;
+        }
+        mToDo.notify_all();
+        for (std::thread& t : mWorkers)
+            t.join();
+    }
+    // Jobs handed out and not yet taken back: kept to a few, so memory holds a few files.
+    size_t pending() const { return mPending; }
+    size_t width() const { return mWorkers.size(); }
+    void add(std::unique_ptr<Job> inJob)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mQueue.push_back(std::move(inJob));
+        }
+        ++mPending;
+        mToDo.notify_one();
+    }
+    // The next finished job; waits for one.
+    std::unique_ptr<Job> take()
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mDoneReady.wait(lock, [this] { return !mDone.empty(); });
+        std::unique_ptr<Job> job = std::move(mDone.front());
+        mDone.pop_front();
+        --mPending;
+        return job;
+    }
+
+private:
+    static void pack(Job& inoutJob)
+    {
+        const int fd = QxBase::File::openForReading(inoutJob.source);
+        if (fd < 0)
+        {
+            inoutJob.error = errno;
+            return;
+        }
+        std::vector<unsigned char> content;
+        struct stat st;
+        if (::fstat(fd, &st) == 0 && st.st_size > 0)
+            content.reserve(static_cast<size_t>(st.st_size));
+        unsigned char buffer[1 << 16];
+        for (;;)
+        {
+            const ssize_t n = ::read(fd, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                inoutJob.error = errno;
+            if (n <= 0)
+                break;
+            content.insert(content.end(), buffer, buffer + n);
+        }
+        ::close(fd);
+        if (inoutJob.error)
+            return;
+        // A copy must be at least 5% smaller than the item to be worth decoding.
+        const uint64_t size = content.size();
+        inoutJob.verdict =
+            lzmaCompressWithin(inoutJob.packed, content.data(), static_cast<int64_t>(size), size - (size + 19) / 20);
+    }
+
+    void work()
+    {
+        for (;;)
+        {
+            std::unique_ptr<Job> job;
+            {
+                std::unique_lock<std::mutex> lock(mMutex);
+                mToDo.wait(lock, [this] { return mEnd || !mQueue.empty(); });
+                if (mQueue.empty())
+                    return;
+                job = std::move(mQueue.front());
+                mQueue.pop_front();
+            }
+            pack(*job);
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                mDone.push_back(std::move(job));
+            }
+            mDoneReady.notify_one();
+        }
+    }
+
+    std::vector<std::thread> mWorkers;
+    std::mutex mMutex;
+    std::condition_variable mToDo, mDoneReady;
+    std::deque<std::unique_ptr<Job>> mQueue, mDone;
+    size_t mPending = 0;
+    bool mEnd = false;
+};
+
+// Writes a finished job: its ".lzma" copy, or the plain file where the copy is not worth it.
+McResult packedWrite(const Packer::Job& inJob)
+{
+    McResult retVal;
+    if (inJob.error)
+    {
+        MC_CHECK_DETAIL(retVal, inJob.error == 0, "Internal Error",
+                        McLib::osDetail(QFile::encodeName(inJob.source).toStdString(), inJob.error));
         return retVal;
     }
-    QString target = itemFilePath(BufferID(md5));
-    if (inCompress)
-        target += QStringLiteral(".lzma");
-    if (QFileInfo(target).isFile())
-        return retVal;
-    if (inCompress)
-        retVal << fileCompress(target, inFilePath);
-    else
+    if (inJob.verdict == LzmaWithin::TooLarge)
     {
-        const McResult copied = QxBase::File::copyReplace(inFilePath, target);
+        const McResult copied = QxBase::File::copyReplace(inJob.source, inJob.item);
         if (MC_CHECK_TEXT(retVal, copied.isOk(), "b",
-                          QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inFilePath, target)))
+                          QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(inJob.source, inJob.item)))
             retVal << copied;
+        return retVal;
     }
+    const QString target = inJob.item + QStringLiteral(".lzma");
+    if (MC_CHECK_TEXT(retVal, inJob.verdict == LzmaWithin::Done, "ret == LZMA_STREAM_END",
+                      QStringLiteral("lzma compression: %1").arg(inJob.source)))
+        return retVal;
+    // Written beside the target and renamed into place: never a half-written copy.
+    const QString temp = QxBase::File::temporaryPathBeside(target);
+    QFile file(temp);
+    if (MC_CHECK_TEXT(retVal, file.open(QIODevice::WriteOnly | QIODevice::Truncate),
+                      "fileDst.open( QIODevice::WriteOnly | QIODevice::Truncate )", target))
+        return retVal;
+    retVal << QxBase::File::writeAll(file, reinterpret_cast<const char*>(inJob.packed.data()),
+                                     static_cast<qint64>(inJob.packed.size()));
+    if (retVal.isOk())
+        retVal << QxBase::File::writeAll(file, QByteArray());  // flushes
+    file.close();
+    if (retVal.isOk())
+        MC_CHECK_TEXT(retVal, ::rename(QFile::encodeName(temp).constData(), QFile::encodeName(target).constData()) == 0,
+                      "rename", target);
+    if (retVal.isBad())
+        QFile::remove(temp);
+    return retVal;
+}
+}
+
+McResult Cache::cacheFiles(const QStringList& inPaths, bool inCompress)
+{
+    McResult retVal;
+    std::unique_ptr<Packer> packer;
+    QSet<QString> handed;  // items already on their way: the same content twice is packed once
+    for (const QString& filePath : inPaths)
+    {
+        Engine::instance().trace(McLogLevelInfo, QStringLiteral("caching: %1").arg(filePath));
+        const McLib::MD5 md5 = scanFile(filePath);
+        if (md5.isNull())
+        {
+            retVal.makeBad(1);
+            continue;
+        }
+        const QString item = itemFilePath(BufferID(md5));
+        if (!inCompress)
+        {
+            if (QFileInfo(item).isFile())
+                continue;
+            const McResult copied = QxBase::File::copyReplace(filePath, item);
+            if (MC_CHECK_TEXT(retVal, copied.isOk(), "b",
+                              QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(filePath, item)))
+                retVal << copied;
+            continue;
+        }
+        // Published before, as a copy or, not worth one, plain.
+        if (handed.contains(item) || QFileInfo(item + QStringLiteral(".lzma")).isFile() || QFileInfo(item).isFile())
+            continue;
+        handed.insert(item);
+        if (!packer)
+            packer.reset(new Packer);
+        std::unique_ptr<Packer::Job> job(new Packer::Job);
+        job->source = filePath;
+        job->item = item;
+        packer->add(std::move(job));
+        // Hashing runs ahead of the packing by a few files only.
+        while (packer->pending() > 2 * packer->width())
+            retVal << packedWrite(*packer->take());
+    }
+    while (packer && packer->pending() > 0)
+        retVal << packedWrite(*packer->take());
     return retVal;
 }
 
@@ -846,6 +1042,8 @@ McResult Cache::retrieveFromDirectory(const QString& inDirPath, bool inRecursive
         return retVal;
     // Walked with an explicit list of folders, not recursion.
     QStringList pending{dir.absolutePath()};
+    // Compressing, the files of the whole walk go together: they are packed on every core.
+    QStringList batch;
     while (!pending.isEmpty())
     {
         QDir current(pending.takeFirst());
@@ -854,7 +1052,10 @@ McResult Cache::retrieveFromDirectory(const QString& inDirPath, bool inRecursive
         for (const QFileInfo& fi : files)
         {
             MC_ASSERT(fi.isFile());
-            retVal << retrieveFromFile(fi.absoluteFilePath(), inCompress);
+            if (inCompress)
+                batch.append(fi.absoluteFilePath());
+            else
+                retVal << retrieveFromFile(fi.absoluteFilePath(), inCompress);
         }
         if (!inRecursive)
             break;
@@ -867,6 +1068,8 @@ McResult Cache::retrieveFromDirectory(const QString& inDirPath, bool inRecursive
             pending.append(fi.absoluteFilePath());
         }
     }
+    if (!batch.isEmpty())
+        retVal << cacheFiles(batch, true);
     return retVal;
 }
 
@@ -876,6 +1079,7 @@ McResult Cache::retrieveFromResources(const McDArray<McHandle<Resource>>& inReso
     Progress& progress = Engine::instance().progress();
     progress.taskStartNext(tr("Cache resources"));
     const int64_t n = inResources.size();
+    QStringList batch;
     for (int64_t i = 0; i < n; ++i)
     {
         // Interrupted while a change takes its snapshot: the change stops, and says so.
@@ -886,8 +1090,16 @@ McResult Cache::retrieveFromResources(const McDArray<McHandle<Resource>>& inReso
             continue;
         const QString path = entry->path();
         if (!path.isEmpty() && QFileInfo(path).isFile())
-            retVal << retrieveFromFile(path, inCompress);
+        {
+            // Compressing, the files go together at the end: they are packed on every core.
+            if (inCompress)
+                batch.append(path);
+            else
+                retVal << retrieveFromFile(path, inCompress);
+        }
         progress.progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
     }
+    if (!batch.isEmpty())
+        retVal << cacheFiles(batch, true);
     return retVal;
 }

@@ -31,7 +31,9 @@ public:
     void pathSet(const QString& inPath) { mPath = inPath; }
 
     void httpUrlAdd(const QString& inUrl);
-    void httpUrlClearAll() { mListOfUrl.clear(); }
+    // Also forgets what the servers' answers taught (which did not answer, which folders have
+    // no ".lzma" copies).
+    void httpUrlClearAll();
     QList<QString> httpUrlList() const { return mListOfUrl; }
 
     bool itemIsCached(const BufferID& inBufferId) const;
@@ -92,6 +94,9 @@ private:
     bool packedAbsentAt(const QString& inFolder) const;
     // What the answer to a ".lzma" copy in inFolder said: had, missing (HTTP 404) or neither.
     void packedSeen(const QString& inFolder, bool inHad, bool inNotFound);
+    // Caches local files; with inCompress as ".lzma" copies, compressed on every core, and as the
+    // plain file where the copy would not be at least 5% smaller.
+    McResult cacheFiles(const QStringList& inPaths, bool inCompress);
     // The failure of an item that no URL served (inReasons: why each failed).
     McResult retrieveFailure(const BufferID& inBufferId, const QList<QString>& inUrls,
                              const QStringList& inReasons) const;
