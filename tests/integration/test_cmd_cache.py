@@ -34,7 +34,7 @@ class CacheTest(ksharness.KsTestCase):
         # Enough files that several are packed at once; the random ones and the tiny one would
         # not shrink by 5% and are published plain instead.
         packed = {"src/text%d.txt" % i: (b"line %d of a text that repeats\n" % i) * 400 for i in range(12)}
-        plain = {"src/random%d.bin" % i: os.urandom(70000 + i) for i in range(3)}
+        plain = {"src/random%d.bin" % i: os.urandom(70000 + 300000 * i) for i in range(3)}
         plain["src/b.txt"] = b"beta"
         for name, data in list(packed.items()) + list(plain.items()):
             self.write(name, data)

@@ -909,8 +909,15 @@ private:
         ::close(fd);
         if (inoutJob.error)
             return;
-        // A copy must be at least 5% smaller than the item to be worth decoding.
+        // A copy must be at least 5% smaller than the item to be worth decoding. Data that does
+        // not shrink at all in a quick look (already packed, random) is not put through the slow
+        // preset: compressing it would cost as much as the whole rest.
         const uint64_t size = content.size();
+        if (lzmaLooksIncompressible(content.data(), static_cast<int64_t>(size)))
+        {
+            inoutJob.verdict = LzmaWithin::TooLarge;
+            return;
+        }
         inoutJob.verdict =
             lzmaCompressWithin(inoutJob.packed, content.data(), static_cast<int64_t>(size), size - (size + 19) / 20);
     }
