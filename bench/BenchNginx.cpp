@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 namespace KsBench
 {
@@ -18,6 +19,9 @@ BenchNginx::BenchNginx(const std::string& inRoot)
     while (mProcess.waitForReadyRead(30000))
     {
         out += mProcess.readAllStandardOutput();
+        const int log = out.indexOf("ACCESS_LOG ");
+        if (log >= 0 && out.indexOf('\n', log) > 0)
+            mAccessLog = out.mid(log + 11, out.indexOf('\n', log) - log - 11).toStdString();
         const int at = out.indexOf("PORT ");
         if (at >= 0 && out.indexOf('\n', at) > 0)
         {
@@ -33,6 +37,16 @@ BenchNginx::BenchNginx(const std::string& inRoot)
         std::fprintf(stderr, "bench: nginx did not start: %s\n", mProcess.readAllStandardError().constData());
         std::exit(2);
     }
+}
+
+long long BenchNginx::requests() const
+{
+    std::ifstream log(mAccessLog);
+    long long lines = 0;
+    std::string line;
+    while (std::getline(log, line))
+        ++lines;
+    return lines;
 }
 
 BenchNginx::~BenchNginx()

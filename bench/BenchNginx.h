@@ -16,6 +16,8 @@ public:
     std::string url() const { return "http://127.0.0.1:" + std::to_string(mPort); }
     // nginx's access log: per request its connection, request line, status and body bytes.
     const std::string& accessLog() const { return mAccessLog; }
+    // Requests answered so far (lines of its access log, which nginx writes as it answers).
+    long long requests() const;
 
 private:
     QProcess mProcess;

@@ -106,7 +106,8 @@ TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
     // Enough files that the cache is listed once rather than asked per item, and that the
     // writers have more outstanding than they keep.
     for (int i = 0; i < 600; ++i)
-        KsTest::writeFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)), QByteArray::number(i * 7919));
+        KsTest::writeFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)),
+                          QByteArray::number(i * 7919).repeated(64));  // worth a ".lzma" copy
     QFile::setPermissions(p("src/d1/f1.txt"), QFile::permissions(p("src/d1/f1.txt")) | QFile::ExeOwner);
     describe("Many");
     e().configuration().valueSet("TARGET", p("target/deeper"), false);

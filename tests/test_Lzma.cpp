@@ -190,3 +190,49 @@ TEST(LzmaRegressions, EveryKeptInputIsReadAsItsNameSays)
     }
     EXPECT_GE(replayed, 4);
 }
+
+namespace
+{
+QByteArray noise(int inBytes, unsigned inSeed)
+{
+    QByteArray n(inBytes, '\0');
+    uint64_t x = inSeed * 0x9E3779B97F4A7C15ull + 1;
+    for (char& c : n)
+    {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        c = static_cast<char>(x >> 56);
+    }
+    return n;
+}
+
+const unsigned char* bytes(const QByteArray& inData) { return reinterpret_cast<const unsigned char*>(inData.constData()); }
+}
+
+TEST(LzmaPublish, ACopyWithinItsLimitIsTheWholeCodecsOutputAndOneBeyondIsRefused)
+{
+    const QByteArray plain = text(20000);
+    const QByteArray whole = packed(plain);
+    std::vector<unsigned char> out;
+    // Exactly at the limit still fits; one byte less does not.
+    EXPECT_EQ(LzmaWithin::Done, lzmaCompressWithin(out, bytes(plain), plain.size(), whole.size()));
+    EXPECT_TRUE(QByteArray(reinterpret_cast<const char*>(out.data()), static_cast<qsizetype>(out.size())) == whole);
+    EXPECT_EQ(LzmaWithin::TooLarge, lzmaCompressWithin(out, bytes(plain), plain.size(), whole.size() - 1));
+    EXPECT_TRUE(out.empty());
+    const QByteArray random = noise(3 << 20, 1);
+    EXPECT_EQ(LzmaWithin::TooLarge, lzmaCompressWithin(out, bytes(random), random.size(), random.size()));
+}
+
+TEST(LzmaPublish, OnlyDataThatShrinksNowhereLooksIncompressible)
+{
+    const QByteArray random = noise(2 << 20, 2);
+    EXPECT_TRUE(lzmaLooksIncompressible(bytes(random), random.size()));
+    EXPECT_FALSE(lzmaLooksIncompressible(bytes(text(60000)), text(60000).size()));
+    // Small inputs are left to the real run.
+    EXPECT_FALSE(lzmaLooksIncompressible(bytes(random), 200 * 1024));
+    // Random for most of it, text at the end: the last window sees the text.
+    QByteArray mixed = noise(2 << 20, 3);
+    mixed.append(text(4000).left(64 * 1024));
+    EXPECT_FALSE(lzmaLooksIncompressible(bytes(mixed), mixed.size()));
+}

@@ -30,13 +30,29 @@ class CacheTest(ksharness.KsTestCase):
         with open(os.path.join(self.cache, md5(b"gamma")), "rb") as f:
             self.assertEqual(b"gamma", f.read())
 
-    def test_compressed_copies_are_what_xz_reads(self):
-        r = self.run_ks("--cache", "action=precache", "targetdir=" + self.cache, "dir=" + self.path("src"),
-                        "compress=true")
-        self.assertOk(r)
-        copy = os.path.join(self.cache, md5(b"beta") + ".lzma")
-        plain = subprocess.run(["xz", "--format=lzma", "-d", "-c", copy], stdout=subprocess.PIPE, check=True)
-        self.assertEqual(b"beta", plain.stdout)
+    def test_compressed_copies_are_what_xz_reads_and_only_where_they_pay(self):
+        # Enough files that several are packed at once; the random ones and the tiny one would
+        # not shrink by 5% and are published plain instead.
+        packed = {"src/text%d.txt" % i: (b"line %d of a text that repeats\n" % i) * 400 for i in range(12)}
+        plain = {"src/random%d.bin" % i: os.urandom(70000 + 300000 * i) for i in range(3)}
+        plain["src/b.txt"] = b"beta"
+        for name, data in list(packed.items()) + list(plain.items()):
+            self.write(name, data)
+        for _ in range(2):  # the second time finds everything published
+            r = self.run_ks("--cache", "action=precache", "targetdir=" + self.cache, "dir=" + self.path("src"),
+                            "compress=true")
+            self.assertOk(r)
+            self.assertEqual("", r.err)
+            for data in packed.values():
+                copy = os.path.join(self.cache, md5(data) + ".lzma")
+                out = subprocess.run(["xz", "--format=lzma", "-d", "-c", copy], stdout=subprocess.PIPE, check=True)
+                self.assertEqual(data, out.stdout)
+                self.assertFalse(os.path.exists(os.path.join(self.cache, md5(data))))
+            for data in plain.values():
+                with open(os.path.join(self.cache, md5(data)), "rb") as f:
+                    self.assertEqual(data, f.read())
+                self.assertFalse(os.path.exists(os.path.join(self.cache, md5(data) + ".lzma")))
+            self.assertEqual(2 + len(packed) + len(plain), len(self.items()), self.items())
 
     def test_clear_removes_every_item(self):
         self.assertOk(self.run_ks("--cache", "action=precache", "targetdir=" + self.cache, "dir=" + self.path("src")))

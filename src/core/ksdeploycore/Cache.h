@@ -3,12 +3,14 @@
 #include "KsGlobal.h"
 
 #include <QDateTime>
+#include <QHash>
 #include <QList>
 #include <QSet>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
+#include <vector>
 
 namespace KsDeploy
 {
@@ -29,7 +31,9 @@ public:
     void pathSet(const QString& inPath) { mPath = inPath; }
 
     void httpUrlAdd(const QString& inUrl);
-    void httpUrlClearAll() { mListOfUrl.clear(); }
+    // Also forgets what the servers' answers taught (which did not answer, which folders have
+    // no ".lzma" copies).
+    void httpUrlClearAll();
     QList<QString> httpUrlList() const { return mListOfUrl; }
 
     bool itemIsCached(const BufferID& inBufferId) const;
@@ -49,6 +53,12 @@ public:
     McResult itemWriteOverFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite);
 
     McResult retrieve(const BufferID& inBufferId);
+    // retrieve for many items, fetched over several connections at once. inProgress hears of
+    // every item that is in the cache (fetched or there before) with the count so far; false from
+    // it starts no further one. Stops at the first item no URL can serve and reports it as
+    // retrieve would.
+    McResult retrieveAll(const std::vector<BufferID>& inBufferIds,
+                         const std::function<bool(size_t inDone)>& inProgress = {});
     McResult retrieveFromFile(const QString& inFilePath, bool inCompress);
     McResult retrieveFromDirectory(const QString& inDirPath, bool inRecursive, const QStringList& inFilters,
                                    bool inCompress);
@@ -78,14 +88,30 @@ private:
     // One item from one URL into inDestination, ".lzma" copy first, digest checked.
     McResult fetchFile(const QString& inDestination, const QString& inUrl, const McLib::MD5& inExpected,
                        bool& outUnreachable);
+    // Whether the last ".lzma" copy asked for in inFolder could not be had.
     bool packedMissingAt(const QString& inFolder) const;
-    void packedMissingSet(const QString& inFolder, bool inMissing);
+    // Whether inFolder is taken to have no ".lzma" copies at all: only plain files are asked for.
+    bool packedAbsentAt(const QString& inFolder) const;
+    // What the answer to a ".lzma" copy in inFolder said: had, missing (HTTP 404) or neither.
+    void packedSeen(const QString& inFolder, bool inHad, bool inNotFound);
+    // Caches local files; with inCompress as ".lzma" copies, compressed on every core, and as the
+    // plain file where the copy would not be at least 5% smaller.
+    McResult cacheFiles(const QStringList& inPaths, bool inCompress);
+    // The failure of an item that no URL served (inReasons: why each failed).
+    McResult retrieveFailure(const BufferID& inBufferId, const QList<QString>& inUrls,
+                             const QStringList& inReasons) const;
 
     QList<QString> mListOfUrl;
     // Base URLs that did not answer: skipped for the rest of the run.
     QSet<QString> mListOfUnreachableUrl;
-    // Folders on a server whose last ".lzma" copy could not be had (see folderOf in Cache.cpp).
-    QSet<QString> mListOfFolderWithoutPacked;
+    // What the ".lzma" copies of folders on a server answered (see folderOf in Cache.cpp).
+    struct PackedSeen
+    {
+        int had = 0;       // copies that came
+        int notFound = 0;  // copies the server does not have (HTTP 404)
+        bool lastMissed = false;
+    };
+    QHash<QString, PackedSeen> mPackedSeen;
 
     QString mPath;
     std::function<McResult(QString&)> mDefaultPath;

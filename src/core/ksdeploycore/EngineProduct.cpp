@@ -202,21 +202,24 @@ McResult Engine::productInstallDownload(const McDArray<McHandle<Resource>>& inRe
             entries.push_back(e);
     const size_t n = entries.size();
     // For many files one listing of the cache says which items are there already; only the
-    // others are looked at one by one.
+    // others are looked at one by one, and fetched over several connections at once.
     QSet<QString> cached;
     const bool listed = n > 64 && cache().itemsCached(cached);
-    for (size_t i = 0; i < n && retVal.isOk(); ++i)
+    std::vector<BufferID> wanted;
+    wanted.reserve(n);
+    for (size_t i = 0; i < n; ++i)
     {
-        if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
-            break;
         const BufferID id = entries[i]->bufferId();
-        if (!id.isValid())
-            continue;
-        if (!listed || !cached.contains(id.toString()))
-            retVal << cache().retrieve(id);
-        if (retVal.isOk())
-            progress().progressSet(static_cast<float>(i + 1) / static_cast<float>(n));
+        if (id.isValid() && (!listed || !cached.contains(id.toString())))
+            wanted.push_back(id);
     }
+    if (!inRollbackMode && productInterrupted(retVal, mOperationRunning))
+        return retVal;
+    const size_t have = n - wanted.size();
+    retVal << cache().retrieveAll(wanted, [&](size_t inDone) {
+        progress().progressSet(static_cast<float>(have + inDone) / static_cast<float>(n));
+        return inRollbackMode || !productInterrupted(retVal, mOperationRunning);
+    });
     return retVal;
 }
 

@@ -156,6 +156,71 @@ McResult KsDeploy::lzmaCompressTo(const LzmaSink& inSink, const unsigned char* i
     return runTo(stream, inSink, inData, inSize, "lzma compression");
 }
 
+LzmaWithin KsDeploy::lzmaCompressWithin(std::vector<unsigned char>& outData, const unsigned char* inData,
+                                        int64_t inSize, uint64_t inLimit)
+{
+    outData.clear();
+    lzma_options_lzma options;
+    lzma_lzma_preset(&options, 6);
+    lzma_stream stream = LZMA_STREAM_INIT;
+    if (lzma_alone_encoder(&stream, &options) != LZMA_OK)
+        return LzmaWithin::Failed;
+    // Never more than the limit plus one block: past the limit the answer is known.
+    const size_t block = 1 << 20;
+    outData.reserve(static_cast<size_t>(std::min<uint64_t>(inLimit, static_cast<uint64_t>(inSize))) + block);
+    stream.next_in = inData;
+    stream.avail_in = static_cast<size_t>(inSize);
+    lzma_ret ret = LZMA_OK;
+    while (ret == LZMA_OK && outData.size() <= inLimit)
+    {
+        const size_t before = outData.size();
+        outData.resize(before + block);
+        stream.next_out = outData.data() + before;
+        stream.avail_out = block;
+        ret = lzma_code(&stream, LZMA_FINISH);
+        outData.resize(before + block - stream.avail_out);
+    }
+    lzma_end(&stream);
+    if (ret != LZMA_OK && ret != LZMA_STREAM_END)
+        return LzmaWithin::Failed;
+    if (outData.size() > inLimit)
+    {
+        outData.clear();
+        return LzmaWithin::TooLarge;
+    }
+    return LzmaWithin::Done;
+}
+
+bool KsDeploy::lzmaLooksIncompressible(const unsigned char* inData, int64_t inSize)
+{
+    // Windows spread over the whole input, each through the fast preset: a window that shrinks
+    // by 2% means the data may be worth the real run.
+    const int64_t window = 64 * 1024;
+    if (inSize < 4 * window)
+        return false;
+    const int probes = static_cast<int>(std::min<int64_t>(8, inSize / window));
+    std::vector<unsigned char> out(static_cast<size_t>(window + window / 4 + 4096));
+    for (int i = 0; i < probes; ++i)
+    {
+        const int64_t at = (inSize - window) * i / std::max(1, probes - 1);
+        lzma_options_lzma options;
+        lzma_lzma_preset(&options, 1);
+        lzma_stream stream = LZMA_STREAM_INIT;
+        if (lzma_alone_encoder(&stream, &options) != LZMA_OK)
+            return false;
+        stream.next_in = inData + at;
+        stream.avail_in = static_cast<size_t>(window);
+        stream.next_out = out.data();
+        stream.avail_out = out.size();
+        const lzma_ret ret = lzma_code(&stream, LZMA_FINISH);
+        const size_t produced = out.size() - stream.avail_out;
+        lzma_end(&stream);
+        if (ret != LZMA_STREAM_END || produced < static_cast<size_t>(window - window / 50))
+            return false;
+    }
+    return true;
+}
+
 McResult KsDeploy::lzmaUncompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize)
 {
     uint64_t claimed = 0;

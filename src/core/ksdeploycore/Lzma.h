@@ -2,6 +2,7 @@
 #include "KsGlobal.h"
 
 #include <functional>
+#include <vector>
 
 namespace KsDeploy
 {
@@ -17,6 +18,22 @@ McResult lzmaUncompress(McDArray<unsigned char>& outData, const unsigned char* i
 using LzmaSink = std::function<bool(const unsigned char* inData, size_t inSize)>;
 McResult lzmaCompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize);
 McResult lzmaUncompressTo(const LzmaSink& inSink, const unsigned char* inData, int64_t inSize);
+
+// The codec's output for the whole input, as lzmaCompress gives it, unless it grows beyond
+// inLimit bytes. Says nothing and shares nothing, so any thread may run it.
+enum class LzmaWithin
+{
+    Done,
+    TooLarge,
+    Failed,  // the codec could not run (no memory)
+};
+LzmaWithin lzmaCompressWithin(std::vector<unsigned char>& outData, const unsigned char* inData, int64_t inSize,
+                              uint64_t inLimit);
+
+// A quick look at whether the codec could shrink the data at all: true when windows spread over
+// it do not shrink by 2% under the fast preset. Small inputs are never judged so. A guess, so
+// only good for leaving out a copy that would likely not be worth having.
+bool lzmaLooksIncompressible(const unsigned char* inData, int64_t inSize);
 
 // Decoding with bounded memory, input and output both piece by piece: inSource fills up to
 // inRoom bytes and returns how many, 0 at the end of the input, -1 when it cannot read (it keeps

@@ -25,6 +25,9 @@ struct QxDownload::Private
     CURLM* multi = nullptr;
     CURL* curl[2] = {nullptr, nullptr};
     std::vector<char> fileBuffer[2];  // kept between downloads: many small items come one after another
+    // The further handles of downloadMany, with their buffers; kept like the two above.
+    std::vector<CURL*> many;
+    std::vector<std::vector<char>> manyBuffer;
 };
 
 QxDownload::QxDownload() : d(new Private)
@@ -38,6 +41,13 @@ QxDownload::QxDownload() : d(new Private)
 
 QxDownload::~QxDownload()
 {
+    for (CURL* c : d->many)
+        if (c)
+        {
+            if (d->multi)
+                curl_multi_remove_handle(d->multi, c);
+            curl_easy_cleanup(c);
+        }
     for (CURL* c : d->curl)
         if (c)
         {
@@ -543,4 +553,93 @@ void QxDownload::downloadPair(Request& inoutFirst, Request& inoutSecond)
         transferDrop(second);
     else
         transferFinish(second);
+}
+
+void QxDownload::downloadMany(int inParallel, const std::function<Request*()>& inNext,
+                              const std::function<void(Request&)>& inDone)
+{
+    const size_t width = static_cast<size_t>(std::max(1, inParallel));
+    while (d->many.size() < width)
+    {
+        d->many.push_back(curl_easy_init());
+        d->manyBuffer.emplace_back();
+    }
+    const auto refuse = [](Request& inoutRequest) {
+        inoutRequest.file = -1;
+        inoutRequest.result = ResultFailed;
+        inoutRequest.error = QStringLiteral("no download library");
+        inoutRequest.ms = 0;
+    };
+    // One transfer per slot; a slot is free again once its transfer has been handed back.
+    std::vector<std::unique_ptr<Transfer>> running(width);
+    size_t busy = 0;
+    for (;;)
+    {
+        // Fill the free connections; a request the library cannot take is answered at once (and its
+        // answer may hand out more, so the slot is offered again).
+        for (size_t i = 0; i < width; ++i)
+        {
+            while (!running[i])
+            {
+                Request* r = inNext();
+                if (!r)
+                    break;
+                r->file = -1;
+                if (!d->multi || !d->many[i])
+                {
+                    refuse(*r);
+                    inDone(*r);
+                    continue;
+                }
+                running[i].reset(new Transfer);
+                transferStart(*running[i], d->many[i], d->manyBuffer[i], *r);
+                if (curl_multi_add_handle(d->multi, d->many[i]) != CURLM_OK)
+                {
+                    running[i].reset();
+                    refuse(*r);
+                    inDone(*r);
+                    continue;
+                }
+                ++busy;
+            }
+        }
+        // inNext had nothing left and nothing runs that could give it more.
+        if (busy == 0)
+            return;
+        int still = 0;
+        const CURLMcode mc = curl_multi_perform(d->multi, &still);
+        int left = 0;
+        while (CURLMsg* msg = curl_multi_info_read(d->multi, &left))
+        {
+            if (msg->msg != CURLMSG_DONE)
+                continue;
+            for (size_t i = 0; i < width; ++i)
+                if (running[i] && !running[i]->done && msg->easy_handle == running[i]->curl)
+                {
+                    running[i]->rc = msg->data.result;
+                    running[i]->done = true;
+                }
+        }
+        if (mc != CURLM_OK)
+            for (std::unique_ptr<Transfer>& t : running)
+                if (t && !t->done)
+                {
+                    t->rc = CURLE_FAILED_INIT;
+                    t->done = true;
+                }
+        bool ended = false;
+        for (std::unique_ptr<Transfer>& t : running)
+            if (t && t->done)
+            {
+                curl_multi_remove_handle(d->multi, t->curl);
+                transferFinish(*t);
+                Request& r = *t->request;
+                t.reset();
+                --busy;
+                ended = true;
+                inDone(r);
+            }
+        if (!ended && busy > 0)
+            curl_multi_poll(d->multi, nullptr, 0, 1000, nullptr);
+    }
 }

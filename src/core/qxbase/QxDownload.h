@@ -77,6 +77,12 @@ public:
     // turns out good, the fallback is given up (ResultDropped, its file removed); otherwise it
     // runs to its end as download() would have run it.
     void downloadPair(Request& inoutFirst, Request& inoutSecond);
+    // Many downloads over up to inParallel connections at once, kept open from one to the next.
+    // inNext hands the next request to start (nullptr: none for now); inDone is called on this
+    // thread as each one ends, and may give inNext more to hand out. Returns once nothing runs
+    // and inNext has nothing left.
+    void downloadMany(int inParallel, const std::function<Request*()>& inNext,
+                      const std::function<void(Request&)>& inDone);
 
     ~QxDownload();
 
