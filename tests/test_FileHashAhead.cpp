@@ -18,7 +18,8 @@ namespace
 McLib::MD5 md5Of(const QByteArray& inData)
 {
     McCoder coder;
-    coder.crcMD5Update(reinterpret_cast<const unsigned char*>(inData.constData()), static_cast<unsigned>(inData.size()));
+    coder.crcMD5Update(reinterpret_cast<const unsigned char*>(inData.constData()),
+                       static_cast<unsigned>(inData.size()));
     coder.crcMD5Final();
     McLib::MD5 out;
     coder.crcMD5Query(out.data());

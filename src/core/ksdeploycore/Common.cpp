@@ -72,7 +72,8 @@ McLib::MD5 hashDescriptor(int inFd, const QString& inPath, McResult& outResult)
     if (MC_CHECK_TEXT(outResult, why != ENOMEM, "buf!=0", "Internal Error"))
         return McLib::MD5();
     if (::McLib::checkStep(outResult, why == 0, __LINE__, __FILE__, __PRETTY_FUNCTION__, "Internal Error",
-                           "cond[numBytesRead>=0]", false, why == 0 ? std::string() : McLib::osDetail(mcMessageText(inPath), why)))
+                           "cond[numBytesRead>=0]", false,
+                           why == 0 ? std::string() : McLib::osDetail(mcMessageText(inPath), why)))
         return McLib::MD5();
     return result;
 }

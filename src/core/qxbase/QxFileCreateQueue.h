@@ -51,9 +51,9 @@ private:
     std::vector<Job*> mBatch;
     std::mutex mMutex;
     std::condition_variable mWork, mDone;
-    std::deque<Job*> mTodo;   // guarded by mMutex
-    int mIdle = 0;            // workers waiting for work, guarded by mMutex
-    bool mStopping = false;   // guarded by mMutex
+    std::deque<Job*> mTodo;                  // guarded by mMutex
+    int mIdle = 0;                           // workers waiting for work, guarded by mMutex
+    bool mStopping = false;                  // guarded by mMutex
     std::atomic<Job*> mWaitingFor{nullptr};  // the job the caller sleeps for
     size_t mWorkerCount = 0;
     std::vector<std::thread> mWorkers;
