@@ -51,7 +51,7 @@ TEST(FileHashAhead, EachFileGetsItsOwnDigestWhateverTheOrderOfTheWalk)
         writeFile(paths.back(), data);
         contents.push_back(data);
     }
-    FileHashAhead ahead(paths, 3);
+    FileHashAhead ahead(paths, 3, 1);
     // The walk asks in its own order and may skip some; each answer is the file's own.
     for (int i = n - 1; i >= 0; --i)
     {
@@ -73,7 +73,7 @@ TEST(FileHashAhead, WhatTheWorkersCannotHashIsLeftToScanFile)
     ASSERT_EQ(0, ::mkfifo(QFile::encodeName(dir.filePath("pipe")).constData(), 0600));
     // A pipe is not waited for, a link not followed, a missing file not invented.
     {
-        FileHashAhead ahead(QStringList() << dir.filePath("pipe") << link << missing << dir.path(), 2);
+        FileHashAhead ahead(QStringList() << dir.filePath("pipe") << link << missing << dir.path(), 2, 1);
         for (int i = 0; i < 4; ++i)
             ahead.record(i);
     }
@@ -87,7 +87,7 @@ TEST(FileHashAhead, WhatTheWorkersCannotHashIsLeftToScanFile)
     EXPECT_EQ(11, stamp.size);
     // A file rewritten after it was hashed ahead is hashed again: the memo goes by the stamp.
     {
-        FileHashAhead ahead(QStringList() << file, 1);
+        FileHashAhead ahead(QStringList() << file, 1, 1);
         ahead.record(0);
     }
     writeFile(file, "another content, longer");

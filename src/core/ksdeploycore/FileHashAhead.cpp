@@ -8,8 +8,9 @@
 
 using namespace KsDeploy;
 
-FileHashAhead::FileHashAhead(const QStringList& inPaths, int inWorkers)
-    : mPaths(inPaths), mJobs(new Job[static_cast<size_t>(std::max<qsizetype>(1, inPaths.size()))])
+FileHashAhead::FileHashAhead(const QStringList& inPaths, int inWorkers, int inMinimum)
+    : mPaths(inPaths.size() >= inMinimum ? inPaths : QStringList()),
+      mJobs(new Job[static_cast<size_t>(std::max<qsizetype>(1, mPaths.size()))])
 {
     int workers = inWorkers > 0 ? inWorkers : static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 8u));
     workers = static_cast<int>(std::min<qsizetype>(workers, mPaths.size()));

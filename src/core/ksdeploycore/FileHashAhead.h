@@ -21,8 +21,9 @@ namespace KsDeploy
 class FileHashAhead
 {
 public:
-    // inPaths in the order the walk will ask for them; inWorkers 0: one per core.
-    explicit FileHashAhead(const QStringList& inPaths, int inWorkers = 0);
+    // inPaths in the order the walk will ask for them; inWorkers 0: one per core. Fewer than
+    // inMinimum files are left to the walk alone: threads pay off only for many.
+    explicit FileHashAhead(const QStringList& inPaths, int inWorkers = 0, int inMinimum = 65);
     // The workers skip what is left and are joined.
     ~FileHashAhead();
     FileHashAhead(const FileHashAhead&) = delete;

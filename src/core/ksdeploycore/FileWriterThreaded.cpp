@@ -12,10 +12,18 @@ McResult FileWriterThreaded::install(Resource& inResource)
 {
     QString item, target;
     ResourceFileEntry* entry = dynamic_cast<ResourceFileEntry*>(&inResource);
-    // A file this run has hashed (it was there when the change began) is most likely in place
-    // already, which this thread sees at one look; the workers are for files to create.
-    if (entry && entry->installPlan(item, target) && !scanFileSeen(target))
+    if (entry && entry->installPlan(item, target))
     {
+        // A file this run has hashed (it was there when the change began) is most likely in
+        // place already, which this thread sees at one look; the workers are for files to
+        // create. A file depends on nothing before it but its folder, made on this thread.
+        if (scanFileSeen(target))
+        {
+            McResult res = entry->install();
+            if (res.isOk())
+                res << written(512);
+            return res;
+        }
         mQueue.add(item, target, entry);
         return written(512);
     }

@@ -14,6 +14,7 @@ namespace
 // The device whose file system refused a reflink: its next files go straight to the kernel copy,
 // without the failing call per file.
 std::atomic<unsigned long long> sNoReflinkDevice{~0ull};
+const long long sSmall = 65536;
 
 bool writeFully(int inOut, const char* inData, ssize_t inSize)
 {
@@ -58,6 +59,23 @@ bool FileCopy::content(int inIn, const struct stat& inSourceStat, int inOut)
     const long long size = inSourceStat.st_size;
     if (size <= 0)
         return true;
+    // A small file (most of a product) goes through one buffer, a read and a write: a reflink or
+    // a kernel copy saves nothing worth its call on so few bytes.
+    if (size <= sSmall)
+    {
+        static thread_local char sBuf[sSmall];
+        ssize_t r;
+        do
+            r = ::read(inIn, sBuf, sizeof(sBuf));
+        while (r < 0 && errno == EINTR);
+        if (r == size)
+            return writeFully(inOut, sBuf, r);
+        if (r < 0)
+            return false;
+        // The file changed its size meanwhile: the general way below copies what it holds now.
+        if (::lseek(inIn, 0, SEEK_SET) < 0)
+            return false;
+    }
     // Blocks are shared only within one file system, the source's; one that has no reflinks
     // says so on the first file and is not asked again.
     const auto device = static_cast<unsigned long long>(inSourceStat.st_dev);
