@@ -36,38 +36,69 @@ QHash<QString, MemoEntry>& memo()
     return sMemo;
 }
 
-// Hashes what the open descriptor reads, in 1 MiB blocks. The checks keep the texts callers
-// know from reading through a file object.
-McLib::MD5 hashDescriptor(int inFd, const QString& inPath, McResult& outResult)
+// Hashes what the open descriptor reads, in 1 MiB blocks; any thread may call it. 0, or the
+// errno of the read that failed.
+int hashDescriptorSilently(int inFd, McLib::MD5& outMd5)
 {
-    McLib::MD5 result;
     McCoder coder;
     const int64_t bufLen = 1048576;
     // One buffer per thread for every file: a fresh megabyte per file costs a mapping and page
     // faults that show on products of many small files.
     static thread_local std::unique_ptr<char[]> sBuffer(new (std::nothrow) char[bufLen]);
     char* buf = sBuffer.get();
-    if (MC_CHECK(outResult, buf!=0, "Internal Error"))
-        return McLib::MD5();
+    if (!buf)
+        return ENOMEM;
     for (;;)
     {
-        ssize_t numBytesRead = ::read(inFd, buf, static_cast<size_t>(bufLen));
+        const ssize_t numBytesRead = ::read(inFd, buf, static_cast<size_t>(bufLen));
         if (numBytesRead < 0 && errno == EINTR)
             continue;
-        if (MC_CHECK_DETAIL(outResult, numBytesRead>=0, "Internal Error", McLib::osDetail(mcMessageText(inPath), errno)))
-            return McLib::MD5();
+        if (numBytesRead < 0)
+            return errno;
         if (numBytesRead == 0)
             break;
         coder.crcMD5Update(reinterpret_cast<const unsigned char*>(buf), static_cast<unsigned int>(numBytesRead));
     }
     coder.crcMD5Final();
-    coder.crcMD5Query(result.data());
+    coder.crcMD5Query(outMd5.data());
+    return 0;
+}
+
+// The same, reported in the texts callers know from reading through a file object.
+McLib::MD5 hashDescriptor(int inFd, const QString& inPath, McResult& outResult)
+{
+    McLib::MD5 result;
+    const int why = hashDescriptorSilently(inFd, result);
+    if (MC_CHECK_TEXT(outResult, why != ENOMEM, "buf!=0", "Internal Error"))
+        return McLib::MD5();
+    if (::McLib::checkStep(outResult, why == 0, __LINE__, __FILE__, __PRETTY_FUNCTION__, "Internal Error",
+                           "cond[numBytesRead>=0]", false,
+                           why == 0 ? std::string() : McLib::osDetail(mcMessageText(inPath), why)))
+        return McLib::MD5();
     return result;
 }
 }
 
+bool KsDeploy::scanFileSeen(const QString& inFilePath) { return memo().contains(inFilePath); }
+
+bool KsDeploy::scanFileKnown(const QString& inFilePath, const QxBase::FileStamp& inStamp, McLib::MD5& outMd5)
+{
+    auto it = memo().constFind(inFilePath);
+    if (it == memo().constEnd() || !(it.value().stamp == inStamp))
+        return false;
+    outMd5 = it.value().md5;
+    return true;
+}
+
 McLib::MD5 KsDeploy::scanFile(const QString& inFilePath)
 {
+    // A file this run has hashed or written already: one look at its stamp answers.
+    {
+        FileStamp now;
+        McLib::MD5 known;
+        if (QxBase::File::stampOf(inFilePath, now) && scanFileKnown(inFilePath, now, known))
+            return known;
+    }
     // One descriptor serves the existence check, the stamp before and after, and the reading:
     // verifying a product of many files then costs no extra look-ups by name.
     const int fd = QxBase::File::openForReading(inFilePath);
@@ -114,6 +145,32 @@ void KsDeploy::scanFileRemember(const QString& inFilePath, const McLib::MD5& inM
 {
     if (!inMd5.isNull() && inStamp.size >= 0)
         memo().insert(inFilePath, MemoEntry{inStamp, inMd5});
+}
+
+bool KsDeploy::scanFileSilently(const QString& inFilePath, McLib::MD5& outMd5, QxBase::FileStamp& outStamp)
+{
+    // Neither a link nor a pipe is followed or waited for: the walk refuses a link anyway, and a
+    // pipe is no file to hash. Neither flag changes how a regular file reads.
+    const QByteArray name = QFile::encodeName(inFilePath);
+    const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    int fd = ::open(name.constData(), flags | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::open(name.constData(), flags);
+    if (fd < 0)
+        return false;
+    FileStamp before, after;
+    bool ok = QxBase::File::stampOf(fd, before);
+    if (ok)
+    {
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        ok = hashDescriptorSilently(fd, outMd5) == 0 && !outMd5.isNull();
+    }
+    // A file that changed while it was read has no one digest.
+    ok = ok && QxBase::File::stampOf(fd, after) && after == before;
+    ::close(fd);
+    if (ok)
+        outStamp = after;
+    return ok;
 }
 
 namespace

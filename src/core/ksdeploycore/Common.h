@@ -14,6 +14,14 @@ McLib::MD5 scanFile(const QString& inFilePath);
 // Tells the digest memo the content of a file this run has just written, with the stamp the
 // writer took.
 void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp);
+// True when this run has hashed or written some version of the file at inFilePath.
+bool scanFileSeen(const QString& inFilePath);
+// The digest this run knows for the file at inFilePath as long as it has the stamp inStamp.
+bool scanFileKnown(const QString& inFilePath, const QxBase::FileStamp& inStamp, McLib::MD5& outMd5);
+// The digest and stamp of a file, without a word said and without the memo, so that any thread
+// may call it; false when the file could not be read whole or changed meanwhile (scanFile then
+// says why).
+bool scanFileSilently(const QString& inFilePath, McLib::MD5& outMd5, QxBase::FileStamp& outStamp);
 
 // Whole-file LZMA compression and decompression (destination first).
 McResult fileCompress(const QString& inDst, const QString& inSrc);

@@ -2,6 +2,7 @@
 #include "Engine.h"
 
 #include "Cache.h"
+#include "FileHashAhead.h"
 #include "FileWriter.h"
 #include "Link.h"
 #include "Plugin.h"
@@ -348,8 +349,24 @@ McResult Engine::productVerify(const QString& inKey)
         return retVal;
     progress().taskStartNext(tr("Verification"));
     const int64_t n = all.size();
+    // The files are hashed on every core in the order the walk below asks for them.
+    QStringList files;
+    std::vector<int> fileOf(static_cast<size_t>(n), -1);
+    for (int64_t k = n - 1; k >= 0; --k)
+    {
+        const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(all[k].ptr());
+        if (!entry || entry->absence())
+            continue;
+        const QString path = entry->path();
+        if (path.isEmpty())
+            continue;
+        fileOf[static_cast<size_t>(k)] = static_cast<int>(files.size());
+        files.append(path);
+    }
+    FileHashAhead ahead(files);
     for (int64_t k = n - 1, i = 1; k >= 0; --k, ++i)
     {
+        ahead.record(fileOf[static_cast<size_t>(k)]);
         trace(McLogLevelInfo, QStringLiteral("verify: ") + all[k]->path());
         retVal << all[k]->verify();
         progress().progressSet(1.0f - static_cast<float>(i) / static_cast<float>(n));

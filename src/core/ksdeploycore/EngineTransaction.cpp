@@ -4,6 +4,7 @@
 
 #include "Cache.h"
 #include "Common.h"
+#include "FileHashAhead.h"
 #include "Link.h"
 #include "Progress.h"
 #include "Property.h"
@@ -234,19 +235,35 @@ McResult Engine::productTransactionBegin(const QString& inKey)
             }
         }
     }
+    // A file's path begins with its folder's, so in a folder that is not there no file is:
+    // a first install needs no look at each of its files. The others are hashed on every core
+    // ahead of the scan below.
+    QStringList present;
+    std::vector<int> presentOf(static_cast<size_t>(clones.size()), -1);
+    for (int64_t i = 0; i < clones.size(); ++i)
+    {
+        auto* entry = dynamic_cast<ResourceFileEntry*>(clones[i].ptr());
+        if (!entry || (!missingDirs.isEmpty() && missingDirs.contains(entry->container().ptr())))
+            continue;
+        const QString path = entry->path();
+        if (path.isEmpty())
+            continue;
+        presentOf[static_cast<size_t>(i)] = static_cast<int>(present.size());
+        present.append(path);
+    }
+    FileHashAhead ahead(present);
     for (int64_t i = 0; i < clones.size(); ++i)
     {
         // Hashing a big product takes a while: an interrupt stops it at the next resource.
         if (productInterrupted(retVal, mOperationRunning))
             break;
-        // A file's path begins with its folder's, so in a folder that is not there no file is:
-        // a first install needs no look at each of its files.
         auto* entry = dynamic_cast<ResourceFileEntry*>(clones[i].ptr());
         if (entry && !missingDirs.isEmpty() && missingDirs.contains(entry->container().ptr()))
         {
             entry->absenceFound();
             continue;
         }
+        ahead.record(presentOf[static_cast<size_t>(i)]);
         retVal << clones[i]->scan();
         if (retVal.isBad())
             break;

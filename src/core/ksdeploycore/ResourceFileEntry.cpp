@@ -76,6 +76,16 @@ McResult ResourceFileEntry::install()
     }
     if (MC_CHECK(retVal, bufferId().isValid(), "Internal Error"))
         return retVal;
+    // A file this run has hashed already (an install over an installed product): one look at
+    // the path says whether it is still that content.
+    QxBase::FileStamp stamp;
+    McLib::MD5 known;
+    if (QxBase::File::stampOfEntry(fullPath, stamp) && scanFileKnown(fullPath, stamp, known) &&
+        known == bufferId().md5())
+    {
+        executableMake(fullPath);
+        return retVal;
+    }
     // Where nothing is yet, the file is written at once; whatever is there is looked at first.
     Cache& cache = Engine::instance().cache();
     bool existed = false;

@@ -1,5 +1,6 @@
 #include "QxFile.h"
 
+#include "FileCopy.h"
 #include "TemporaryOwner.h"
 
 #include <QDir>
@@ -9,6 +10,7 @@
 #include <QRegularExpression>
 #include <QSet>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -150,78 +152,11 @@ int openSource(const QString& inSource, struct stat& outSt)
     return in;
 }
 
-bool writeFully(int inOut, const char* inData, ssize_t inSize)
-{
-    ssize_t w = 0;
-    while (w < inSize)
-    {
-        const ssize_t k = ::write(inOut, inData + w, static_cast<size_t>(inSize - w));
-        if (k < 0 && errno == EINTR)
-            continue;
-        if (k <= 0)
-            return false;
-        w += k;
-    }
-    return true;
-}
-
-// Copies the whole source into the empty, freshly opened output; closes neither.
-bool copyContent(int inIn, const struct stat& inSt, int inOut)
-{
-    // Small files (most of a product) go through one buffer: fewer calls than a kernel copy.
-    off_t copied = 0;
-    if (inSt.st_size <= 65536)
-    {
-        static thread_local char small[65536];
-        const ssize_t r = ::read(inIn, small, sizeof(small));
-        if (r >= 0 && r == inSt.st_size && writeFully(inOut, small, r))
-            copied = inSt.st_size;
-        else
-        {
-            ::lseek(inIn, 0, SEEK_SET);
-            if (::ftruncate(inOut, 0) != 0)
-                return false;
-            ::lseek(inOut, 0, SEEK_SET);
-        }
-    }
-    // The kernel copies without passing the bytes through us where it can; the size known from
-    // fstat spares the final call that would only report the end.
-    while (copied < inSt.st_size)
-    {
-        const ssize_t n = ::copy_file_range(inIn, nullptr, inOut, nullptr, 1 << 30, 0);
-        if (n == 0)
-            break;
-        if (n > 0)
-        {
-            copied += n;
-            continue;
-        }
-        if (errno == EINTR)
-            continue;
-        // Not supported here: copy through a buffer.
-        static thread_local char buf[1 << 20];
-        ::lseek(inIn, 0, SEEK_SET);
-        if (::ftruncate(inOut, 0) != 0)
-            return false;
-        ::lseek(inOut, 0, SEEK_SET);
-        ssize_t r;
-        while ((r = ::read(inIn, buf, sizeof(buf))) != 0)
-        {
-            if (r < 0 && errno == EINTR)
-                continue;
-            if (r < 0 || !writeFully(inOut, buf, r))
-                return false;
-        }
-        return true;
-    }
-    return true;
-}
-
 // Copies into inOut and closes inIn; inOut stays open for the caller to put in place. The stamp
 // is taken now, when the content is final.
 bool copyInto(int inIn, const struct stat& inSt, int inOut, FileStamp* outStamp)
 {
-    const bool ok = copyContent(inIn, inSt, inOut);
+    const bool ok = KsPlatform::FileCopy::content(inIn, inSt, inOut);
     ::close(inIn);
     if (ok && outStamp && !File::stampOf(inOut, *outStamp))
         *outStamp = FileStamp();
@@ -251,6 +186,15 @@ bool File::stampOf(const QString& inPath, FileStamp& outStamp)
 {
     struct stat st;
     if (::stat(QFile::encodeName(inPath).constData(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    stampFrom(st, outStamp);
+    return true;
+}
+
+bool File::stampOfEntry(const QString& inPath, FileStamp& outStamp)
+{
+    struct stat st;
+    if (::lstat(QFile::encodeName(inPath).constData(), &st) != 0 || !S_ISREG(st.st_mode))
         return false;
     stampFrom(st, outStamp);
     return true;
@@ -373,9 +317,28 @@ enum class Made
     Failed,
 };
 
+// Whether linkat may name an open file by its descriptor alone (AT_EMPTY_PATH); older kernels
+// allow that only to privileged processes. Unknown until the first try.
+std::atomic<int> sEmptyPathLinks{-1};
+
 // Names a file without a name; fails with EEXIST when something has that name.
 bool linkFd(int inFd, const QByteArray& inTarget)
 {
+    // By descriptor where allowed: the way through /proc costs a look-up of its own per file.
+    if (sEmptyPathLinks.load(std::memory_order_relaxed) != 0)
+    {
+        if (::linkat(inFd, "", AT_FDCWD, inTarget.constData(), AT_EMPTY_PATH) == 0)
+        {
+            sEmptyPathLinks.store(1, std::memory_order_relaxed);
+            return true;
+        }
+        if (errno != ENOENT && errno != EPERM && errno != EINVAL)
+            return false;
+        // ENOENT is also what a missing folder gives: only a first refusal decides.
+        if (errno == ENOENT && sEmptyPathLinks.load(std::memory_order_relaxed) == 1)
+            return false;
+        sEmptyPathLinks.store(0, std::memory_order_relaxed);
+    }
     const QByteArray self = "/proc/self/fd/" + QByteArray::number(inFd);
     return ::linkat(AT_FDCWD, self.constData(), AT_FDCWD, inTarget.constData(), AT_SYMLINK_FOLLOW) == 0;
 }

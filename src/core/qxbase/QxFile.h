@@ -64,6 +64,8 @@ public:
     // descriptor; false for anything else.
     static bool stampOf(const QString& inPath, FileStamp& outStamp);
     static bool stampOf(int inFd, FileStamp& outStamp);
+    // The same of the regular file at inPath itself: false for a symbolic link too.
+    static bool stampOfEntry(const QString& inPath, FileStamp& outStamp);
     // Opens a writable file without a name (O_TMPFILE) in inTarget's folder; -1 with errno set
     // on failure, and outUnsupported set when the file system has no such files at all.
     static int openNameless(const QString& inTarget, bool& outUnsupported);

@@ -1,18 +1,17 @@
 #include "QxFileCreateQueue.h"
 
+#include <algorithm>
+
 namespace QxBase
 {
-struct FileCreateQueue::Job
+namespace
 {
-    QString source;
-    QString target;
-    bool lookFirst = true;
-    bool finished = false;
-    bool created = false;
-    FileStamp stamp;
-};
+// Jobs handed over per lock: few enough that the workers start at once, enough that the lock is
+// not taken for every file.
+const size_t sBatch = 8;
+}
 
-FileCreateQueue::FileCreateQueue(int inWorkers)
+FileCreateQueue::FileCreateQueue(int inWorkers) : mWorkerCount(static_cast<size_t>(std::max(1, inWorkers)))
 {
     for (int i = 0; i < inWorkers; ++i)
         mWorkers.emplace_back([this] { work(); });
@@ -20,6 +19,7 @@ FileCreateQueue::FileCreateQueue(int inWorkers)
 
 FileCreateQueue::~FileCreateQueue()
 {
+    handOver();
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mStopping = true;
@@ -31,62 +31,87 @@ FileCreateQueue::~FileCreateQueue()
 
 void FileCreateQueue::add(const QString& inSource, const QString& inTarget, void* inTag)
 {
-    auto job = std::make_shared<Job>();
-    job->source = inSource;
-    job->target = inTarget;
+    Job& job = mOrder.emplace_back();
+    job.source = inSource;
+    job.target = inTarget;
+    job.tag = inTag;
     // Decided here, on the caller's thread, which is the one that makes folders.
-    job->lookFirst = File::targetMayExist(inTarget);
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mOrder.push_back({job, inTag});
-        mTodo.push_back(job);
-    }
-    mWork.notify_one();
+    job.lookFirst = File::targetMayExist(inTarget);
+    mBatch.push_back(&job);
+    if (mBatch.size() >= sBatch)
+        handOver();
 }
 
-size_t FileCreateQueue::backlog()
+void FileCreateQueue::handOver()
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mOrder.size();
+    if (mBatch.empty())
+        return;
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mTodo.insert(mTodo.end(), mBatch.begin(), mBatch.end());
+        wake = mIdle > 0;
+    }
+    mBatch.clear();
+    // Busy workers come back for more by themselves.
+    if (wake)
+        mWork.notify_all();
 }
 
 bool FileCreateQueue::next(bool inWait, void*& outTag, QString& outTarget, bool& outCreated, FileStamp& outStamp)
 {
-    std::unique_lock<std::mutex> lock(mMutex);
     if (mOrder.empty())
         return false;
-    if (!mOrder.front().first->finished)
+    Job& front = mOrder.front();
+    if (!front.finished.load(std::memory_order_acquire))
     {
         if (!inWait)
             return false;
-        mDone.wait(lock, [this] { return mOrder.front().first->finished; });
+        // The oldest job may still be in the batch not handed over yet.
+        handOver();
+        std::unique_lock<std::mutex> lock(mMutex);
+        // Both sides store, then look (sequentially consistent): the worker that finishes the job
+        // either sees that we wait for it or we see the job finished.
+        mWaitingFor.store(&front);
+        mDone.wait(lock, [&] { return front.finished.load(); });
+        mWaitingFor.store(nullptr);
     }
-    const auto front = mOrder.front();
+    outTag = front.tag;
+    outTarget = front.target;
+    outCreated = front.created;
+    outStamp = front.stamp;
     mOrder.pop_front();
-    lock.unlock();
-    outTag = front.second;
-    outTarget = front.first->target;
-    outCreated = front.first->created;
-    outStamp = front.first->stamp;
     return true;
 }
 
 void FileCreateQueue::work()
 {
-    std::unique_lock<std::mutex> lock(mMutex);
+    std::vector<Job*> mine;
     for (;;)
     {
-        mWork.wait(lock, [this] { return mStopping || !mTodo.empty(); });
-        if (mTodo.empty())
-            return;
-        const std::shared_ptr<Job> job = mTodo.front();
-        mTodo.pop_front();
-        lock.unlock();
-        const bool created = File::copyCreateSilently(job->source, job->target, job->lookFirst, &job->stamp);
-        lock.lock();
-        job->created = created;
-        job->finished = true;
-        mDone.notify_all();
+        {
+            std::unique_lock<std::mutex> lock(mMutex);
+            ++mIdle;
+            mWork.wait(lock, [this] { return mStopping || !mTodo.empty(); });
+            --mIdle;
+            if (mTodo.empty())
+                return;
+            // A fair share of what waits, so that the other workers get some too.
+            const size_t take = std::clamp<size_t>(mTodo.size() / mWorkerCount, 1, sBatch);
+            mine.assign(mTodo.begin(), mTodo.begin() + static_cast<std::ptrdiff_t>(take));
+            mTodo.erase(mTodo.begin(), mTodo.begin() + static_cast<std::ptrdiff_t>(take));
+        }
+        for (Job* job : mine)
+        {
+            job->created = File::copyCreateSilently(job->source, job->target, job->lookFirst, &job->stamp);
+            job->finished.store(true);
+            // The lock makes the wake-up wait until the caller sleeps, if it is about to.
+            if (mWaitingFor.load() == job)
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                mDone.notify_all();
+            }
+        }
     }
 }
 }

@@ -1,12 +1,11 @@
 #pragma once
 #include "QxFile.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace QxBase
@@ -15,7 +14,7 @@ namespace QxBase
 // system's work, which a second core halves. Jobs come back in the order they were added, each
 // only saying whether the file was created; anything else (something there, a failure) is for
 // the caller to do again through copyCreate, which then says why. Folders must be made
-// (makePath) by the thread that adds the jobs.
+// (makePath) by the thread that adds the jobs. Only that thread calls add, backlog and next.
 class FileCreateQueue
 {
 public:
@@ -27,19 +26,36 @@ public:
 
     void add(const QString& inSource, const QString& inTarget, void* inTag);
     // Jobs added and not yet taken back: the caller keeps this bounded by taking them back.
-    size_t backlog();
+    size_t backlog() const { return mOrder.size(); }
     // The oldest job once finished (inWait: wait for it); false when there is none (yet).
     bool next(bool inWait, void*& outTag, QString& outTarget, bool& outCreated, FileStamp& outStamp);
 
 private:
-    struct Job;
+    struct Job
+    {
+        QString source;
+        QString target;
+        void* tag = nullptr;
+        bool lookFirst = true;
+        bool created = false;
+        FileStamp stamp;
+        std::atomic<bool> finished{false};
+    };
     void work();
+    // Hands the jobs added since the last call to the workers, under one lock.
+    void handOver();
 
+    // The caller's thread alone changes it; a deque keeps the jobs where they are while the
+    // workers hold them.
+    std::deque<Job> mOrder;
+    std::vector<Job*> mBatch;
     std::mutex mMutex;
     std::condition_variable mWork, mDone;
-    std::deque<std::pair<std::shared_ptr<Job>, void*>> mOrder;
-    std::deque<std::shared_ptr<Job>> mTodo;
-    bool mStopping = false;
+    std::deque<Job*> mTodo;                  // guarded by mMutex
+    int mIdle = 0;                           // workers waiting for work, guarded by mMutex
+    bool mStopping = false;                  // guarded by mMutex
+    std::atomic<Job*> mWaitingFor{nullptr};  // the job the caller sleeps for
+    size_t mWorkerCount = 0;
     std::vector<std::thread> mWorkers;
 };
 }
