@@ -148,6 +148,25 @@ TEST_F(ResourceTest, TypedLinkLookupReportsAmbiguity)
     EXPECT_TRUE(contracts.has("retVal.isNull()"));
 }
 
+TEST_F(ResourceTest, IdentityTextIsReadInTheWrittenFormOnly)
+{
+    const QUuid written("{0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f6071}");
+    QUuid read;
+    ASSERT_TRUE(uuidFromBracedText(u"{0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f6071}", read));
+    EXPECT_EQ(written, read);
+    // Upper case, no braces, a short or long text, a wrong separator, a letter past 'f', and a
+    // character past ASCII whose low bits spell a digit: each leaves the value alone.
+    for (const char16_t* text : {u"{0B0E8E9A-3F4C-4D6E-9A1B-2C3D4E5F6071}", u"0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f6071",
+                                 u"{0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f607}", u"{0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f60711}",
+                                 u"{0b0e8e9a+3f4c-4d6e-9a1b-2c3d4e5f6071}", u"{0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f60g1}",
+                                 u"{0b0e8e9a-3f4c-4d6e-9a1b-2c3d4e5f60\u01301}"})
+    {
+        QUuid kept = written;
+        EXPECT_FALSE(uuidFromBracedText(text, kept)) << QString::fromUtf16(text).toStdString();
+        EXPECT_EQ(written, kept);
+    }
+}
+
 TEST_F(ResourceTest, PropertyTextFormsRoundTripAndRejectOthers)
 {
     KsTest::ContractRecorder contracts;

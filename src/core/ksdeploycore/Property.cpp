@@ -47,6 +47,21 @@ bool propertyFromText(QStringView inText, BufferID& outValue)
     return true;
 }
 
+namespace
+{
+// Value of each lower-case hexadecimal digit, 16 for every other character below 128.
+struct HexDigits
+{
+    uint8_t value[128];
+    constexpr HexDigits() : value()
+    {
+        for (int c = 0; c < 128; ++c)
+            value[c] = c >= '0' && c <= '9' ? uint8_t(c - '0') : c >= 'a' && c <= 'f' ? uint8_t(c - 'a' + 10) : 16;
+    }
+};
+constexpr HexDigits sHexDigits;
+}
+
 bool uuidFromBracedText(QStringView inText, QUuid& outValue)
 {
     // {xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}, digits lower-case only: each byte from its two
@@ -56,24 +71,20 @@ bool uuidFromBracedText(QStringView inText, QUuid& outValue)
         inText[24] != u'-' || inText[37] != u'}')
         return false;
     const char16_t* text = inText.utf16();
-    const auto digit = [](char16_t inChar) -> int {
-        if (inChar >= u'0' && inChar <= u'9')
-            return inChar - u'0';
-        if (inChar >= u'a' && inChar <= u'f')
-            return inChar - u'a' + 10;
-        return 16;
-    };
     uint8_t bytes[16];
-    int bad = 0;
+    unsigned bad = 0;
     for (int i = 0; i < 16; ++i)
     {
-        const int hi = digit(text[sPairAt[i]]);
-        const int lo = digit(text[sPairAt[i] + 1]);
-        bad |= hi | lo;
+        const char16_t hiChar = text[sPairAt[i]];
+        const char16_t loChar = text[sPairAt[i] + 1];
+        // A character past the table counts as no digit, like one in it that is none.
+        bad |= (hiChar | loChar) & ~0x7fu;
+        const unsigned hi = sHexDigits.value[hiChar & 0x7f];
+        const unsigned lo = sHexDigits.value[loChar & 0x7f];
+        bad |= (hi | lo) & 16u;
         bytes[i] = static_cast<uint8_t>((hi << 4) | lo);
     }
-    // Any digit that was not one has the bit 16 set.
-    if (bad & 16)
+    if (bad)
         return false;
     outValue = QUuid::fromRfc4122(QByteArrayView(bytes, 16));
     return true;
