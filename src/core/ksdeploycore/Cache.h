@@ -47,6 +47,14 @@ public:
     // right stays, other content is replaced when inOverwrite is set.
     McResult itemCreateFile(const BufferID& inBufferId, const QString& inTarget, bool& outExisted);
     McResult itemWriteOverFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite);
+    // Items that are links of files proven to hold their content, with the mode their targets
+    // want: itemCreateFile makes a target from one of them as one more link, not a copy (where
+    // the file system refuses the link, it copies). Empty: every target is a copy.
+    void sharedItemsSet(const QSet<QString>& inItems) { mListOfSharedItem = inItems; }
+    bool itemIsShared(const BufferID& inBufferId) const
+    {
+        return !mListOfSharedItem.isEmpty() && mListOfSharedItem.contains(itemFilePath(inBufferId));
+    }
 
     McResult retrieve(const BufferID& inBufferId);
     McResult retrieveFromFile(const QString& inFilePath, bool inCompress);
@@ -86,6 +94,7 @@ private:
     QSet<QString> mListOfUnreachableUrl;
     // Folders on a server whose last ".lzma" copy could not be had (see folderOf in Cache.cpp).
     QSet<QString> mListOfFolderWithoutPacked;
+    QSet<QString> mListOfSharedItem;
 
     QString mPath;
     std::function<McResult(QString&)> mDefaultPath;
