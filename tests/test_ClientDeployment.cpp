@@ -18,6 +18,7 @@
 #include <QThread>
 
 #include <csignal>
+#include <sys/stat.h>
 #include <cstdlib>
 #include <functional>
 #include <unistd.h>
@@ -159,6 +160,24 @@ protected:
         ASSERT_TRUE(QFile::remove(p("publish/" + BufferID(scanFile(p("v1/lib/common.bin"))).toString() + ".lzma")));
     }
 
+    static bool said(const KsTest::LogRecorder& inLog, const std::string& inPart)
+    {
+        for (const KsTest::LogLine& l : inLog.lines())
+            if (l.text.find(inPart) != std::string::npos)
+                return true;
+        return false;
+    }
+    static ino_t inodeOf(const QString& inPath)
+    {
+        struct stat st;
+        return ::stat(QFile::encodeName(inPath).constData(), &st) == 0 ? st.st_ino : 0;
+    }
+    static nlink_t linksOf(const QString& inPath)
+    {
+        struct stat st;
+        return ::stat(QFile::encodeName(inPath).constData(), &st) == 0 ? st.st_nlink : 0;
+    }
+
     void setUp(ClientDeployment& inOut)
     {
         inOut.applicationDirSet(app());
@@ -235,6 +254,10 @@ TEST_F(ClientDeploymentTest, UpdatesFromTheOldFolderAndTheServerAndKeepsThePrevi
     EXPECT_EQ(snapshot(p("v2")), snapshot(app())) << "only-v1.txt is gone, the rest is version 2";
     EXPECT_EQ(snapshot(p("v1")), snapshot(app() + ".previous"));
     EXPECT_TRUE(QFileInfo(app() + "/bin/ksclient").isExecutable());
+    // The unchanged file is the previous version's file under a second name; the changed one
+    // was written anew.
+    EXPECT_EQ(inodeOf(app() + ".previous/lib/common.bin"), inodeOf(app() + "/lib/common.bin"));
+    EXPECT_EQ(1u, linksOf(app() + "/bin/ksclient"));
     EXPECT_EQ("v2 --start user:pw@server\n", clientOutput(1));
     EXPECT_EQ(QStringList({"App", "App.previous"}),
               QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
@@ -263,6 +286,7 @@ TEST_F(ClientDeploymentTest, ANewClientThatFailsItsStartIsReplacedByTheOldOne)
     ClientDeployment d;
     setUp(d);
     KsTest::FailureRecorder failures;
+    KsTest::LogRecorder log;
     testing::internal::CaptureStdout();
     EXPECT_TRUE(d.run().isBad());
     EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Automatic update has failed."));
@@ -270,8 +294,41 @@ TEST_F(ClientDeploymentTest, ANewClientThatFailsItsStartIsReplacedByTheOldOne)
     EXPECT_TRUE(hasFailure(failures, "the new client failed to start: '" + app().toStdString() +
                                          "/bin/ksclient' ended with status 3 within 10000 ms"));
     EXPECT_EQ(snapshot(p("v1")), snapshot(app()));
+    // The shared file was staged as a link; its content and mode are version 1's and nothing
+    // else holds it any more.
+    EXPECT_TRUE(said(log, "(1 shared by links)"));
+    EXPECT_EQ(1u, linksOf(app() + "/lib/common.bin"));
+    EXPECT_EQ(QFile::permissions(p("v1/lib/common.bin")), QFile::permissions(app() + "/lib/common.bin"));
     EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
     EXPECT_EQ("v2 --start user:pw@server\nv1 --start user:pw@server\n", clientOutput(2));
+}
+
+// A file whose content stays but whose mode changes cannot be shared: a chmod of it would change
+// the previous version too. It is copied and the copy gets the new mode.
+TEST_F(ClientDeploymentTest, AnUnchangedFileWithAnotherModeIsCopiedNotLinked)
+{
+    source("v1", 0);
+    source("v2", 0);
+    const QString common = p("v2/lib/common.bin");
+    ASSERT_TRUE(QFile::setPermissions(common, QFile::permissions(common) | QFile::ExeOwner | QFile::ExeUser |
+                                                  QFile::ExeGroup | QFile::ExeOther));
+    configure();
+    describe("v1", true);
+    ASSERT_TRUE(e().productInstall("Client", false).isOk());
+    describe("v2", true);
+    QDir(p("cache")).removeRecursively();
+    ASSERT_TRUE(QFile::remove(p("publish/" + BufferID(scanFile(p("v1/lib/common.bin"))).toString() + ".lzma")));
+
+    ClientDeployment d;
+    setUp(d);
+    KsTest::LogRecorder log;
+    ASSERT_TRUE(d.run().isOk());
+    EXPECT_TRUE(said(log, "update: 1 unchanged files taken from")) << "not fetched: taken from the installed file";
+    EXPECT_TRUE(said(log, "(0 shared by links)"));
+    EXPECT_NE(inodeOf(app() + ".previous/lib/common.bin"), inodeOf(app() + "/lib/common.bin"));
+    EXPECT_TRUE(QFileInfo(app() + "/lib/common.bin").isExecutable());
+    EXPECT_FALSE(QFileInfo(app() + ".previous/lib/common.bin").isExecutable());
+    EXPECT_EQ(snapshot(p("v1")), snapshot(app() + ".previous"));
 }
 
 TEST_F(ClientDeploymentTest, AFailureBeforeTheExchangeChangesNothing)

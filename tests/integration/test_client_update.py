@@ -135,6 +135,11 @@ class UpdateTest(UpdateCase):
                          {p.replace(self.app, build, 1): v for p, v in ksharness.tree_snapshot(self.app).items()})
         self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v
                                    for p, v in ksharness.tree_snapshot(self.app + ".previous").items()})
+        # The unchanged file is shared with the previous version; the new one is a file of its own.
+        kept_now, kept_before = (os.stat(os.path.join(d, "data", "kept.dat"))
+                                 for d in (self.app, self.app + ".previous"))
+        self.assertEqual((kept_before.st_dev, kept_before.st_ino), (kept_now.st_dev, kept_now.st_ino))
+        self.assertEqual(1, os.stat(os.path.join(self.app, "data", "new.dat")).st_nlink)
         # The unchanged file came from the old folder, not from the server.
         requests = "\n".join(q["request"] for q in self.server.requests())
         kept = subprocess.run(["md5sum", os.path.join(build, "data", "kept.dat")], stdout=subprocess.PIPE,

@@ -414,6 +414,24 @@ McResult Cache::itemCreateFile(const BufferID& inBufferId, const QString& inTarg
     McResult retVal;
     const QString item = itemFilePath(inBufferId);
     QxBase::FileStamp stamp;
+    outExisted = false;
+    if (mListOfSharedItem.contains(item))
+    {
+        // Nothing is written: the target is the item's file under one more name. Its stamp is
+        // taken after the link, which changes the file's ctime.
+        if (::link(QFile::encodeName(item).constData(), QFile::encodeName(inTarget).constData()) == 0)
+        {
+            if (QxBase::File::stampOf(inTarget, stamp))
+                scanFileRemember(inTarget, inBufferId.md5(), stamp);
+            return retVal;
+        }
+        if (errno == EEXIST)
+        {
+            outExisted = true;
+            return retVal;
+        }
+        // Refused (another file system, a link count at its limit): a copy instead.
+    }
     const McResult created = QxBase::File::copyCreate(item, inTarget, outExisted, &stamp);
     if (outExisted)
         return retVal;

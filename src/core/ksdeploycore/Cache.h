@@ -51,6 +51,14 @@ public:
     // right stays, other content is replaced when inOverwrite is set.
     McResult itemCreateFile(const BufferID& inBufferId, const QString& inTarget, bool& outExisted);
     McResult itemWriteOverFile(const BufferID& inBufferId, const QString& inTarget, bool inOverwrite);
+    // Items that are links of files proven to hold their content, with the mode their targets
+    // want: itemCreateFile makes a target from one of them as one more link, not a copy (where
+    // the file system refuses the link, it copies). Empty: every target is a copy.
+    void sharedItemsSet(const QSet<QString>& inItems) { mListOfSharedItem = inItems; }
+    bool itemIsShared(const BufferID& inBufferId) const
+    {
+        return !mListOfSharedItem.isEmpty() && mListOfSharedItem.contains(itemFilePath(inBufferId));
+    }
 
     McResult retrieve(const BufferID& inBufferId);
     // retrieve for many items, fetched over several connections at once. inProgress hears of
@@ -112,6 +120,7 @@ private:
         bool lastMissed = false;
     };
     QHash<QString, PackedSeen> mPackedSeen;
+    QSet<QString> mListOfSharedItem;
 
     QString mPath;
     std::function<McResult(QString&)> mDefaultPath;

@@ -211,6 +211,7 @@ void ClientDeployment::cacheSeed()
         BufferID id;
         McLib::MD5 md5;
         QxBase::FileStamp stamp;
+        bool executable = false;
         bool same = false;
     };
     std::vector<Seed> seeds;
@@ -236,6 +237,7 @@ void ClientDeployment::cacheSeed()
         seed.installed = mApplicationDir + path.mid(staging.size());
         seed.localPath = local(seed.installed);
         seed.id = entry->bufferId();
+        seed.executable = entry->isExecutable();
         seeds.push_back(seed);
     }
     // Hashing the installed files is most of the seed's work and MD5 keeps one core busy: two
@@ -253,6 +255,11 @@ void ClientDeployment::cacheSeed()
     hashSome();
     if (helper.joinable())
         helper.join();
+    // The mode a file of the new version gets when it is written (see executableMake).
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    const mode_t written = 0666 & ~mask;
+    QSet<QString> shared;
     int seeded = 0;
     for (const Seed& seed : seeds)
     {
@@ -270,6 +277,12 @@ void ClientDeployment::cacheSeed()
             {
                 e.trace(McLogLevelInfo, QStringLiteral("caching: %1").arg(seed.installed));
                 mListOfLinkedItem << QFile::decodeName(item.c_str());
+                // The staged file becomes one more link of it, unless the new version wants
+                // another mode: a chmod of a shared file would change the installed version too.
+                const mode_t wanted = seed.executable ? (written | 0111) : written;
+                struct stat st;
+                if (::stat(item.c_str(), &st) == 0 && (st.st_mode & 07777) == wanted)
+                    shared.insert(mListOfLinkedItem.last());
                 ++seeded;
                 continue;
             }
@@ -279,7 +292,11 @@ void ClientDeployment::cacheSeed()
         if (e.cache().retrieveFromFile(seed.installed, false).isOk())
             ++seeded;
     }
-    note(QStringLiteral("update: %1 unchanged files taken from '%2'").arg(seeded).arg(mApplicationDir));
+    e.cache().sharedItemsSet(shared);
+    note(QStringLiteral("update: %1 unchanged files taken from '%2' (%3 shared by links)")
+             .arg(seeded)
+             .arg(mApplicationDir)
+             .arg(shared.size()));
 }
 
 McResult ClientDeployment::folderRemove(const QString& inPath)
@@ -609,6 +626,8 @@ McResult ClientDeployment::run()
     sActive = this;
     retVal << e.productInstall(stagingKeyOf(mProductKey), false);
     sActive = nullptr;
+    // Only the staging install links the installed version's files.
+    e.cache().sharedItemsSet(QSet<QString>());
     e.productUnregisterResources(stagingKeyOf(mProductKey));
     if (mHookEnded)
         retVal << mHookResult;

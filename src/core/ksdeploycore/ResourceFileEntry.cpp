@@ -108,6 +108,9 @@ bool ResourceFileEntry::installPlan(QString& outItem, QString& outTarget) const
     outTarget = path();
     if (outTarget.isEmpty())
         return false;
+    // A shared item's file is linked, not copied: that is no work for the writing threads.
+    if (Engine::instance().cache().itemIsShared(bufferId()))
+        return false;
     outItem = Engine::instance().cache().itemFilePath(bufferId());
     return true;
 }
