@@ -335,7 +335,9 @@ TEST_F(ClientDeploymentTest, AFailureBeforeTheExchangeChangesNothing)
 {
     installV1AndPublishV2(0);
     const QString lost = BufferID(scanFile(p("v2/only-v2.txt"))).toString();
-    ASSERT_TRUE(QFile::rename(p("publish/" + lost + ".lzma"), p("lost.lzma")));
+    // Published as a copy, or plain where a copy would not pay.
+    const QString published = QFileInfo::exists(p("publish/" + lost + ".lzma")) ? lost + ".lzma" : lost;
+    ASSERT_TRUE(QFile::rename(p("publish/" + published), p("lost")));
     expectUnchanged(snapshot(p("target")),
                     "the new version could not be staged in '" + app().toStdString() + ".staging'");
 

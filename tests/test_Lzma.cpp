@@ -207,7 +207,10 @@ QByteArray noise(int inBytes, unsigned inSeed)
     return n;
 }
 
-const unsigned char* bytes(const QByteArray& inData) { return reinterpret_cast<const unsigned char*>(inData.constData()); }
+const unsigned char* bytes(const QByteArray& inData)
+{
+    return reinterpret_cast<const unsigned char*>(inData.constData());
+}
 }
 
 TEST(LzmaPublish, ACopyWithinItsLimitIsTheWholeCodecsOutputAndOneBeyondIsRefused)

@@ -108,7 +108,11 @@ class ProductTest(ksharness.KsTestCase):
         r = self.run_ks("--load", "file=product.xml", "--config", "TARGET=" + self.path("app"),
                         "--product", "action=precache", "targetdir=" + self.path("mirror"), "compress=true")
         self.assertOk(r)
-        self.assertIn(md5(FILES["README.txt"]) + ".lzma", os.listdir(self.path("mirror")))
+        mirror = os.listdir(self.path("mirror"))
+        self.assertIn(md5(FILES["lib/data.bin"]) + ".lzma", mirror)
+        # Too small for a copy to pay: published plain.
+        self.assertIn(md5(FILES["README.txt"]), mirror)
+        self.assertNotIn(md5(FILES["README.txt"]) + ".lzma", mirror)
         self.assertOk(self.product("install", "url=file://" + self.path("mirror")))
         self.assertInstalled()
 

@@ -147,8 +147,8 @@ struct Fetch
     bool secondDone = false;     // the plain file came together with the copy
     Outcome packed, got;
     QString packedWhy;
-    QString plain;       // where the content is before it gets its name
-    int nameless = -1;   // the plain download's file, when it has no name
+    QString plain;      // where the content is before it gets its name
+    int nameless = -1;  // the plain download's file, when it has no name
     bool skipPlain = false;
 };
 
@@ -533,11 +533,11 @@ McResult Cache::retrieveFailure(const BufferID& inBufferId, const QList<QString>
                                 const QStringList& inReasons) const
 {
     McResult retVal;
-    const QString detail = inUrls.isEmpty()
-                               ? QStringLiteral("item %1 is not cached and no download URL is given")
-                                     .arg(inBufferId.toString())
-                               : QStringLiteral("item %1 could not be fetched: %2")
-                                     .arg(inBufferId.toString(), inReasons.join(QStringLiteral("; ")));
+    const QString detail =
+        inUrls.isEmpty()
+            ? QStringLiteral("item %1 is not cached and no download URL is given").arg(inBufferId.toString())
+            : QStringLiteral("item %1 could not be fetched: %2")
+                  .arg(inBufferId.toString(), inReasons.join(QStringLiteral("; ")));
     MC_CHECK_DETAIL(retVal, itemIsCached(inBufferId), "Internal Error", mcMessageText(detail));
     return retVal;
 }
@@ -560,11 +560,11 @@ McResult Cache::retrieveAll(const std::vector<BufferID>& inBufferIds, const std:
         bool plainAsked = false;
     };
     std::deque<std::unique_ptr<Item>> items;  // started and not yet done, in no order
-    std::deque<QxDownload::Request*> ready;  // requests waiting for a connection
+    std::deque<QxDownload::Request*> ready;   // requests waiting for a connection
     std::map<const QxDownload::Request*, Item*> owner;
-    size_t next = 0;   // the next item of inBufferIds to start
-    size_t done = 0;   // items in the cache
-    bool stop = false; // interrupted, or an item failed: no further item starts
+    size_t next = 0;    // the next item of inBufferIds to start
+    size_t done = 0;    // items in the cache
+    bool stop = false;  // interrupted, or an item failed: no further item starts
     bool interrupted = false;
     size_t failedAt = inBufferIds.size();
     QStringList failedReasons;
