@@ -427,6 +427,11 @@ void ClientDeployment::stagedRemember()
 McResult ClientDeployment::exchange()
 {
     McResult retVal;
+    // Before the exchange, so that a kill right after it leaves the record of what came in; the
+    // flush below puts it on the device with the staged files.
+    retVal << unfinishedWrite();
+    if (retVal.isBad())
+        return retVal;
     // The install flushes its files only after its hooks: they must be on the device before
     // their folder takes the application folder's name.
     retVal << Engine::instance().productTransactionFlush(stagingKeyOf(mProductKey));
@@ -453,6 +458,26 @@ McResult ClientDeployment::exchange()
                     McLib::osDetail(local(stagingDir()), errno));
     if (retVal.isOk())
         stagedRemember();
+    return retVal;
+}
+
+McResult ClientDeployment::unfinishedWrite()
+{
+    McResult retVal;
+    if (mDescription.isEmpty())
+        return retVal;
+    const QString target = unfinishedDescription(mApplicationDir);
+    const QString part = target + QStringLiteral(".part");
+    QFile::remove(part);
+    const bool copied = QFile::copy(mDescription, part);
+    if (MC_CHECK_DETAIL(retVal, copied, QStringLiteral("cannot keep the new version's description in '%1'").arg(target),
+                        McLib::osDetail(local(mDescription), errno)))
+        return retVal;
+    const bool renamed = std::rename(local(part).c_str(), local(target).c_str()) == 0;
+    MC_CHECK_DETAIL(retVal, renamed, QStringLiteral("cannot keep the new version's description in '%1'").arg(target),
+                    McLib::osDetail(local(target), errno));
+    if (!renamed)
+        QFile::remove(part);
     return retVal;
 }
 
@@ -528,7 +553,12 @@ McResult ClientDeployment::failed(McResult inResult, Outcome inOutcome)
 {
     mOutcome = inOutcome;
     if (inOutcome != Outcome::Updated)
+    {
         linkedItemsRemove();
+        // The old version is in place again, as its records say.
+        if (!mApplicationDir.isEmpty())
+            QFile::remove(unfinishedDescription(mApplicationDir));
+    }
     note(inOutcome == Outcome::RolledBack ? QStringLiteral("update: failed; the previous version was put back")
                                           : QStringLiteral("update: failed; nothing was changed"),
          McLogLevelError);
