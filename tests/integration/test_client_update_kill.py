@@ -14,6 +14,7 @@ KSDEPLOY_KILL_MOMENTS=N runs every Nth step only (a slow build sets it); all of 
 import os
 import re
 import shutil
+import sqlite3
 import subprocess
 import unittest
 
@@ -220,11 +221,24 @@ class KillMatrixTest(UpdateCase):
                                                   if snapshot.get(p, 0) != v.get(p, 0)) or "-")
                          for name, v in (("from 1.0.0.1", self.v1), ("from 1.0.0.2", self.v2)))
 
+    def recorded_versions(self):
+        """The versions the installed product's records name: the uninstall entry's description
+        beside the folder and the uninstall entry itself."""
+        with open(self.app + ".xml", encoding="utf-8") as f:
+            described = re.findall(r'Name="DisplayVersion" Value="([^"]*)"', f.read())
+        with sqlite3.connect("file:%s?mode=ro" % self.env["KSDEPLOY_REGISTRY"], uri=True) as db:
+            registered = [row[0] for row in db.execute(
+                "SELECT CAST(v.data AS TEXT) FROM registry_value v JOIN registry_key k ON k.id = v.key "
+                "WHERE k.name = 'KestraClient' AND v.name = 'DisplayVersion'")]
+        return described, registered
+
     def killed_update(self, what, options, expected, stay):
         """One kill; true when the folder held one version and both launches after it worked."""
         log = self.path("kill.txt")
-        self.strace_update(log, options, stay)
+        killed = self.strace_update(log, options, stay)
         self.assertKilledAt(log, what, expected)
+        # The launcher waited for the update's outcome, which never came.
+        self.assertEqual(1, killed.returncode, "%s: the launcher's exit status" % what)
         # The application folder holds one version; the next launch (no update offered) starts
         # its client.
         snapshot = ksharness.tree_snapshot(self.app)
@@ -240,6 +254,9 @@ class KillMatrixTest(UpdateCase):
         self.assertOk(r)
         self.assertEqual(version, (self.client_report() or {}).get("version"), "%s\n%r" % (what, r))
         self.assertTrue(snapshot == ksharness.tree_snapshot(self.app), what)
+        # The records follow the folder: a kill after the exchange is finished by that launch.
+        self.assertEqual(([version], [version]), self.recorded_versions(), what)
+        self.assertFalse(os.path.exists(self.app + ".unfinished.xml"), what)
         # The following update completes. One that had to run leaves nothing but the previous
         # version; a kill after the exchange may leave the old version under a staging name
         # (and a staging folder of before) until the next update clears them away.
