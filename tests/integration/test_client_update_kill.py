@@ -13,6 +13,7 @@ KSDEPLOY_KILL_MOMENTS=N runs every Nth step only (a slow build sets it); all of 
 """
 import os
 import re
+from contextlib import closing
 import shutil
 import sqlite3
 import subprocess
@@ -62,6 +63,10 @@ class KillMatrixTest(UpdateCase):
             shutil.rmtree(self.path(name))
             shutil.copytree(os.path.join(self.saved, name), self.path(name), symlinks=True)
         shutil.copy2(os.path.join(self.saved, "registry.sqlite"), self.env["KSDEPLOY_REGISTRY"])
+        # A write-ahead log of a later run would be read into the restored registry.
+        for suffix in ("-wal", "-shm"):
+            if os.path.exists(self.env["KSDEPLOY_REGISTRY"] + suffix):
+                os.remove(self.env["KSDEPLOY_REGISTRY"] + suffix)
         if os.path.exists(self.report):
             os.remove(self.report)
 
@@ -226,7 +231,7 @@ class KillMatrixTest(UpdateCase):
         beside the folder and the uninstall entry itself."""
         with open(self.app + ".xml", encoding="utf-8") as f:
             described = re.findall(r'Name="DisplayVersion" Value="([^"]*)"', f.read())
-        with sqlite3.connect("file:%s?mode=ro" % self.env["KSDEPLOY_REGISTRY"], uri=True) as db:
+        with closing(sqlite3.connect("file:%s?mode=ro" % self.env["KSDEPLOY_REGISTRY"], uri=True)) as db:
             registered = [row[0] for row in db.execute(
                 "SELECT CAST(v.data AS TEXT) FROM registry_value v JOIN registry_key k ON k.id = v.key "
                 "WHERE k.name = 'KestraClient' AND v.name = 'DisplayVersion'")]
