@@ -478,6 +478,7 @@ McResult ClientDeployment::unfinishedWrite()
                     McLib::osDetail(local(target), errno));
     if (!renamed)
         QFile::remove(part);
+    mUnfinishedWritten = renamed;
     return retVal;
 }
 
@@ -555,8 +556,9 @@ McResult ClientDeployment::failed(McResult inResult, Outcome inOutcome)
     if (inOutcome != Outcome::Updated)
     {
         linkedItemsRemove();
-        // The old version is in place again, as its records say.
-        if (!mApplicationDir.isEmpty())
+        // The old version is in place again, as its records say. A note that an earlier update
+        // left stays for the launch that finishes it.
+        if (mUnfinishedWritten)
             QFile::remove(unfinishedDescription(mApplicationDir));
     }
     note(inOutcome == Outcome::RolledBack ? QStringLiteral("update: failed; the previous version was put back")
@@ -591,7 +593,7 @@ McResult ClientDeployment::run()
     const QDateTime started = QDateTime::currentDateTime();
     mStarted = started;
     mListOfNote.clear();
-    mStagingBegun = mStaged = mExchanged = mHookEnded = false;
+    mStagingBegun = mStaged = mExchanged = mHookEnded = mUnfinishedWritten = false;
     mHookResult = McResult();
     mRecordPath =
         mWorkDir.isEmpty()

@@ -172,6 +172,7 @@ private:
     bool mStaged = false;
     bool mExchanged = false;
     bool mHookEnded = false;
+    bool mUnfinishedWritten = false;
     McResult mHookResult;
     static ClientDeployment* sActive;
     // The files the verify proved in the staging folder, with the stamps they had then.

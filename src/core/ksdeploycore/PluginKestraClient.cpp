@@ -454,7 +454,7 @@ McResult PluginKestraClient::activate()
     {
         const McResult finished = unfinishedUpdateComplete(applicationPath);
         if (finished.isBad())
-            e.trace(McLogLevelWarning, tr("The interrupted update could not be finished: %1")
+            e.trace(McLogLevelWarning, QStringLiteral("update: the interrupted update could not be finished: %1")
                                            .arg(QString::fromLocal8Bit(finished.text())));
     }
     const QString description = deployCache + QStringLiteral("/product.xml");
@@ -998,12 +998,13 @@ McResult PluginKestraClient::unfinishedUpdateComplete(const QString& inApplicati
     // and the records already name what is there.
     if (versionCompare(version, mVersion) != 0)
     {
-        e.trace(McLogLevelInfo, tr("The update to version %1 was undone; version %2 is installed").arg(version, mVersion));
+        e.trace(McLogLevelInfo, QStringLiteral("update: the update to version %1 was undone; version %2 is installed")
+                                    .arg(version, mVersion));
         e.resourceUnregisterAll();
         QFile::remove(unfinished);
         return retVal;
     }
-    e.trace(McLogLevelInfo, tr("Finishing the interrupted update to version %1").arg(version));
+    e.trace(McLogLevelInfo, QStringLiteral("update: finishing the interrupted update to version %1").arg(version));
     e.cache().httpUrlAdd(serverBase(mUrl) + QStringLiteral("/items"));
     e.cache().httpUrlAdd(serverBase(mUrl));
     const Configuration saved = e.configuration();
