@@ -122,12 +122,14 @@ cat "$client_pub/update.ini"
 rm -f "$KSCLIENT_REPORT"
 # Without a terminal the default answer (Yes) is taken: the installed client starts, then the
 # launcher's engine hands the update to a copy of itself in a sandbox and ends. That copy stages
-# version 2 beside the installed folder, exchanges the two folders and starts the new client. Its
-# output comes on the same stream: reading that to its end waits for the update too.
+# version 2 beside the installed folder, exchanges the two folders and starts the new client. The
+# launcher waits for that copy's outcome: its exit status is 0 when the update was installed.
 launch_and_wait() {
   set +e
   run env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM "${launch[@]}" </dev/null | cat
+  local status=${PIPESTATUS[0]}
   set -e
+  echo "the launcher's exit status: $status (0: updated, 1: not updated)"
 }
 launch_and_wait
 echo "the client that started last reports: $(grep '^version=' "$KSCLIENT_REPORT")"

@@ -4,8 +4,9 @@ launcher's engine hands the update to a copy of itself in a sandbox, which stage
 beside the installed one, exchanges the two folders and starts the new client. After every case
 the application folder holds one whole version, the old or the new one, byte for byte.
 
-The launcher's exit status is that of its own engine, which ends once it has started the update;
-the started engine and client inherit the launcher's standard output, so a run whose output is
+The launcher's engine ends once it has started the update, but the launcher waits for the
+sandboxed engine's outcome on a pipe: it exits 0 when the update was installed, 1 when it was not.
+The started engine and client inherit the launcher's standard output, so a run whose output is
 read to its end has also seen the update and the client end.
 """
 import os
@@ -107,7 +108,8 @@ class UpdateCase(ksharness.KsTestCase):
     def assertUnchanged(self, r, expected):
         """The update failed with expected on standard error, the old version is in place and
         its client was started. The launcher's own engine has ended well before: the failure is
-        the sandboxed engine's, on the same output."""
+        the sandboxed engine's, on the same output, and the launcher's exit status says it."""
+        self.assertFails(r)
         self.assertIn(expected, r.err)
         self.assertIn(UPDATE_FAILED, r.out)
         self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
@@ -331,6 +333,7 @@ class InUseBoxTest(DesktopMixin, UpdateCase):
             # The output ends with the engine that deployed and the client it started.
             wait_for(lambda: os.path.exists(self.report), "the old client's start")
             wait_for(lambda: not self.updates_running(), "the update's end")
+            self.assertEqual(1, proc.wait(timeout=60))
         self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
         self.assertEqual("1.0.0.1", self.client_report()["version"])
         self.assertIn("error: the update was cancelled: the application folder '%s' is in use\n"
@@ -354,6 +357,7 @@ class InUseBoxTest(DesktopMixin, UpdateCase):
             self.press("^Programs in use$", "Return")
             wait_for(lambda: os.path.exists(self.report), "the new client's start")
             wait_for(lambda: not self.updates_running(), "the update's end")
+            self.assertEqual(0, proc.wait(timeout=60))
         self.assertEqual("1.0.0.2", self.client_report()["version"])
         self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v
                                    for p, v in ksharness.tree_snapshot(self.app + ".previous").items()})

@@ -14,7 +14,9 @@ runs every Nth step only, for a quick look while working on the update.
 """
 import os
 import re
+from contextlib import closing
 import shutil
+import sqlite3
 import subprocess
 import unittest
 
@@ -62,6 +64,10 @@ class KillMatrixTest(UpdateCase):
             shutil.rmtree(self.path(name))
             shutil.copytree(os.path.join(self.saved, name), self.path(name), symlinks=True)
         shutil.copy2(os.path.join(self.saved, "registry.sqlite"), self.env["KSDEPLOY_REGISTRY"])
+        # A write-ahead log of a later run would be read into the restored registry.
+        for suffix in ("-wal", "-shm"):
+            if os.path.exists(self.env["KSDEPLOY_REGISTRY"] + suffix):
+                os.remove(self.env["KSDEPLOY_REGISTRY"] + suffix)
         if os.path.exists(self.report):
             os.remove(self.report)
 
@@ -232,11 +238,24 @@ class KillMatrixTest(UpdateCase):
                                                   if snapshot.get(p, 0) != v.get(p, 0)) or "-")
                          for name, v in (("from 1.0.0.1", self.v1), ("from 1.0.0.2", self.v2)))
 
+    def recorded_versions(self):
+        """The versions the installed product's records name: the uninstall entry's description
+        beside the folder and the uninstall entry itself."""
+        with open(self.app + ".xml", encoding="utf-8") as f:
+            described = re.findall(r'Name="DisplayVersion" Value="([^"]*)"', f.read())
+        with closing(sqlite3.connect("file:%s?mode=ro" % self.env["KSDEPLOY_REGISTRY"], uri=True)) as db:
+            registered = [row[0] for row in db.execute(
+                "SELECT CAST(v.data AS TEXT) FROM registry_value v JOIN registry_key k ON k.id = v.key "
+                "WHERE k.name = 'KestraClient' AND v.name = 'DisplayVersion'")]
+        return described, registered
+
     def killed_update(self, what, options, expected, stay):
         """One kill; true when the folder held one version and both launches after it worked."""
         log = self.path("kill.txt")
-        self.strace_update(log, options, stay)
+        killed = self.strace_update(log, options, stay)
         self.assertKilledAt(log, what, expected)
+        # The launcher waited for the update's outcome, which never came.
+        self.assertEqual(1, killed.returncode, "%s: the launcher's exit status" % what)
         # The application folder holds one version; the next launch (no update offered) starts
         # its client.
         snapshot = ksharness.tree_snapshot(self.app)
@@ -252,6 +271,9 @@ class KillMatrixTest(UpdateCase):
         self.assertOk(r)
         self.assertEqual(version, (self.client_report() or {}).get("version"), "%s\n%r" % (what, r))
         self.assertTrue(snapshot == ksharness.tree_snapshot(self.app), what)
+        # The records follow the folder: a kill after the exchange is finished by that launch.
+        self.assertEqual(([version], [version]), self.recorded_versions(), what)
+        self.assertFalse(os.path.exists(self.app + ".unfinished.xml"), what)
         # The following update completes. One that had to run leaves nothing but the previous
         # version; a kill after the exchange may leave the old version under a staging name
         # (and a staging folder of before) until the next update clears them away.

@@ -445,6 +445,11 @@ void ClientDeployment::stagedRemember()
 McResult ClientDeployment::exchange()
 {
     McResult retVal;
+    // Before the exchange, so that a kill right after it leaves the record of what came in; the
+    // flush below puts it on the device with the staged files.
+    retVal << unfinishedWrite();
+    if (retVal.isBad())
+        return retVal;
     // The install flushes its files only after its hooks: they must be on the device before
     // their folder takes the application folder's name.
     retVal << Engine::instance().productTransactionFlush(stagingKeyOf(mProductKey));
@@ -479,6 +484,27 @@ McResult ClientDeployment::exchange()
         mExchanged = false;
     MC_CHECK_DETAIL(retVal, false, QStringLiteral("cannot keep the replaced version in '%1'").arg(replacedDir()),
                     McLib::osDetail(local(stagingDir()), error));
+    return retVal;
+}
+
+McResult ClientDeployment::unfinishedWrite()
+{
+    McResult retVal;
+    if (mDescription.isEmpty())
+        return retVal;
+    const QString target = unfinishedDescription(mApplicationDir);
+    const QString part = target + QStringLiteral(".part");
+    QFile::remove(part);
+    const bool copied = QFile::copy(mDescription, part);
+    if (MC_CHECK_DETAIL(retVal, copied, QStringLiteral("cannot keep the new version's description in '%1'").arg(target),
+                        McLib::osDetail(local(mDescription), errno)))
+        return retVal;
+    const bool renamed = std::rename(local(part).c_str(), local(target).c_str()) == 0;
+    MC_CHECK_DETAIL(retVal, renamed, QStringLiteral("cannot keep the new version's description in '%1'").arg(target),
+                    McLib::osDetail(local(target), errno));
+    if (!renamed)
+        QFile::remove(part);
+    mUnfinishedWritten = renamed;
     return retVal;
 }
 
@@ -554,7 +580,13 @@ McResult ClientDeployment::failed(McResult inResult, Outcome inOutcome)
 {
     mOutcome = inOutcome;
     if (inOutcome != Outcome::Updated)
+    {
         linkedItemsRemove();
+        // The old version is in place again, as its records say. A note that an earlier update
+        // left stays for the launch that finishes it.
+        if (mUnfinishedWritten)
+            QFile::remove(unfinishedDescription(mApplicationDir));
+    }
     note(inOutcome == Outcome::RolledBack ? QStringLiteral("update: failed; the previous version was put back")
                                           : QStringLiteral("update: failed; nothing was changed"),
          McLogLevelError);
@@ -587,7 +619,7 @@ McResult ClientDeployment::run()
     const QDateTime started = QDateTime::currentDateTime();
     mStarted = started;
     mListOfNote.clear();
-    mStagingBegun = mStaged = mExchanged = mHookEnded = false;
+    mStagingBegun = mStaged = mExchanged = mHookEnded = mUnfinishedWritten = false;
     mHookResult = McResult();
     mRecordPath =
         mWorkDir.isEmpty()

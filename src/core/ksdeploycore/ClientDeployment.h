@@ -61,6 +61,11 @@ public:
     // Whether a failure starts the old client and tells the user (reportUpdateFailure); on by
     // default, as the caller ends once the deployment has run.
     void failureHandlingSet(bool inOn) { mFailureHandling = inOn; }
+    // The description of the version being installed. A copy of it beside the application folder
+    // (unfinishedDescription) says, from before the exchange until the caller removes it after the
+    // installed product's own records were rewritten, that those records may still name the old
+    // version; empty: no such copy.
+    void descriptionSet(const QString& inPath) { mDescription = inPath; }
 
     // The whole update. Bad when the new version is not in place and running (see outcome()).
     // The new version is installed as a product of its own ("<key>.staging") through the
@@ -120,6 +125,10 @@ public:
     {
         return inApplicationDir + QStringLiteral(".exchange");
     }
+    static QString unfinishedDescription(const QString& inApplicationDir)
+    {
+        return inApplicationDir + QStringLiteral(".unfinished.xml");
+    }
     // Finishes or undoes a folder exchange that a killed deployment left half done. Run at every
     // start of the client's engine before the application folder is used.
     static McResult recoverInterrupted(const QString& inApplicationDir);
@@ -132,6 +141,8 @@ private:
     // Copies files the new version shares with the installed one into the cache.
     void cacheSeed();
     McResult folderRemove(const QString& inPath);
+    // Puts the copy of the description beside the application folder, whole or not at all.
+    McResult unfinishedWrite();
     // After the exchange: the verified digests of the staged files, under their new paths.
     void stagedRemember();
     // Removes the cache items the seed linked to the installed files.
@@ -150,6 +161,7 @@ private:
     int mStartWatchMs = 10000;
     InUseQuestion mInUseQuestion;
     QString mWorkDir;
+    QString mDescription;
     bool mFailureHandling = true;
     Outcome mOutcome = Outcome::NotRun;
     QStringList mListOfNote;
@@ -160,6 +172,7 @@ private:
     bool mStaged = false;
     bool mExchanged = false;
     bool mHookEnded = false;
+    bool mUnfinishedWritten = false;
     McResult mHookResult;
     static ClientDeployment* sActive;
     // The files the verify proved in the staging folder, with the stamps they had then.

@@ -35,6 +35,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <csignal>
+#include <fcntl.h>
+#include <string>
 #include <unistd.h>
 
 using namespace KsDeploy;
@@ -165,9 +168,63 @@ PluginKestraClient::PluginKestraClient() : Plugin(QStringLiteral("KestraClient")
 
 PluginKestraClient::~PluginKestraClient() = default;
 
+int PluginKestraClient::statusDescriptorTake(const Configuration& inConfig)
+{
+    bool ok = false;
+    const int fd = inConfig.value(QStringLiteral("KSC_STATUS_FD")).toInt(&ok, 10);
+    // Our own standard descriptors are never the launcher's status pipe.
+    if (!ok || fd <= 2)
+        return -1;
+    const int flags = ::fcntl(fd, F_GETFD);
+    if (flags < 0)
+        return -1;
+    // Before any client starts: a client holding the pipe would keep the launcher waiting for
+    // the client's end rather than ours.
+    ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+    return fd;
+}
+
+namespace
+{
+void statusLineWrite(int inFd, const char* inLine)
+{
+    // A launcher that is gone is no reason to end: the write fails instead of raising SIGPIPE.
+    struct sigaction ignore = {};
+    struct sigaction before = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &ignore, &before);
+    std::string line(inLine);
+    line += '\n';
+    const char* at = line.data();
+    size_t left = line.size();
+    while (left > 0)
+    {
+        const ssize_t n = ::write(inFd, at, left);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        at += n;
+        left -= static_cast<size_t>(n);
+    }
+    ::sigaction(SIGPIPE, &before, nullptr);
+}
+}
+
+void PluginKestraClient::statusWrite(const char* inLine)
+{
+    if (mStatusFd < 0)
+        return;
+    statusLineWrite(mStatusFd, inLine);
+    ::close(mStatusFd);
+    mStatusFd = -1;
+}
+
 McResult PluginKestraClient::onActivate()
 {
     mDeploying = Engine::instance().configuration().valueIsDefined(QStringLiteral("KSC_DEPLOY_PARENT"));
+    mStatusFd = statusDescriptorTake(Engine::instance().configuration());
+    mDeployOutcome = ClientDeployment::Outcome::NotRun;
     McResult retVal = activate();
     // The engine that deploys was started for an update the user agreed to: whatever stopped it
     // before the update ran, the user is told and gets the installed client.
@@ -183,6 +240,11 @@ McResult PluginKestraClient::onActivate()
                                             mClientEnvironment, false, false);
         }
     }
+    // The launcher's exit status follows the update it handed over.
+    if (mDeploying)
+        statusWrite(mDeployOutcome == ClientDeployment::Outcome::Updated      ? "updated"
+                    : mDeployOutcome == ClientDeployment::Outcome::RolledBack ? "rolled back"
+                                                                              : "unchanged");
     return retVal;
 }
 
@@ -388,6 +450,13 @@ McResult PluginKestraClient::activate()
     retVal << e.pathToCache(deployCache);
     if (retVal.isBad())
         return retVal;
+    // An update killed after its folder exchange left the records naming the old version.
+    {
+        const McResult finished = unfinishedUpdateComplete(applicationPath);
+        if (finished.isBad())
+            e.trace(McLogLevelWarning, QStringLiteral("update: the interrupted update could not be finished: %1")
+                                           .arg(QString::fromLocal8Bit(finished.text())));
+    }
     const QString description = deployCache + QStringLiteral("/product.xml");
     retVal << Cache::loadFileHTTP(description, serverBase(mUrl) + QStringLiteral("/product.xml"), McLib::MD5());
     if (retVal.isBad())
@@ -452,7 +521,7 @@ McResult PluginKestraClient::activate()
                                               e.configuration().value(QStringLiteral("DIR_VENDOR")),
                                               e.configuration().value(QStringLiteral("DIR_APPLICATION"))}
                                       .join(QLatin1Char('/'));
-        retVal << deployHere(installed, product->name(), exePath, mClientEnvironment);
+        retVal << deployHere(installed, product->name(), exePath, mClientEnvironment, description);
         return retVal;
     }
 
@@ -775,6 +844,8 @@ McResult PluginKestraClient::deploy()
         if (!mStartWatchMs.isEmpty())
             lines << QStringLiteral("KSC_DEPLOY_WATCH_MS=") + mStartWatchMs;
         lines << QStringLiteral("KSC_DEPLOY_PARENT=%1").arg(QCoreApplication::applicationPid());
+        if (mStatusFd >= 0)
+            lines << QStringLiteral("KSC_STATUS_FD=%1").arg(mStatusFd);
         lines << QStringLiteral("--plugin") << QStringLiteral("name=KestraClient");
         QFile file(commandsPath);
         const bool written =
@@ -789,8 +860,20 @@ McResult PluginKestraClient::deploy()
         for (auto it = e.environment().constBegin(); it != e.environment().constEnd(); ++it)
             environment.append(it.key() + QLatin1Char('=') + it.value());
         e.trace(McLogLevelInfo, tr("Starting the update from %1").arg(box.path()));
+        // The launcher learns that the outcome comes from the copy, which alone inherits the pipe;
+        // a copy that ends without its line has failed.
+        if (mStatusFd >= 0)
+        {
+            statusLineWrite(mStatusFd, "deploying");
+            ::fcntl(mStatusFd, F_SETFD, 0);
+        }
         retVal << e.sideExecutionInvoke(copy, {QStringLiteral("--commands"), QStringLiteral("file=") + commandsPath},
                                         environment, true, true);
+        if (mStatusFd >= 0)
+        {
+            ::close(mStatusFd);
+            mStatusFd = -1;
+        }
     }
     if (retVal.isBad())
     {
@@ -822,7 +905,8 @@ McResult PluginKestraClient::descriptionSignatureCheck(const QString& inApplicat
 }
 
 McResult PluginKestraClient::deployHere(const QString& inApplicationDir, const QString& inProductKey,
-                                        const QString& inExecutable, const QStringList& inEnvironment)
+                                        const QString& inExecutable, const QStringList& inEnvironment,
+                                        const QString& inDescription)
 {
     McResult retVal;
     Engine& e = Engine::instance();
@@ -851,9 +935,19 @@ McResult PluginKestraClient::deployHere(const QString& inApplicationDir, const Q
         });
     e.cache().httpUrlAdd(serverBase(mUrl) + QStringLiteral("/items"));
     e.cache().httpUrlAdd(serverBase(mUrl));
+    deployment.descriptionSet(inDescription);
     retVal << deployment.run();
+    mDeployOutcome = deployment.outcome();
     if (retVal.isBad())
         return retVal;
+    retVal << installedRecordsWrite(inApplicationDir, inProductKey);
+    return retVal;
+}
+
+McResult PluginKestraClient::installedRecordsWrite(const QString& inApplicationDir, const QString& inProductKey)
+{
+    McResult retVal;
+    Engine& e = Engine::instance();
     // The files are in place; the rest of the product (start-menu entry, uninstall entry with
     // the new version) follows, and the resolved description the uninstall entry runs from. Its
     // places (the start menu) are the system's folders, which activation cleared away.
@@ -869,6 +963,54 @@ McResult PluginKestraClient::deployHere(const QString& inApplicationDir, const Q
         XmlSerializer serializer;
         retVal << serializer.serialize(inApplicationDir + QStringLiteral(".xml"), resources);
     }
+    // The records name the version in the folder: the update is finished.
+    if (retVal.isOk())
+        QFile::remove(ClientDeployment::unfinishedDescription(inApplicationDir));
+    return retVal;
+}
+
+McResult PluginKestraClient::unfinishedUpdateComplete(const QString& inApplicationDir)
+{
+    McResult retVal;
+    Engine& e = Engine::instance();
+    const QString unfinished = ClientDeployment::unfinishedDescription(inApplicationDir);
+    if (!QFileInfo::exists(unfinished))
+        return retVal;
+    XmlSerializer serializer;
+    McDArray<McHandle<Resource>> loaded;
+    retVal << serializer.deserialize(unfinished, loaded);
+    if (retVal.isBad())
+        return retVal;
+    McHandle<ResourceProduct> product;
+    QString version;
+    for (int64_t i = 0; i < loaded.size(); ++i)
+    {
+        if (auto* p = dynamic_cast<ResourceProduct*>(loaded[i].ptr()); p && product.isNull())
+            product = p;
+        auto* value = dynamic_cast<ResourceRegistryValue*>(loaded[i].ptr());
+        if (value && value->name() == QLatin1String("DisplayVersion"))
+            version = value->value();
+    }
+    if (MC_CHECK_DETAIL(retVal, product.isNotNull(), "the product description holds no product",
+                        QFile::encodeName(unfinished).toStdString()))
+        return retVal;
+    // The folder holds another version than the one that was coming in: the update was undone
+    // and the records already name what is there.
+    if (versionCompare(version, mVersion) != 0)
+    {
+        e.trace(McLogLevelInfo, QStringLiteral("update: the update to version %1 was undone; version %2 is installed")
+                                    .arg(version, mVersion));
+        e.resourceUnregisterAll();
+        QFile::remove(unfinished);
+        return retVal;
+    }
+    e.trace(McLogLevelInfo, QStringLiteral("update: finishing the interrupted update to version %1").arg(version));
+    e.cache().httpUrlAdd(serverBase(mUrl) + QStringLiteral("/items"));
+    e.cache().httpUrlAdd(serverBase(mUrl));
+    const Configuration saved = e.configuration();
+    retVal << installedRecordsWrite(inApplicationDir, product->name());
+    e.configuration() = saved;
+    e.resourceUnregisterAll();
     return retVal;
 }
 

@@ -1,4 +1,5 @@
 #pragma once
+#include "ClientDeployment.h"
 #include "Configuration.h"
 #include "KsGlobal.h"
 #include "Plugin.h"
@@ -67,13 +68,25 @@ private:
     McResult descriptionSignatureCheck(const QString& inApplicationDir, const QString& inDescription);
     // The engine started by deploy(): replaces the installed client by the loaded product.
     McResult deployHere(const QString& inApplicationDir, const QString& inProductKey, const QString& inExecutable,
-                        const QStringList& inEnvironment);
+                        const QStringList& inEnvironment, const QString& inDescription);
+    // The installed product's records for the files now in the folder: the product's install
+    // (start-menu and uninstall entries) and the resolved description beside the folder.
+    McResult installedRecordsWrite(const QString& inApplicationDir, const QString& inProductKey);
+    // An update killed after its folder exchange: when the folder holds the version it brought,
+    // its records are written now (nothing is fetched, the files are there); otherwise the update
+    // was undone and only its note goes.
+    McResult unfinishedUpdateComplete(const QString& inApplicationDir);
     void translationsLoad() const;
     // Reads "update.ini" beside the product description; outFound false when the server has none.
     McResult replyLoad(bool& outFound);
     // Whether the reply asks a question of the running client at all.
     bool replyAsksQuestion() const;
     QString ksweblaunchExePath();
+    // The launcher's status descriptor (KSC_STATUS_FD): taken at activation and kept from every
+    // program this engine starts but the copy that deploys. Returns -1 without one.
+    static int statusDescriptorTake(const Configuration& inConfig);
+    // Writes one line to the status descriptor and closes it: the launcher's read ends there.
+    void statusWrite(const char* inLine);
 
     Configuration mReplyConfiguration;
     McDArray<QString> mListOfText;
@@ -94,6 +107,9 @@ private:
     bool mDeploying = false;
     // The deployment itself ran: it has reported its own failure and started a client.
     bool mDeployRan = false;
+    int mStatusFd = -1;
+    // How the deployment this engine ran ended.
+    ClientDeployment::Outcome mDeployOutcome = ClientDeployment::Outcome::NotRun;
     // How long a new client is watched for a failed start (KSC_DEPLOY_WATCH_MS), as given.
     QString mStartWatchMs;
     QList<QString> mClientEnvironment;
