@@ -9,6 +9,7 @@
 #include <QFileInfo>
 
 #include <cerrno>
+#include <sys/stat.h>
 
 using namespace KsDeploy;
 
@@ -150,13 +151,15 @@ McResult ResourceFileEntry::scan()
 {
     McResult retVal;
     const QString fullPath = path();
-    // One look at the path serves the link check, existence and the mode.
-    const QFileInfo info(fullPath);
+    // One look at the path serves the link check, existence and the mode: the mode's execute
+    // bits say all there is (asking whether this user may run it would cost a call per file).
+    struct stat st;
+    const bool there = !fullPath.isEmpty() && ::lstat(QFile::encodeName(fullPath).constData(), &st) == 0;
     if (!MC_CHECK(retVal, !fullPath.isEmpty(), "Internal Error") &&
-                                            !KS_CHECK_AS(retVal, !info.isSymLink(), "!QFileInfo(fullPath).isSymLink()",
-                                                         linkDetail(fullPath)))
+                                            !KS_CHECK_AS(retVal, !(there && S_ISLNK(st.st_mode)),
+                                                         "!QFileInfo(fullPath).isSymLink()", linkDetail(fullPath)))
     {
-        if (!info.exists())
+        if (!there)
             absenceFound();
         else
         {
@@ -164,9 +167,7 @@ McResult ResourceFileEntry::scan()
             const BufferID scanned(scanFile(fullPath));
             if (!MC_CHECK_TEXT(retVal, scanned.isValid(), "md5.isValid()", "Internal Error"))
                 bufferIdSet(scanned);
-            const QFile::Permissions p = info.permissions();
-            isExecutableSet((p & (QFile::ExeOwner | QFile::ExeUser | QFile::ExeGroup | QFile::ExeOther)) ||
-                            info.isExecutable());
+            isExecutableSet((st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0);
         }
     }
     if (retVal.isBad())

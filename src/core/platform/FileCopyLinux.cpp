@@ -14,7 +14,7 @@ namespace
 // The device whose file system refused a reflink: its next files go straight to the kernel copy,
 // without the failing call per file.
 std::atomic<unsigned long long> sNoReflinkDevice{~0ull};
-const long long sSmall = 65536;
+const long long sSmall = 16384;
 
 bool writeFully(int inOut, const char* inData, ssize_t inSize)
 {
