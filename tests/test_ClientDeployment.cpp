@@ -18,9 +18,9 @@
 #include <QThread>
 
 #include <csignal>
-#include <sys/stat.h>
 #include <cstdlib>
 #include <functional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace KsDeploy;
