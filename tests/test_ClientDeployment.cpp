@@ -264,20 +264,44 @@ TEST_F(ClientDeploymentTest, UpdatesFromTheOldFolderAndTheServerAndKeepsThePrevi
     EXPECT_TRUE(e().productResource("Client.staging").isNull()) << "the staging product left the pool";
     // What was cleared is said; this run's record stays.
     const QStringList records = QDir(p("work")).entryList(QDir::Files);
-    EXPECT_EQ(2, records.size()) << records.join(",").toStdString();
+    EXPECT_EQ(3, records.size()) << records.join(",").toStdString();
     EXPECT_TRUE(records.contains("keep.txt"));
-    bool said = false;
+    EXPECT_TRUE(records.contains("installed.digests"));
+    bool cleared = false;
     for (const KsTest::LogLine& l : log.lines())
-        said = said || l.text == "removed: " + p("work/update-old.log").toStdString();
-    EXPECT_TRUE(said);
+        cleared = cleared || l.text == "removed: " + p("work/update-old.log").toStdString();
+    EXPECT_TRUE(cleared);
 
-    // The next update keeps only the version it replaced.
+    // The next update keeps only the version it replaced, and does not read again the file the
+    // last one proved.
     describe("v1", false);
     ClientDeployment again;
     setUp(again);
+    KsTest::LogRecorder againLog;
     ASSERT_TRUE(again.run().isOk());
     EXPECT_EQ(snapshot(p("v1")), snapshot(app()));
     EXPECT_EQ(snapshot(p("v2")), snapshot(app() + ".previous"));
+    EXPECT_TRUE(said(againLog, "(1 shared by links, 2 known from the last update's record)"));
+
+    // A recorded file written over since, even at the same size, is read again and not taken:
+    // the server has no copy of it, so the update fails and changes nothing.
+    {
+        QFile common(app() + "/lib/common.bin");
+        ASSERT_TRUE(common.open(QIODevice::ReadWrite));
+        const QByteArray bytes = common.readAll();
+        common.seek(0);
+        ASSERT_EQ(bytes.size(), common.write(QByteArray(bytes.size(), 'x')));
+    }
+    describe("v2", false);
+    ClientDeployment third;
+    setUp(third);
+    KsTest::LogRecorder thirdLog;
+    KsTest::FailureRecorder failures;
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(third.run().isBad());
+    testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(said(thirdLog, "update: 0 unchanged files taken from"));
+    EXPECT_EQ(QByteArray(QFileInfo(p("v1/lib/common.bin")).size(), 'x'), KsTest::readFile(app() + "/lib/common.bin"));
 }
 
 TEST_F(ClientDeploymentTest, ANewClientThatFailsItsStartIsReplacedByTheOldOne)
@@ -296,7 +320,7 @@ TEST_F(ClientDeploymentTest, ANewClientThatFailsItsStartIsReplacedByTheOldOne)
     EXPECT_EQ(snapshot(p("v1")), snapshot(app()));
     // The shared file was staged as a link; its content and mode are version 1's and nothing
     // else holds it any more.
-    EXPECT_TRUE(said(log, "(1 shared by links)"));
+    EXPECT_TRUE(said(log, "(1 shared by links,"));
     EXPECT_EQ(1u, linksOf(app() + "/lib/common.bin"));
     EXPECT_EQ(QFile::permissions(p("v1/lib/common.bin")), QFile::permissions(app() + "/lib/common.bin"));
     EXPECT_EQ(QStringList{"App"}, QDir(p("target/Vendor")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
@@ -324,7 +348,7 @@ TEST_F(ClientDeploymentTest, AnUnchangedFileWithAnotherModeIsCopiedNotLinked)
     KsTest::LogRecorder log;
     ASSERT_TRUE(d.run().isOk());
     EXPECT_TRUE(said(log, "update: 1 unchanged files taken from")) << "not fetched: taken from the installed file";
-    EXPECT_TRUE(said(log, "(0 shared by links)"));
+    EXPECT_TRUE(said(log, "(0 shared by links,"));
     EXPECT_NE(inodeOf(app() + ".previous/lib/common.bin"), inodeOf(app() + "/lib/common.bin"));
     EXPECT_TRUE(QFileInfo(app() + "/lib/common.bin").isExecutable());
     EXPECT_FALSE(QFileInfo(app() + ".previous/lib/common.bin").isExecutable());

@@ -46,13 +46,16 @@ class LauncherStatusTest(UpdateCase):
         self.publish("1.0.0.2", {"data/kept.dat": b"kept\n" * 1000})
         self.assertEqual(0, self.launch_staying(), self.read("out.txt"))
         self.assertEqual(1, len(self.clients_running()))
-        self.assertEqual("1.0.0.2", self.client_report()["version"])
+        # The client writes its report once started: the launcher may return before that.
+        report = ksharness.wait_for(self.client_report, "the client's report")
+        self.assertEqual("1.0.0.2", report["version"])
 
     def test_a_launch_without_an_update_returns_while_its_client_runs(self):
         os.remove(os.path.join(self.www, "update.ini"))
         self.assertEqual(0, self.launch_staying(), self.read("out.txt"))
         self.assertEqual(1, len(self.clients_running()))
-        self.assertEqual("1.0.0.1", self.client_report()["version"])
+        report = ksharness.wait_for(self.client_report, "the client's report")
+        self.assertEqual("1.0.0.1", report["version"])
 
 
 if __name__ == "__main__":

@@ -24,6 +24,7 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QProcessEnvironment>
+#include <QSaveFile>
 
 #include <atomic>
 #include <cerrno>
@@ -85,6 +86,45 @@ bool digestOf(const std::string& inPath, McLib::MD5& outMd5, QxBase::FileStamp& 
     }
     ::close(fd);
     return ok;
+}
+
+// The digest record: what an update proved of the files it left in the application folder, by
+// file identity, so that the next update need not read them again.
+struct RecordedDigest
+{
+    qint64 size = -1;
+    qint64 mtimeNs = 0;
+    McLib::MD5 md5;
+};
+using DigestRecord = QHash<QPair<quint64, quint64>, RecordedDigest>;
+
+DigestRecord digestRecordRead(const QString& inPath)
+{
+    DigestRecord record;
+    QFile file(inPath);
+    if (inPath.isEmpty() || !file.open(QIODevice::ReadOnly))
+        return record;
+    // A damaged line is no record of anything: its file is hashed.
+    while (!file.atEnd())
+    {
+        const QList<QByteArray> f = file.readLine(256).trimmed().split(' ');
+        bool ok[4] = {false, false, false, false};
+        bool md5Ok = false;
+        if (f.size() != 5)
+            continue;
+        const quint64 device = f[0].toULongLong(&ok[0]);
+        const quint64 inode = f[1].toULongLong(&ok[1]);
+        RecordedDigest d;
+        d.size = f[2].toLongLong(&ok[2]);
+        d.mtimeNs = f[3].toLongLong(&ok[3]);
+        const BufferID id = BufferID::fromString(QString::fromLatin1(f[4]), &md5Ok);
+        if (ok[0] && ok[1] && ok[2] && ok[3] && md5Ok && d.size >= 0)
+        {
+            d.md5 = id.md5();
+            record.insert(qMakePair(device, inode), d);
+        }
+    }
+    return record;
 }
 }
 
@@ -213,8 +253,13 @@ void ClientDeployment::cacheSeed()
         QxBase::FileStamp stamp;
         bool executable = false;
         bool same = false;
+        bool known = false;
     };
     std::vector<Seed> seeds;
+    // A file that is still the one a finished update proved (same identity, size and
+    // modification time, the rule the digest memo applies within a run) is not read again.
+    const DigestRecord record = digestRecordRead(digestRecordPath());
+    int known = 0;
     for (int64_t i = 0; i < resources.size(); ++i)
     {
         const ResourceFileEntry* entry = dynamic_cast<const ResourceFileEntry*>(resources[i].ptr());
@@ -238,6 +283,18 @@ void ClientDeployment::cacheSeed()
         seed.localPath = local(seed.installed);
         seed.id = entry->bufferId();
         seed.executable = entry->isExecutable();
+        QxBase::FileStamp now;
+        const auto at = record.isEmpty() || !QxBase::File::stampOf(seed.installed, now)
+                            ? record.constEnd()
+                            : record.constFind(qMakePair(now.device, now.inode));
+        if (at != record.constEnd() && at->size == now.size && at->mtimeNs == now.mtimeNs)
+        {
+            seed.known = true;
+            seed.md5 = at->md5;
+            seed.stamp = now;
+            seed.same = BufferID(seed.md5) == seed.id;
+            ++known;
+        }
         seeds.push_back(seed);
     }
     // Hashing the installed files is most of the seed's work and MD5 keeps one core busy: two
@@ -245,12 +302,13 @@ void ClientDeployment::cacheSeed()
     std::atomic<size_t> next{0};
     const auto hashSome = [&seeds, &next] {
         for (size_t i = next++; i < seeds.size(); i = next++)
-            seeds[i].same =
-                digestOf(seeds[i].localPath, seeds[i].md5, seeds[i].stamp) && BufferID(seeds[i].md5) == seeds[i].id;
+            if (!seeds[i].known)
+                seeds[i].same =
+                    digestOf(seeds[i].localPath, seeds[i].md5, seeds[i].stamp) && BufferID(seeds[i].md5) == seeds[i].id;
     };
     const size_t sSeedsForTwoThreads = 64;
     std::thread helper;
-    if (seeds.size() >= sSeedsForTwoThreads)
+    if (seeds.size() - known >= sSeedsForTwoThreads)
         helper = std::thread(hashSome);
     hashSome();
     if (helper.joinable())
@@ -293,10 +351,12 @@ void ClientDeployment::cacheSeed()
             ++seeded;
     }
     e.cache().sharedItemsSet(shared);
-    note(QStringLiteral("update: %1 unchanged files taken from '%2' (%3 shared by links)")
+    note(QStringLiteral("update: %1 unchanged files taken from '%2' (%3 shared by links, %4 known from the "
+                        "last update's record)")
              .arg(seeded)
              .arg(mApplicationDir)
-             .arg(shared.size()));
+             .arg(shared.size())
+             .arg(known));
 }
 
 McResult ClientDeployment::folderRemove(const QString& inPath)
@@ -609,7 +669,36 @@ void ClientDeployment::succeeded()
     else
         note(QStringLiteral("update: the previous version could not be kept in '%1'").arg(previous), McLogLevelWarning);
     mOutcome = Outcome::Updated;
+    digestRecordWrite();
     note(QStringLiteral("update: done"));
+}
+
+QString ClientDeployment::digestRecordPath() const
+{
+    return mWorkDir.isEmpty() ? QString() : mWorkDir + QStringLiteral("/installed.digests");
+}
+
+void ClientDeployment::digestRecordWrite()
+{
+    // The files the verify proved, as they are now in the application folder: written whole or
+    // not at all, since a half record would only cost the next update its reading.
+    const QString path = digestRecordPath();
+    if (path.isEmpty() || !QDir().mkpath(mWorkDir))
+        return;
+    QByteArray text;
+    for (const StagedFile& file : mListOfStaged)
+    {
+        QxBase::FileStamp now;
+        if (!QxBase::File::stampOf(mApplicationDir + file.relative, now))
+            continue;
+        text += QByteArray::number(now.device) + ' ' + QByteArray::number(now.inode) + ' ' +
+                QByteArray::number(now.size) + ' ' + QByteArray::number(now.mtimeNs) + ' ' +
+                BufferID(file.md5).toString().toLatin1() + '\n';
+    }
+    QSaveFile save(path);
+    if (!save.open(QIODevice::WriteOnly) || save.write(text) != text.size() || !save.commit())
+        note(QStringLiteral("update: the record of the installed files could not be written: '%1'").arg(path),
+             McLogLevelWarning);
 }
 
 McResult ClientDeployment::run()

@@ -145,6 +145,10 @@ private:
     McResult unfinishedWrite();
     // After the exchange: the verified digests of the staged files, under their new paths.
     void stagedRemember();
+    // The record of what this update proved of the application folder's files, read by the
+    // next update's seed.
+    QString digestRecordPath() const;
+    void digestRecordWrite();
     // Removes the cache items the seed linked to the installed files.
     void linkedItemsRemove();
     void note(const QString& inText, McLogLevel inLevel = McLogLevelInfo);
