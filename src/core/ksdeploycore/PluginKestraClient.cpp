@@ -250,6 +250,20 @@ McResult PluginKestraClient::onActivate()
 
 namespace
 {
+// The first product of a loaded description and the version its uninstall entry names.
+void productAndVersionOf(const McDArray<McHandle<Resource>>& inLoaded, McHandle<ResourceProduct>& outProduct,
+                         QString& outVersion)
+{
+    for (int64_t i = 0; i < inLoaded.size(); ++i)
+    {
+        if (auto* p = dynamic_cast<ResourceProduct*>(inLoaded[i].ptr()); p && outProduct.isNull())
+            outProduct = p;
+        auto* value = dynamic_cast<ResourceRegistryValue*>(inLoaded[i].ptr());
+        if (value && value->name() == QLatin1String("DisplayVersion"))
+            outVersion = value->value();
+    }
+}
+
 // The deployment whose staging install this is, or none: the hooks leave every other install
 // alone.
 ClientDeployment* deploymentOf(const McHandle<ResourceProduct>& inProduct)
@@ -496,14 +510,7 @@ McResult PluginKestraClient::activate()
     {
         McHandle<ResourceProduct> product;
         QString published;
-        for (int64_t i = 0; i < loaded.size(); ++i)
-        {
-            if (auto* p = dynamic_cast<ResourceProduct*>(loaded[i].ptr()); p && product.isNull())
-                product = p;
-            auto* value = dynamic_cast<ResourceRegistryValue*>(loaded[i].ptr());
-            if (value && value->name() == QLatin1String("DisplayVersion"))
-                published = value->value();
-        }
+        productAndVersionOf(loaded, product, published);
         if (MC_CHECK_DETAIL(retVal, product.isNotNull(), "the product description holds no product",
                             (serverBase(mUrl) + QStringLiteral("/product.xml")).toStdString()))
             return retVal;
@@ -983,14 +990,7 @@ McResult PluginKestraClient::unfinishedUpdateComplete(const QString& inApplicati
         return retVal;
     McHandle<ResourceProduct> product;
     QString version;
-    for (int64_t i = 0; i < loaded.size(); ++i)
-    {
-        if (auto* p = dynamic_cast<ResourceProduct*>(loaded[i].ptr()); p && product.isNull())
-            product = p;
-        auto* value = dynamic_cast<ResourceRegistryValue*>(loaded[i].ptr());
-        if (value && value->name() == QLatin1String("DisplayVersion"))
-            version = value->value();
-    }
+    productAndVersionOf(loaded, product, version);
     if (MC_CHECK_DETAIL(retVal, product.isNotNull(), "the product description holds no product",
                         QFile::encodeName(unfinished).toStdString()))
         return retVal;
