@@ -12,9 +12,11 @@ read to its end has also seen the update and the client end.
 import os
 import re
 import shutil
+import sqlite3
 import subprocess
 import threading
 import unittest
+from contextlib import closing
 
 import ksharness
 from ksharness import wait_for
@@ -32,6 +34,17 @@ GUI_MISSING = [t for t in ("Xvfb", "xdpyinfo", "xdotool") if shutil.which(t) is 
 
 class UpdateCase(ksharness.KsTestCase):
     """Version 1.0.0.1 installed below home/.local/opt/Kestra/Client from www/client."""
+
+    def recorded_versions(self):
+        """The versions the installed product's records name: the uninstall entry's description
+        beside the folder and the uninstall entry itself."""
+        with open(self.app + ".xml", encoding="utf-8") as f:
+            described = re.findall(r'Name="DisplayVersion" Value="([^"]*)"', f.read())
+        with closing(sqlite3.connect("file:%s?mode=ro" % self.env["KSDEPLOY_REGISTRY"], uri=True)) as db:
+            registered = [row[0] for row in db.execute(
+                "SELECT CAST(v.data AS TEXT) FROM registry_value v JOIN registry_key k ON k.id = v.key "
+                "WHERE k.name = 'KestraClient' AND v.name = 'DisplayVersion'")]
+        return described, registered
 
     def setUp(self):
         super().setUp()
@@ -315,7 +328,10 @@ class InUseBoxTest(DesktopMixin, UpdateCase):
         self.x = XServer()
         self.addCleanup(self.x.stop)
 
-    def test_abort_in_the_box_listing_the_programs_in_use_changes_nothing(self):
+    def launch_while_held(self):
+        """Version 1.0.0.2 offered while a client of 1.0.0.1 keeps running from the folder; the
+        launcher started on the X server and its update accepted. Returns (holder, launcher);
+        the launcher's output goes to out.txt."""
         self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
         env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
         holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
@@ -325,39 +341,33 @@ class InUseBoxTest(DesktopMixin, UpdateCase):
             launcher = os.path.join(self.app, "ksweblaunch.exe")
             proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
                                     env=dict(self.env, KSCLIENT_STAY_SECONDS="0", DISPLAY=self.x.display))
-            self.addCleanup(proc.wait)
-            self.press("^Kestra Client Client Version Mismatch$", "Return")
-            self.press("^Programs in use$", "Escape")
-            self.press("^ksdeploy$", "Return")
-            self.press("^Kestra Imaging$", "Escape")
-            # The output ends with the engine that deployed and the client it started.
-            wait_for(lambda: os.path.exists(self.report), "the old client's start")
-            wait_for(lambda: not self.updates_running(), "the update's end")
-            self.assertEqual(1, proc.wait(timeout=60))
+        self.addCleanup(proc.wait)
+        self.press("^Kestra Client Client Version Mismatch$", "Return")
+        return holder, proc
+
+    def test_abort_in_the_box_listing_the_programs_in_use_changes_nothing(self):
+        holder, proc = self.launch_while_held()
+        self.press("^Programs in use$", "Escape")
+        self.press("^ksdeploy$", "Return")
+        self.press("^Kestra Imaging$", "Escape")
+        # The output ends with the engine that deployed and the client it started.
+        wait_for(lambda: os.path.exists(self.report), "the old client's start")
+        wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertEqual(1, proc.wait(timeout=60))
         self.assertEqual(self.v1, ksharness.tree_snapshot(self.app))
         self.assertEqual("1.0.0.1", self.client_report()["version"])
         self.assertIn("error: the update was cancelled: the application folder '%s' is in use\n"
                       "  ksclient.exe (pid %d)\n" % (self.app, holder.pid), self.read("out.txt").decode())
 
     def test_retry_after_the_program_ended_updates(self):
-        self.publish("1.0.0.2", {"data/kept.dat": b"changed\n"})
-        env = dict(self.env, KSCLIENT_STAY_SECONDS="60", KSCLIENT_REPORT=self.path("holder.txt"))
-        holder = subprocess.Popen([os.path.join(self.app, "ksclient.exe")], cwd=self.work, env=env)
-        self.addCleanup(holder.wait)
-        self.addCleanup(holder.kill)
-        with open(self.path("out.txt"), "wb") as out:
-            launcher = os.path.join(self.app, "ksweblaunch.exe")
-            proc = subprocess.Popen([launcher, "--url", self.url], cwd=self.work, stdout=out, stderr=out,
-                                    env=dict(self.env, KSCLIENT_STAY_SECONDS="0", DISPLAY=self.x.display))
-            self.addCleanup(proc.wait)
-            self.press("^Kestra Client Client Version Mismatch$", "Return")
-            wait_for(lambda: self.box("^Programs in use$"), "the box of programs in use")
-            holder.kill()
-            holder.wait()
-            self.press("^Programs in use$", "Return")
-            wait_for(lambda: os.path.exists(self.report), "the new client's start")
-            wait_for(lambda: not self.updates_running(), "the update's end")
-            self.assertEqual(0, proc.wait(timeout=60))
+        holder, proc = self.launch_while_held()
+        wait_for(lambda: self.box("^Programs in use$"), "the box of programs in use")
+        holder.kill()
+        holder.wait()
+        self.press("^Programs in use$", "Return")
+        wait_for(lambda: os.path.exists(self.report), "the new client's start")
+        wait_for(lambda: not self.updates_running(), "the update's end")
+        self.assertEqual(0, proc.wait(timeout=60))
         self.assertEqual("1.0.0.2", self.client_report()["version"])
         self.assertEqual(self.v1, {p.replace(self.app + ".previous", self.app, 1): v
                                    for p, v in ksharness.tree_snapshot(self.app + ".previous").items()})

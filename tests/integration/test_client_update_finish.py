@@ -4,25 +4,13 @@ finishes it from "<application>.unfinished.xml" before its version check, withou
 the folder holds the old version after all, the file only goes.
 """
 import os
-import re
 import shutil
-import sqlite3
-from contextlib import closing
 
 import ksharness
 from test_client_update import UpdateCase
 
 
 class UnfinishedUpdateTest(UpdateCase):
-    def recorded_versions(self):
-        with open(self.app + ".xml", encoding="utf-8") as f:
-            described = re.findall(r'Name="DisplayVersion" Value="([^"]*)"', f.read())
-        with closing(sqlite3.connect("file:%s?mode=ro" % self.env["KSDEPLOY_REGISTRY"], uri=True)) as db:
-            registered = [row[0] for row in db.execute(
-                "SELECT CAST(v.data AS TEXT) FROM registry_value v JOIN registry_key k ON k.id = v.key "
-                "WHERE k.name = 'KestraClient' AND v.name = 'DisplayVersion'")]
-        return described, registered
-
     def registry_copy(self, source, target):
         for suffix in ("-wal", "-shm"):
             if os.path.exists(target + suffix):

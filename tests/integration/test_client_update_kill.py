@@ -14,9 +14,7 @@ runs every Nth step only, for a quick look while working on the update.
 """
 import os
 import re
-from contextlib import closing
 import shutil
-import sqlite3
 import subprocess
 import unittest
 
@@ -237,17 +235,6 @@ class KillMatrixTest(UpdateCase):
         return "; ".join("%s: %s" % (name, sorted(os.path.relpath(p, self.app) for p in set(snapshot) | set(v)
                                                   if snapshot.get(p, 0) != v.get(p, 0)) or "-")
                          for name, v in (("from 1.0.0.1", self.v1), ("from 1.0.0.2", self.v2)))
-
-    def recorded_versions(self):
-        """The versions the installed product's records name: the uninstall entry's description
-        beside the folder and the uninstall entry itself."""
-        with open(self.app + ".xml", encoding="utf-8") as f:
-            described = re.findall(r'Name="DisplayVersion" Value="([^"]*)"', f.read())
-        with closing(sqlite3.connect("file:%s?mode=ro" % self.env["KSDEPLOY_REGISTRY"], uri=True)) as db:
-            registered = [row[0] for row in db.execute(
-                "SELECT CAST(v.data AS TEXT) FROM registry_value v JOIN registry_key k ON k.id = v.key "
-                "WHERE k.name = 'KestraClient' AND v.name = 'DisplayVersion'")]
-        return described, registered
 
     def killed_update(self, what, options, expected, stay):
         """One kill; true when the folder held one version and both launches after it worked."""

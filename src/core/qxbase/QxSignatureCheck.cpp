@@ -34,6 +34,22 @@ bool readAll(const QString& inPath, QByteArray& outBytes, std::string& outDetail
 }
 
 std::string name(const QString& inPath) { return QFile::encodeName(inPath).toStdString(); }
+
+using PublicKey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+
+// The Ed25519 public key a PEM text holds; any other key cannot check our signatures.
+McResult ed25519KeyRead(const QByteArray& inPublicKeyPem, const QString& inKeyName, PublicKey& outKey)
+{
+    McResult retVal;
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(inPublicKeyPem.constData(), static_cast<int>(inPublicKeyPem.size())), &BIO_free);
+    outKey.reset(bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    if (outKey && EVP_PKEY_id(outKey.get()) != EVP_PKEY_ED25519)
+        outKey.reset();
+    MC_CHECK_DETAIL(retVal, outKey != nullptr, QStringLiteral("cannot use the signing key '%1'").arg(inKeyName),
+                    name(inKeyName) + ": not an Ed25519 public key in PEM form");
+    return retVal;
+}
 }
 
 McResult SignatureCheck::verifyFile(const QString& inDataFile, const QString& inSignatureFile,
@@ -56,28 +72,16 @@ McResult SignatureCheck::verifyFile(const QString& inDataFile, const QString& in
 
 McResult SignatureCheck::keyCheck(const QByteArray& inPublicKeyPem, const QString& inKeyName)
 {
-    McResult retVal;
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
-        BIO_new_mem_buf(inPublicKeyPem.constData(), static_cast<int>(inPublicKeyPem.size())), &BIO_free);
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr, &EVP_PKEY_free);
-    const bool isEd25519 = key && EVP_PKEY_id(key.get()) == EVP_PKEY_ED25519;
-    MC_CHECK_DETAIL(retVal, isEd25519, QStringLiteral("cannot use the signing key '%1'").arg(inKeyName),
-                    name(inKeyName) + ": not an Ed25519 public key in PEM form");
-    return retVal;
+    PublicKey key(nullptr, &EVP_PKEY_free);
+    return ed25519KeyRead(inPublicKeyPem, inKeyName, key);
 }
 
 McResult SignatureCheck::verify(const QByteArray& inData, const QByteArray& inSignature,
                                 const QByteArray& inPublicKeyPem, const QString& inDataName, const QString& inKeyName)
 {
-    McResult retVal;
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
-        BIO_new_mem_buf(inPublicKeyPem.constData(), static_cast<int>(inPublicKeyPem.size())), &BIO_free);
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr, &EVP_PKEY_free);
-    const bool isEd25519 = key && EVP_PKEY_id(key.get()) == EVP_PKEY_ED25519;
-    if (MC_CHECK_DETAIL(retVal, isEd25519, QStringLiteral("cannot use the signing key '%1'").arg(inKeyName),
-                        name(inKeyName) + ": not an Ed25519 public key in PEM form"))
+    PublicKey key(nullptr, &EVP_PKEY_free);
+    McResult retVal = ed25519KeyRead(inPublicKeyPem, inKeyName, key);
+    if (retVal.isBad())
         return retVal;
 
     // Ed25519 signatures are always 64 bytes; anything else cannot be one.
