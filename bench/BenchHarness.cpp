@@ -99,7 +99,9 @@ std::string scratchDir(const std::string& inName)
     const std::string dir = root + "/ksdeploy-bench-" + inName;
     std::filesystem::remove_all(dir);
     std::filesystem::create_directories(dir);
-    if (sScratch.empty())
+    // Kept on request, so that a step can be run again by hand (under a profiler, say).
+    const char* keep = std::getenv("KSDEPLOY_BENCH_KEEP");
+    if (sScratch.empty() && !(keep && *keep == '1'))
         std::atexit(&removeScratch);
     sScratch.push_back(dir);
     return dir;

@@ -93,3 +93,34 @@ TEST(FileHashAhead, WhatTheWorkersCannotHashIsLeftToScanFile)
     writeFile(file, "another content, longer");
     EXPECT_EQ(md5Of("another content, longer"), scanFile(file));
 }
+
+TEST(FileHashAhead, WhatTheMemoKnowsIsNotHashedAgain)
+{
+    QTemporaryDir dir;
+    QStringList paths;
+    for (int i = 0; i < 4; ++i)
+    {
+        paths << dir.filePath(QStringLiteral("f%1").arg(i));
+        writeFile(paths.back(), QByteArray("content ") + QByteArray::number(i));
+    }
+    // The memo says something else for two of them: an answer that did not come from hashing.
+    const McLib::MD5 told = md5Of("what the run wrote");
+    for (int i : {1, 3})
+    {
+        QxBase::FileStamp stamp;
+        ASSERT_TRUE(QxBase::File::stampOf(paths[i], stamp));
+        scanFileRemember(paths[i], told, stamp);
+    }
+    {
+        FileHashAhead ahead(paths, 2, 1);
+        for (int i = 0; i < 4; ++i)
+            ahead.record(i);
+    }
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(i % 2 ? told : md5Of(QByteArray("content ") + QByteArray::number(i)), scanFile(paths[i])) << i;
+    // With every file known no worker is needed, and no walk waits for one.
+    FileHashAhead known(QStringList() << paths[1] << paths[3], 2, 1);
+    known.record(0);
+    known.record(1);
+    EXPECT_EQ(told, scanFile(paths[3]));
+}

@@ -12,8 +12,21 @@ FileHashAhead::FileHashAhead(const QStringList& inPaths, int inWorkers, int inMi
     : mPaths(inPaths.size() >= inMinimum ? inPaths : QStringList()),
       mJobs(new Job[static_cast<size_t>(std::max<qsizetype>(1, mPaths.size()))])
 {
+    // A file this run wrote or hashed already is answered by the memo from its stamp: hashing it
+    // again would cost what the memo saves (a staged update verifies a folder it just wrote).
+    int toHash = 0;
+    for (qsizetype i = 0; i < mPaths.size(); ++i)
+    {
+        if (scanFileSeen(mPaths[i]))
+        {
+            mJobs[static_cast<size_t>(i)].known = true;
+            mJobs[static_cast<size_t>(i)].finished = true;
+        }
+        else
+            ++toHash;
+    }
     int workers = inWorkers > 0 ? inWorkers : static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 8u));
-    workers = static_cast<int>(std::min<qsizetype>(workers, mPaths.size()));
+    workers = std::min(workers, toHash);
     for (int i = 0; i < workers; ++i)
         mWorkers.emplace_back([this] { work(); });
 }
@@ -32,7 +45,7 @@ void FileHashAhead::work()
     {
         Job& job = mJobs[static_cast<size_t>(i)];
         // Once stopped or interrupted the rest is only marked finished, so no one waits for it.
-        if (!mStop && KsPlatform::InterruptSignals::pending() == 0)
+        if (!job.known && !mStop && KsPlatform::InterruptSignals::pending() == 0)
             job.hashed = scanFileSilently(mPaths[i], job.md5, job.stamp);
         job.finished.store(true, std::memory_order_release);
         // The walk sleeps only for the one file it waits for; every other job finishes unseen.
