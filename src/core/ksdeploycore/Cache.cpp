@@ -438,6 +438,7 @@ McResult Cache::itemCreateFile(const BufferID& inBufferId, const QString& inTarg
     if (MC_CHECK_TEXT(retVal, created.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
         return retVal << created;  // the copy's own reason follows
     scanFileRemember(inTarget, inBufferId.md5(), stamp);
+    installedFileTag(inTarget, inBufferId.md5(), stamp);
     return retVal;
 }
 
@@ -458,6 +459,7 @@ McResult Cache::itemWriteOverFile(const BufferID& inBufferId, const QString& inT
     if (MC_CHECK_TEXT(retVal, copied.isOk(), "b", QStringLiteral("QFile::copy(\"%1\", \"%2\")").arg(item, inTarget)))
         return retVal << copied;  // the copy's own reason follows
     scanFileRemember(inTarget, inBufferId.md5(), stamp);
+    installedFileTag(inTarget, inBufferId.md5(), stamp);
     return retVal;
 }
 

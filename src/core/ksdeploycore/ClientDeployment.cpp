@@ -239,7 +239,9 @@ McResult ClientDeployment::waitUntilNotInUse()
 void ClientDeployment::cacheSeed()
 {
     // A file the new version shares with the installed one is taken from the installed one: only
-    // what changed is downloaded. The installed file is hashed, never trusted.
+    // what changed is downloaded. The installed file is hashed, unless it still has the size and
+    // time it had when its digest was last known: the install that wrote it tagged it, or a
+    // finished update recorded it.
     Engine& e = Engine::instance();
     McDArray<McHandle<Resource>> resources;
     e.productResources(stagingKeyOf(mProductKey), resources);
@@ -256,7 +258,7 @@ void ClientDeployment::cacheSeed()
         bool known = false;
     };
     std::vector<Seed> seeds;
-    // A file that is still the one a finished update proved (same identity, size and
+    // A file that is still the one a finished update proved or an install tagged (same size and
     // modification time, the rule the digest memo applies within a run) is not read again.
     const DigestRecord record = digestRecordRead(digestRecordPath());
     int known = 0;
@@ -284,13 +286,18 @@ void ClientDeployment::cacheSeed()
         seed.id = entry->bufferId();
         seed.executable = entry->isExecutable();
         QxBase::FileStamp now;
-        const auto at = record.isEmpty() || !QxBase::File::stampOf(seed.installed, now)
-                            ? record.constEnd()
-                            : record.constFind(qMakePair(now.device, now.inode));
+        const bool stamped = QxBase::File::stampOf(seed.installed, now);
+        const auto at = record.isEmpty() || !stamped ? record.constEnd()
+                                                     : record.constFind(qMakePair(now.device, now.inode));
         if (at != record.constEnd() && at->size == now.size && at->mtimeNs == now.mtimeNs)
         {
             seed.known = true;
             seed.md5 = at->md5;
+        }
+        else if (stamped && installedFileTagged(seed.localPath, now, seed.md5))
+            seed.known = true;
+        if (seed.known)
+        {
             seed.stamp = now;
             seed.same = BufferID(seed.md5) == seed.id;
             ++known;
@@ -302,9 +309,15 @@ void ClientDeployment::cacheSeed()
     std::atomic<size_t> next{0};
     const auto hashSome = [&seeds, &next] {
         for (size_t i = next++; i < seeds.size(); i = next++)
-            if (!seeds[i].known)
-                seeds[i].same =
-                    digestOf(seeds[i].localPath, seeds[i].md5, seeds[i].stamp) && BufferID(seeds[i].md5) == seeds[i].id;
+        {
+            Seed& seed = seeds[i];
+            if (seed.known || !digestOf(seed.localPath, seed.md5, seed.stamp))
+                continue;
+            seed.same = BufferID(seed.md5) == seed.id;
+            // What was read once is tagged: the next update need not read it again.
+            if (seed.same)
+                installedFileTag(seed.installed, seed.md5, seed.stamp);
+        }
     };
     const size_t sSeedsForTwoThreads = 64;
     std::thread helper;
@@ -351,8 +364,8 @@ void ClientDeployment::cacheSeed()
             ++seeded;
     }
     e.cache().sharedItemsSet(shared);
-    note(QStringLiteral("update: %1 unchanged files taken from '%2' (%3 shared by links, %4 known from the "
-                        "last update's record)")
+    note(QStringLiteral("update: %1 unchanged files taken from '%2' (%3 shared by links, %4 known without "
+                        "reading them)")
              .arg(seeded)
              .arg(mApplicationDir)
              .arg(shared.size())

@@ -1,5 +1,6 @@
 #include "Common.h"
 
+#include "FileDigestTag.h"
 #include "Lzma.h"
 #include "McCoder.h"
 #include "QxFile.h"
@@ -77,6 +78,21 @@ McLib::MD5 hashDescriptor(int inFd, const QString& inPath, McResult& outResult)
         return McLib::MD5();
     return result;
 }
+}
+
+void KsDeploy::installedFileTag(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp)
+{
+    // Below this a file is read about as fast as its tag is written and looked up again.
+    const qint64 sTaggedFromBytes = 65536;
+    if (inStamp.size >= sTaggedFromBytes && !inMd5.isNull())
+        KsPlatform::FileDigestTag::write(QFile::encodeName(inFilePath).toStdString(), inMd5.data(), inStamp.size,
+                                         inStamp.mtimeNs);
+}
+
+bool KsDeploy::installedFileTagged(const std::string& inLocalPath, const QxBase::FileStamp& inStamp,
+                                   McLib::MD5& outMd5)
+{
+    return inStamp.size >= 0 && KsPlatform::FileDigestTag::read(inLocalPath, inStamp.size, inStamp.mtimeNs, outMd5.data());
 }
 
 bool KsDeploy::scanFileSeen(const QString& inFilePath) { return memo().contains(inFilePath); }

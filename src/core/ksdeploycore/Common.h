@@ -14,6 +14,12 @@ McLib::MD5 scanFile(const QString& inFilePath);
 // Tells the digest memo the content of a file this run has just written, with the stamp the
 // writer took.
 void scanFileRemember(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp);
+// Keeps on an installed file the digest it was written with, for a later run (see
+// KsPlatform::FileDigestTag); only files big enough that reading them costs more than the tag.
+// A file system without tags leaves the file untagged, which costs a later run a read.
+void installedFileTag(const QString& inFilePath, const McLib::MD5& inMd5, const QxBase::FileStamp& inStamp);
+// The digest a file was tagged with, when it still has the size and time of the tag.
+bool installedFileTagged(const std::string& inLocalPath, const QxBase::FileStamp& inStamp, McLib::MD5& outMd5);
 // True when this run has hashed or written some version of the file at inFilePath.
 bool scanFileSeen(const QString& inFilePath);
 // The digest this run knows for the file at inFilePath as long as it has the stamp inStamp.
