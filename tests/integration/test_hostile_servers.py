@@ -243,6 +243,33 @@ class HostileServerTest(ksharness.KsTestCase):
         self.assertEqual([], second_asked)
         self.assertCacheClean()
 
+    def test_a_packed_copy_larger_than_memory_holds_is_decoded_from_its_file(self):
+        # Half noise, half zeros: the ".lzma" copy is worth publishing and still over 1 MiB, so its
+        # body outgrows memory while it arrives and goes on in a file. No plain copy to fall back on.
+        data = os.urandom(1536 * 1024) + bytes(1536 * 1024)
+        self.write("large/large.bin", data)
+        items = self.path("www-large", "items")
+        os.makedirs(items)
+        r = self.run_ks("--generate", "type=directory", "path=" + self.path("large"), "name=${TARGET}",
+                        "product=App", "--save", "target=" + self.path("www-large", "1.xml"),
+                        "--cache", "action=precache", "dir=" + self.path("large"), "compress=true",
+                        "targetdir=" + items)
+        self.assertOk(r)
+        self.assertEqual([md5(data) + ".lzma"], os.listdir(items))
+        self.assertGreater(os.path.getsize(os.path.join(items, md5(data) + ".lzma")), 1 << 20)
+        target = self.path("target-large")
+        with FaultServer(self.path("www-large")) as server:
+            r = self.run_ks("--load", "file=" + self.path("www-large", "1.xml"), "--config", "TARGET=" + target,
+                            "--product", "action=install", "url=%s/items" % server.url)
+            asked = [p for _, p, _, _ in server.requests]
+        self.assertOk(r)
+        self.assertEqual(["/items/%s.lzma" % md5(data)], [p for p in asked if p.startswith("/items/")])
+        with open(os.path.join(target, "large.bin"), "rb") as f:
+            self.assertEqual(data, f.read())
+        self.cache = os.path.join(self.env["TMPDIR"], "Kestra Imaging", "Auto Update", "Cache")
+        self.assertEqual([md5(data)], os.listdir(self.cache))
+        self.assertCacheClean()
+
 
 if __name__ == "__main__":
     ksharness.main()

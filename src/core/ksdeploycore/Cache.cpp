@@ -161,6 +161,8 @@ void fetchInit(Fetch& outFetch, const QString& inDestination, const QString& inU
     outFetch.compressed = QxBase::File::temporaryPathBeside(inDestination);
     outFetch.decoded = QxBase::File::temporaryPathBeside(inDestination);
     outFetch.first = requestFor(inUrl + QStringLiteral(".lzma"), outFetch.compressed, false);
+    // A small copy is decoded from memory: its file would be made, written, read and removed.
+    outFetch.first.flags |= QxDownload::FlagMemory;
     outFetch.first.headBytes = 13;
     outFetch.first.limitOfHead = &packedLimitOf;
     // Apart from the decoded copy: a fallback fetched together may finish before the copy fails.
@@ -181,12 +183,17 @@ void fetchPacked(Fetch& inoutFetch)
         // A broken copy is not a failure yet: the plain file may still be right. Decoded straight
         // into our temporary name, hashed on the way.
         McLib::MD5 decodedMd5;
-        const McResult unpacked = fileUncompressBounded(f.decoded, f.compressed, &sReserve, &decodedMd5, true);
+        const McResult unpacked =
+            f.first.inMemory ? bufferUncompressBounded(f.decoded, f.first.body, &sReserve, &decodedMd5, true)
+                             : fileUncompressBounded(f.decoded, f.compressed, &sReserve, &decodedMd5, true);
         f.got.done = unpacked.isOk();
         f.packedWhy = QString::fromLatin1(unpacked.text());
         if (*unpacked.detail())
             f.packedWhy += QStringLiteral(" (%1)").arg(QString::fromLatin1(unpacked.detail()));
-        QFile::remove(f.compressed);
+        if (f.first.inMemory)
+            f.first.body = QByteArray();
+        else
+            QFile::remove(f.compressed);
         // Nor is a copy that decodes to other bytes: checked here, so the plain file can be tried.
         if (f.got.done && f.check)
         {
@@ -571,6 +578,11 @@ McResult Cache::retrieveAll(const std::vector<BufferID>& inBufferIds, const std:
     size_t failedAt = inBufferIds.size();
     QStringList failedReasons;
     QSet<QString> started;
+    // Many items: their files are made ahead on another core (see NamelessFilePool).
+    const size_t sItemsForAPool = 64;
+    std::unique_ptr<QxBase::NamelessFilePool> pool;
+    if (inBufferIds.size() >= sItemsForAPool)
+        pool.reset(new QxBase::NamelessFilePool(dir, 2 * sParallelTransfers));
 
     const auto itemDone = [&](Item& inItem) {
         owner.erase(&inItem.fetch.first);
@@ -604,6 +616,7 @@ McResult Cache::retrieveAll(const std::vector<BufferID>& inBufferIds, const std:
         const BufferID& id = inBufferIds[inoutItem.index];
         inoutItem.fetch = Fetch();
         fetchInit(inoutItem.fetch, itemFilePath(id), QStringLiteral("%1/%2").arg(base, id.toString()), id.md5());
+        inoutItem.fetch.second.namelessPool = pool.get();
         inoutItem.plainAsked = packedAbsentAt(folderOf(inoutItem.fetch.url));
         QxDownload::Request* r = inoutItem.plainAsked ? &inoutItem.fetch.second : &inoutItem.fetch.first;
         owner[r] = &inoutItem;

@@ -10,9 +10,11 @@
 #include <QHash>
 #include <QUuid>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <new>
@@ -241,41 +243,21 @@ McResult KsDeploy::fileUncompress(const QString& inDst, const QString& inSrc)
     return retVal;
 }
 
-McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& inSrc,
-                                         const QxBase::DiskReserve* inReserve, McLib::MD5* outMd5,
-                                         bool inDstIsTemporary)
+namespace
 {
-    const QByteArray src = QFile::encodeName(inSrc);
-    const int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
-    if (in < 0)
-        return MC_FAILURE("fileSrc.open( QIODevice::ReadOnly )", inSrc)
-            .detailSet(McLib::osDetail(src.toStdString(), errno));
-    ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
+// Decodes what inSource reads into inDst (see fileUncompressBounded); inSourceFailure is set by
+// the source when reading fails, which the codec cannot tell.
+McResult uncompressInto(const QString& inDst, const LzmaSource& inSource, McResult& inoutSourceFailure,
+                        const QxBase::DiskReserve* inReserve, McLib::MD5* outMd5, bool inDstIsTemporary)
+{
     // Written beside the destination and renamed into place: never a half-written file. A
     // destination that is itself a temporary name needs no second one.
     const QByteArray temp = QFile::encodeName(inDstIsTemporary ? inDst : QxBase::File::temporaryPathBeside(inDst));
     const int out = ::open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (out < 0)
-    {
-        const int err = errno;
-        ::close(in);
         return MC_FAILURE("fileDst.open( QIODevice::WriteOnly | QIODevice::Truncate )", inDst)
-            .detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), err));
-    }
-    McResult failure;  // of the reading or writing side, which the codec cannot tell
-    const LzmaSource source = [&](unsigned char* outData, size_t inRoom) -> int64_t {
-        for (;;)
-        {
-            const ssize_t got = ::read(in, outData, inRoom);
-            if (got >= 0)
-                return got;
-            if (errno != EINTR)
-            {
-                failure = MC_FAILURE("read", inSrc).detailSet(McLib::osDetail(src.toStdString(), errno));
-                return -1;
-            }
-        }
-    };
+            .detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), errno));
+    McResult failure;  // of the writing side
     McCoder digest;
     const LzmaSink sink = [&](const unsigned char* inData, size_t inSize) {
         QString why;
@@ -303,10 +285,11 @@ McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& in
         }
         return true;
     };
-    McResult retVal = lzmaUncompressStream(sink, source);
-    if (retVal.isBad() && failure.isBad())
+    McResult retVal = lzmaUncompressStream(sink, inSource);
+    if (retVal.isBad() && inoutSourceFailure.isBad())
+        retVal = inoutSourceFailure;
+    else if (retVal.isBad() && failure.isBad())
         retVal = failure;
-    ::close(in);
     if (::close(out) != 0 && retVal.isOk())
         retVal = MC_FAILURE("write", inDst).detailSet(McLib::osDetail(QFile::encodeName(inDst).toStdString(), errno));
     if (retVal.isOk() && !inDstIsTemporary && ::rename(temp.constData(), QFile::encodeName(inDst).constData()) != 0)
@@ -319,6 +302,51 @@ McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& in
         digest.crcMD5Query(outMd5->data());
     }
     return retVal;
+}
+}
+
+McResult KsDeploy::fileUncompressBounded(const QString& inDst, const QString& inSrc,
+                                         const QxBase::DiskReserve* inReserve, McLib::MD5* outMd5,
+                                         bool inDstIsTemporary)
+{
+    const QByteArray src = QFile::encodeName(inSrc);
+    const int in = ::open(src.constData(), O_RDONLY | O_CLOEXEC);
+    if (in < 0)
+        return MC_FAILURE("fileSrc.open( QIODevice::ReadOnly )", inSrc)
+            .detailSet(McLib::osDetail(src.toStdString(), errno));
+    ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
+    McResult failure;
+    const LzmaSource source = [&](unsigned char* outData, size_t inRoom) -> int64_t {
+        for (;;)
+        {
+            const ssize_t got = ::read(in, outData, inRoom);
+            if (got >= 0)
+                return got;
+            if (errno != EINTR)
+            {
+                failure = MC_FAILURE("read", inSrc).detailSet(McLib::osDetail(src.toStdString(), errno));
+                return -1;
+            }
+        }
+    };
+    const McResult retVal = uncompressInto(inDst, source, failure, inReserve, outMd5, inDstIsTemporary);
+    ::close(in);
+    return retVal;
+}
+
+McResult KsDeploy::bufferUncompressBounded(const QString& inDst, const QByteArray& inSrc,
+                                           const QxBase::DiskReserve* inReserve, McLib::MD5* outMd5,
+                                           bool inDstIsTemporary)
+{
+    McResult failure;  // memory does not fail to read
+    qsizetype at = 0;
+    const LzmaSource source = [&](unsigned char* outData, size_t inRoom) -> int64_t {
+        const qsizetype n = std::min<qsizetype>(static_cast<qsizetype>(inRoom), inSrc.size() - at);
+        std::memcpy(outData, inSrc.constData() + at, static_cast<size_t>(n));
+        at += n;
+        return n;
+    };
+    return uncompressInto(inDst, source, failure, inReserve, outMd5, inDstIsTemporary);
 }
 
 McResult KsDeploy::probeFileUpdate(const QString& inDirPath)

@@ -41,6 +41,10 @@ McResult fileUncompress(const QString& inDst, const QString& inSrc);
 McResult fileUncompressBounded(const QString& inDst, const QString& inSrc, const QxBase::DiskReserve* inReserve,
                                McLib::MD5* outMd5 = nullptr, bool inDstIsTemporary = false);
 
+// The same, decoding a copy held in memory.
+McResult bufferUncompressBounded(const QString& inDst, const QByteArray& inSrc, const QxBase::DiskReserve* inReserve,
+                                 McLib::MD5* outMd5 = nullptr, bool inDstIsTemporary = false);
+
 // The end of a function that hands out a folder: unless inoutResult is bad already, the folder is
 // made when missing and must then exist (else inFailureMessage). A bad result clears inoutPath;
 // a good one names a folder that exists, can be read and is absolute (postconditions).

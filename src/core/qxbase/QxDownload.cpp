@@ -167,6 +167,7 @@ struct Sink
     QxDownload::Request* request = nullptr;
     StreamHasher* md5 = nullptr;  // only when the caller wants the digest
     bool nameless = false;        // try a file without a name first
+    bool memory = false;          // the body is in request->body (FlagMemory, and small so far)
     FILE* file = nullptr;
     int namelessFd = -1;  // the file's descriptor when it has no name
     bool openFailed = false;
@@ -204,7 +205,8 @@ bool sinkWithinLimits(Sink& inoutSink, const char* inData, size_t inSize)
         inoutSink.why = QStringLiteral("the body is larger than the %1 bytes it can be").arg(inoutSink.maxBytes);
         return false;
     }
-    if (r.reserve && !r.reserve->checkBefore(::fileno(inoutSink.file), static_cast<long long>(inSize), inoutSink.why))
+    if (r.reserve && inoutSink.file &&
+        !r.reserve->checkBefore(::fileno(inoutSink.file), static_cast<long long>(inSize), inoutSink.why))
     {
         inoutSink.noSpace = true;
         return false;
@@ -217,7 +219,10 @@ void sinkOpen(Sink& inoutSink)
     if (inoutSink.nameless)
     {
         bool unsupported = false;
-        const int fd = QxBase::File::openNameless(QFile::decodeName(inoutSink.path), unsupported);
+        QxBase::NamelessFilePool* pool = inoutSink.request->namelessPool;
+        int fd = pool ? pool->take() : -1;
+        if (fd < 0)
+            fd = QxBase::File::openNameless(QFile::decodeName(inoutSink.path), unsupported);
         // Without nameless files here, the named path serves.
         if (fd >= 0)
         {
@@ -258,6 +263,34 @@ size_t writeToFile(char* inData, size_t inSize, size_t inCount, void* inSink)
         sink.discarded += n;
         // A huge error page is not worth reading to the end: give up the connection instead.
         return sink.discarded > (1u << 20) ? 0 : n;
+    }
+    if (sink.memory)
+    {
+        QByteArray& body = sink.request->body;
+        if (body.size() + static_cast<long long>(n) <= sink.request->memoryBytes)
+        {
+            if (!sinkWithinLimits(sink, inData, n))
+                return 0;
+            body.append(inData, static_cast<qsizetype>(n));
+            sink.total += static_cast<long long>(n);
+            if (sink.md5)
+                sink.md5->add(inData, n);
+            return n;
+        }
+        // Larger than memory may hold: what came so far goes into the file, and the rest after it.
+        sink.memory = false;
+        sinkOpen(sink);
+        if (sink.file)
+        {
+            std::setvbuf(sink.file, sink.buffer->data(), _IOFBF, sink.buffer->size());
+            if (std::fwrite(body.constData(), 1, static_cast<size_t>(body.size()), sink.file) <
+                static_cast<size_t>(body.size()))
+            {
+                sink.writeErrno = errno;
+                return 0;
+            }
+        }
+        body = QByteArray();
     }
     // Opened on the first byte of a good answer: an error page costs no file.
     if (!sink.file && !sink.openFailed)
@@ -315,6 +348,9 @@ void transferStart(Transfer& inoutT, CURL* inCurl, std::vector<char>& inoutBuffe
     inoutT.sink.request = &inoutRequest;
     inoutT.sink.maxBytes = inoutRequest.maxBytes;
     inoutT.sink.nameless = inoutRequest.flags & QxDownload::FlagNameless;
+    inoutT.sink.memory = inoutRequest.flags & QxDownload::FlagMemory;
+    inoutRequest.body.clear();
+    inoutRequest.inMemory = false;
     if (inoutRequest.flags & QxDownload::FlagDigest)
     {
         inoutT.md5.reset(new StreamHasher);
@@ -357,7 +393,9 @@ void transferFinish(Transfer& inoutT)
     const CURLcode rc = inoutT.rc;
     CURL* c = inoutT.curl;
     // An answer without a body still gives a (empty) file, a stalled one what arrived: nothing.
-    if (!sink.file && !sink.openFailed && !sink.errorPage && (rc == CURLE_OK || rc == CURLE_OPERATION_TIMEDOUT))
+    // A body in memory has no file.
+    if (!sink.memory && !sink.file && !sink.openFailed && !sink.errorPage &&
+        (rc == CURLE_OK || rc == CURLE_OPERATION_TIMEDOUT))
         sinkOpen(sink);
     bool created = sink.file != nullptr;
     // A nameless file outlives its stream through a second descriptor, or it would be gone.
@@ -405,7 +443,13 @@ void transferFinish(Transfer& inoutT)
         r.error = QString::fromUtf8(inoutT.errorText[0] ? inoutT.errorText : curl_easy_strerror(rc));
     const bool kept = result == QxDownload::ResultOk || result == QxDownload::ResultTimeout;
     r.file = -1;
-    if (sink.namelessFd >= 0)
+    if (sink.memory)
+    {
+        r.inMemory = kept;
+        if (!kept)
+            r.body = QByteArray();
+    }
+    else if (sink.namelessFd >= 0)
     {
         // Nothing to remove or rename: unnamed, it is gone once closed.
         if (kept)
@@ -446,6 +490,8 @@ void transferDrop(Transfer& inoutT)
     }
     inoutT.md5.reset();
     QxDownload::Request& r = *inoutT.request;
+    r.body = QByteArray();
+    r.inMemory = false;
     r.result = QxDownload::ResultDropped;
     r.file = -1;
     r.error = QStringLiteral("not needed");

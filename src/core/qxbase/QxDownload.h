@@ -1,8 +1,10 @@
 #pragma once
 #include "McMD5.h"
 #include "QxDiskReserve.h"
+#include "QxNamelessFilePool.h"
 #include "QxGlobal.h"
 
+#include <QByteArray>
 #include <QString>
 
 #include <functional>
@@ -41,6 +43,10 @@ public:
         // Request::file for the caller to name (QxBase::File::linkNameless) once it is found good. Where the file
         // system has no such files, the destination is written in place and Request::file stays -1.
         FlagNameless = 4,
+        // The body is kept in Request::body while it is at most Request::memoryBytes long, and
+        // written to the destination only beyond that: a small body that is read once and then
+        // thrown away (a compressed copy) costs no file.
+        FlagMemory = 8,
     };
 
     // The process-wide instance (so that connections are kept between downloads).
@@ -70,6 +76,13 @@ public:
         McLib::MD5 md5;       // with FlagDigest and a kept body: the MD5 of the bytes written
         long long bytes = 0;  // the body's bytes written
         int file = -1;        // with FlagNameless and a good result: the nameless file, the caller's to close
+        // With FlagMemory: the most kept in memory, and on return whether the body is in body
+        // (inMemory) rather than in the destination.
+        long long memoryBytes = 1 << 20;
+        QByteArray body;
+        bool inMemory = false;
+        // With FlagNameless: files made ahead in the destination's folder, taken before one is made.
+        QxBase::NamelessFilePool* namelessPool = nullptr;
     };
     void download(Request& inoutRequest);
     // Fetches a preferred copy and its fallback over two connections at once, so that the
