@@ -109,6 +109,7 @@ TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
         KsTest::writeFile(p(QStringLiteral("src/d%1/f%2.txt").arg(i % 3).arg(i)),
                           QByteArray::number(i * 7919).repeated(64));  // worth a ".lzma" copy
     QFile::setPermissions(p("src/d1/f1.txt"), QFile::permissions(p("src/d1/f1.txt")) | QFile::ExeOwner);
+    KsTest::writeFile(p("src/d2/big.bin"), QByteArray("big file ").repeated(10000));
     describe("Many");
     e().configuration().valueSet("TARGET", p("target/deeper"), false);
     e().pathToCacheSet(p("publish"));
@@ -132,6 +133,20 @@ TEST_F(EngineProductTest, ManyFilesIntoAFreshFolderFetchOnlyWhatTheCacheLacks)
     EXPECT_EQ(snapshot(p("src")), snapshot(p("target/deeper")));
     EXPECT_TRUE(QFileInfo(p("target/deeper/d1/f1.txt")).isExecutable());
     EXPECT_TRUE(e().productVerify("Many").isOk());
+    // The big file written by the threads carries its digest for a later run; a small one does not.
+    for (const char* name : {"d2/big.bin", "d0/f0.txt"})
+    {
+        const QString path = p(QStringLiteral("target/deeper/") + name);
+        QxBase::FileStamp stamp;
+        McLib::MD5 tagged;
+        ASSERT_TRUE(QxBase::File::stampOf(path, stamp));
+        const bool big = QLatin1String(name) == QLatin1String("d2/big.bin");
+        EXPECT_EQ(big, installedFileTagged(QFile::encodeName(path).toStdString(), stamp, tagged)) << name;
+        if (big)
+        {
+            EXPECT_EQ(scanFile(path), tagged);
+        }
+    }
 
     // Many files are written by worker threads. A file of the user's is replaced the usual way,
     // a folder in the way stops the install, and then every file goes back as it was.

@@ -119,6 +119,7 @@ bool ResourceFileEntry::installPlan(QString& outItem, QString& outTarget) const
 void ResourceFileEntry::installCreated(const QString& inTarget, const QxBase::FileStamp& inStamp)
 {
     scanFileRemember(inTarget, bufferId().md5(), inStamp);
+    installedFileTag(inTarget, bufferId().md5(), inStamp);
     executableMake(inTarget);
 }
 
