@@ -249,9 +249,9 @@ TEST_F(XmlSerializerParallelTest, TheRootsDeclarationEncodingAndAttributesCarryI
     // attributes and namespaces, after a comment and an instruction.
     QByteArray text = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<!-- made by hand -->\n<?keep this?>\n"
                       "<Deploy xmlns:k=\"urn:k\" k:v=\"1\">\n";
-    text += directories(0, 40);
+    text += directories(0, 60);
     text += "    <ResourceFileDirectory UUID=\"{00000000-0000-4000-8000-0000000000ff}\" Name=\"caf\xe9\"/>\n";
-    text += directories(40, 40);
+    text += directories(60, 20);
     text += "</Deploy>\n<!-- after -->\n";
     KsTest::writeFile(file("latin.xml"), text);
     EXPECT_TRUE(loadsAlike(file("latin.xml")));
@@ -261,7 +261,7 @@ TEST_F(XmlSerializerParallelTest, TheRootsDeclarationEncodingAndAttributesCarryI
     XmlSerializer s;
     s.deserialize(file("latin.xml"), loaded);
     ASSERT_EQ(81, loaded.size());
-    EXPECT_EQ(QStringLiteral("caf\u00e9"), loaded[40]->name());
+    EXPECT_EQ(QStringLiteral("caf\u00e9"), loaded[60]->name());
 }
 
 TEST_F(XmlSerializerParallelTest, LinksAndSharedIdentitiesResolveAcrossTheHalves)
@@ -278,12 +278,15 @@ TEST_F(XmlSerializerParallelTest, LinksAndSharedIdentitiesResolveAcrossTheHalves
     text += directories(5, 1);
     text += "    <Link Source=\"{00000000-0000-4000-8000-000000000075}\" "
             "Target=\"{00000000-0000-4000-8000-000000000005}\" Name=\"Container\"/>\n";
+    // A source's links keep the file's order, wherever in the file they stand.
+    text += "    <Link Source=\"{00000000-0000-4000-8000-000000000001}\" "
+            "Target=\"{00000000-0000-4000-8000-000000000003}\" Name=\"Other\"/>\n";
     text += "</Deploy>\n";
     KsTest::writeFile(file("links.xml"), text);
     EXPECT_TRUE(loadsAlike(file("links.xml")));
     const Outcome two = load(file("links.xml"), true);
     ASSERT_EQ(81u, two.pool.size());
-    EXPECT_NE(std::string::npos, two.pool[1].find("->Container@70")) << two.pool[1];
+    EXPECT_NE(std::string::npos, two.pool[1].find("->Container@70 ->Other@3")) << two.pool[1];
     EXPECT_NE(std::string::npos, two.pool[2].find("->Container@80")) << two.pool[2];
     EXPECT_NE(std::string::npos, two.pool[5].find("found@80")) << two.pool[5];
 }
