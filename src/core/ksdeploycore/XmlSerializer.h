@@ -1,6 +1,7 @@
 #pragma once
 #include "Serializer.h"
 
+#include <QFile>
 #include <QXmlStreamAttributes>
 
 #include <memory>
@@ -60,17 +61,18 @@ private:
     // ordinary reading would; false, with nothing entered or reported, when the file is small
     // or anything in it might make the two readings differ.
     bool deserializeParallel(const QString& inPath, McDArray<McHandle<Resource>>& inoutResources);
-    // Reads inHead followed by inBody without touching the pool or reporting anything. The first
-    // part (inFirst) is the file's beginning up to the split; the other is the file's beginning
-    // up to the end of the root's start tag, followed by the rest from the split.
-    bool partRead(const QByteArray& inHead, const QByteArray& inBody, bool inFirst, Part& outPart);
+    // Reads inHead followed by the bytes of inFile from where it stands up to inEnd, without
+    // touching the pool or reporting anything. The first part (inFirst) is the file's beginning
+    // up to the split; the other is the file's beginning up to the end of the root's start tag
+    // (inHead), followed by the rest from the split.
+    bool partRead(const QByteArray& inHead, QFile& inFile, qint64 inEnd, bool inFirst, Part& outPart);
     // Takes the current element into the part as the ordinary reading takes it; sets the doubt
     // on anything it would report.
     void elementTake(Part& inoutPart);
-    // Writes resources [inBegin, inEnd) as they stand in the whole document into outText; the
+    // Writes resources [inBegin, inEnd) as they stand in the whole document to inoutDevice; the
     // part's own text starts at outStart.
     bool partWrite(const McDArray<McHandle<Resource>>& inResources, int64_t inBegin, int64_t inEnd,
-                   QByteArray& outText, qsizetype& outStart);
+                   QIODevice& inoutDevice, qint64& outStart);
 
     struct Private;
     std::unique_ptr<Private> d;

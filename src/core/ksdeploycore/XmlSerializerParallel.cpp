@@ -26,6 +26,11 @@ namespace
 // more than it saves.
 int64_t sParallelLoadBytes = 1 << 20;
 int64_t sParallelSaveCount = 4000;
+// The reading of a part takes the file in pieces of this size.
+const qint64 sPiece = 256 * 1024;
+// Where the root's start tag and the split are looked for: the file's beginning and a stretch
+// from its middle on.
+const qint64 sWindow = 64 * 1024;
 std::atomic<int64_t> sParallelLoads{0};
 std::atomic<int64_t> sParallelSaves{0};
 
@@ -126,14 +131,24 @@ void XmlSerializer::parallelSaveCountSet(int64_t inCount) { sParallelSaveCount =
 int64_t XmlSerializer::parallelLoads() { return sParallelLoads.load(); }
 int64_t XmlSerializer::parallelSaves() { return sParallelSaves.load(); }
 
-bool XmlSerializer::partRead(const QByteArray& inHead, const QByteArray& inBody, bool inFirst, Part& outPart)
+bool XmlSerializer::partRead(const QByteArray& inHead, QFile& inFile, qint64 inEnd, bool inFirst, Part& outPart)
 {
     const PoolEntryDeferral deferral;
     d->mQuiet = true;
     QXmlStreamReader& r = d->mReader;
-    r.addData(inHead);
-    if (!inBody.isEmpty())
-        r.addData(inBody);
+    // Handed over a piece at a time, as a file is read, so that the reader never holds more
+    // than a piece of the text, decoded.
+    const auto more = [&] {
+        const qint64 left = inEnd - inFile.pos();
+        const QByteArray piece = left > 0 ? inFile.read(std::min<qint64>(left, sPiece)) : QByteArray();
+        if (piece.isEmpty())
+            return false;
+        r.addData(piece);
+        return true;
+    };
+    if (!inHead.isEmpty())
+        r.addData(inHead);
+    more();
     bool rootSeen = false;
     bool closed = false;
     int64_t depth = 0;
@@ -142,10 +157,13 @@ bool XmlSerializer::partRead(const QByteArray& inHead, const QByteArray& inBody,
         const QXmlStreamReader::TokenType t = r.readNext();
         if (r.hasError())
         {
+            const bool starved = r.error() == QXmlStreamReader::PrematureEndOfDocumentError;
+            if (starved && !closed && more())
+                continue;
             // The first part runs out of data at the split. That is its right end only when the
             // split lies between two elements of the root: closing the root must then end the
             // document (inside a comment, CDATA or an instruction it would not).
-            if (!inFirst || closed || depth != 1 || r.error() != QXmlStreamReader::PrematureEndOfDocumentError)
+            if (!inFirst || closed || depth != 1 || !starved)
                 return false;
             const QString closing = QStringLiteral("</%1>").arg(outPart.rootName);
             // Our closing tag is ASCII; in any other case the document's encoding might differ.
@@ -216,50 +234,67 @@ bool XmlSerializer::deserializeParallel(const QString& inPath, McDArray<McHandle
 {
     if (!Engine::instanceAvailable())
         return false;
-    QFile file(inPath);
+    // Each part reads its own stretch of the file; the whole file is never held at once.
+    QFile firstFile(inPath);
+    QFile secondFile(inPath);
     // A file that cannot be read is reported by the ordinary reading.
-    if (!file.open(QIODevice::ReadOnly) || file.size() < std::max<int64_t>(sParallelLoadBytes, 1))
+    if (!firstFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered) ||
+        !secondFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         return false;
-    const QByteArray data = file.readAll();
-    file.close();
-    const qsizetype headEnd = rootStartEnd(data);
+    const qint64 size = firstFile.size();
+    if (size < std::max<int64_t>(sParallelLoadBytes, 1))
+        return false;
+    const QByteArray start = firstFile.read(sWindow);
+    const qsizetype headEnd = rootStartEnd(start);
     if (headEnd < 0)
         return false;
-    const qsizetype split = splitAt(data, std::max(headEnd, data.size() / 2));
-    if (split < 0)
+    const qint64 middleFrom = std::max<qint64>(headEnd, size / 2);
+    if (!secondFile.seek(middleFrom))
+        return false;
+    const QByteArray middle = secondFile.read(sWindow);
+    const qsizetype splitInMiddle = splitAt(middle, 0);
+    if (splitInMiddle < 0)
+        return false;
+    const qint64 split = middleFrom + splitInMiddle;
+    if (!firstFile.seek(0) || !secondFile.seek(split))
         return false;
 
-    // The parts keep views of the file's bytes, which outlive both readings.
-    const QByteArray firstBytes = QByteArray::fromRawData(data.constData(), split);
-    const QByteArray headBytes = QByteArray::fromRawData(data.constData(), headEnd);
-    const QByteArray restBytes = QByteArray::fromRawData(data.constData() + split, data.size() - split);
+    Engine& engine = Engine::instance();
+    const int64_t known = inoutResources.size();
     Part first;
     Part second;
     bool secondRead = false;
+    XmlSerializer other;
+    std::thread worker([&] { secondRead = other.partRead(start.first(headEnd), secondFile, size, false, second); });
+    XmlSerializer reader;
+    const bool firstRead = reader.partRead(QByteArray(), firstFile, split, true, first);
+    // The pool takes the first part's resources while the second is still read: they come
+    // first in the file, and only this thread touches the pool.
+    if (firstRead)
     {
-        XmlSerializer other;
-        std::thread worker([&] { secondRead = other.partRead(headBytes, restBytes, false, second); });
-        XmlSerializer reader;
-        const bool firstRead = reader.partRead(firstBytes, QByteArray(), true, first);
-        worker.join();
-        if (!firstRead || !secondRead)
-            return false;
-    }
-    if (first.rootName != second.rootName || first.rootAttributes != second.rootAttributes ||
-        first.rootNamespaces != second.rootNamespaces)
-        return false;
-
-    // The pool takes them in file order, on this thread, as the ordinary reading would have.
-    Engine& engine = Engine::instance();
-    const int64_t count = static_cast<int64_t>(first.resources.size() + second.resources.size());
-    engine.resourceReserve(count);
-    inoutResources.reserve(inoutResources.size() + count);
-    for (const Part* part : {&first, &second})
-        for (const McHandle<Resource>& r : part->resources)
+        engine.resourceReserve(static_cast<int64_t>(first.resources.size() * 2));
+        inoutResources.reserve(known + static_cast<int64_t>(first.resources.size() * 2));
+        for (const McHandle<Resource>& r : first.resources)
         {
             engine.resourceRegister(r);
             inoutResources.append(r);
         }
+    }
+    worker.join();
+    if (!firstRead || !secondRead || first.rootName != second.rootName ||
+        first.rootAttributes != second.rootAttributes || first.rootNamespaces != second.rootNamespaces)
+    {
+        // Taken out last first, each is the pool's last: the pool is as it was before.
+        for (int64_t i = inoutResources.size() - 1; i >= known; --i)
+            engine.resourceUnregister(inoutResources[i]);
+        inoutResources.resize(known);
+        return false;
+    }
+    for (const McHandle<Resource>& r : second.resources)
+    {
+        engine.resourceRegister(r);
+        inoutResources.append(r);
+    }
     linksResolve(first.links);
     linksResolve(second.links);
     loadTrace(inPath, inoutResources);
@@ -268,12 +303,10 @@ bool XmlSerializer::deserializeParallel(const QString& inPath, McDArray<McHandle
 }
 
 bool XmlSerializer::partWrite(const McDArray<McHandle<Resource>>& inResources, int64_t inBegin, int64_t inEnd,
-                              QByteArray& outText, qsizetype& outStart)
+                              QIODevice& inoutDevice, qint64& outStart)
 {
-    QBuffer buffer(&outText);
-    buffer.open(QIODevice::WriteOnly);
     QXmlStreamWriter& w = d->mWriter;
-    w.setDevice(&buffer);
+    w.setDevice(&inoutDevice);
     w.setAutoFormatting(true);
     w.writeStartDocument();
     writeStartSection(QStringLiteral("Deploy"));
@@ -283,7 +316,7 @@ bool XmlSerializer::partWrite(const McDArray<McHandle<Resource>>& inResources, i
         // A later part starts where the one before left off: inside the root, after an empty
         // element whose "/>" the writer leaves to the next thing written, which is ours.
         w.writeEmptyElement(QStringLiteral("Link"));
-        outStart = outText.size();
+        outStart = inoutDevice.pos();
     }
     McResult retVal;
     for (int64_t i = inBegin; i < inEnd; ++i)
@@ -309,30 +342,36 @@ McResult XmlSerializer::serialize(const QString& inPath, const McDArray<McHandle
     if (!parallel)
         return Serializer::serialize(inPath, inResources);
 
-    // The second half is written beside the first. The resources are only read: no handle is
-    // taken (their counts are not for two threads) and each half's writer keeps its own forms.
-    const int64_t middle = count / 2;
-    QByteArray secondText;
-    qsizetype secondStart = 0;
-    bool secondWritten = false;
-    XmlSerializer other;
-    std::thread worker(
-        [&] { secondWritten = other.partWrite(inResources, middle, count, secondText, secondStart); });
-    QByteArray firstText;
-    qsizetype firstStart = 0;
-    XmlSerializer writer;
-    const bool firstWritten = writer.partWrite(inResources, 0, middle, firstText, firstStart);
-    worker.join();
-    if (!firstWritten || !secondWritten)
-        return Serializer::serialize(inPath, inResources);
-
     McResult retVal;
     // Written next to the target and renamed into place on close: never half a file.
     d->mSaveFile.setFileName(inPath);
     const bool opened = d->mSaveFile.open(QIODevice::WriteOnly);
     if (MC_CHECK_TEXT(retVal, opened, "d->mFile.open()", QStringLiteral("failed to open file [%1]").arg(inPath)))
         return retVal;
-    d->mSaveFile.write(firstText);
+
+    // The second half is written beside the first, which goes straight to the file. The
+    // resources are only read: no handle is taken (their counts are not for two threads) and
+    // each half's writer keeps its own forms.
+    const int64_t middle = count / 2;
+    QByteArray secondText;
+    QBuffer secondBuffer(&secondText);
+    secondBuffer.open(QIODevice::WriteOnly);
+    qint64 secondStart = 0;
+    bool secondWritten = false;
+    XmlSerializer other;
+    std::thread worker(
+        [&] { secondWritten = other.partWrite(inResources, middle, count, secondBuffer, secondStart); });
+    qint64 firstStart = 0;
+    XmlSerializer writer;
+    const bool firstWritten = writer.partWrite(inResources, 0, middle, d->mSaveFile, firstStart);
+    worker.join();
+    if (!firstWritten || !secondWritten)
+    {
+        d->mSaveFile.cancelWriting();
+        d->mSaveFile.commit();
+        XmlSerializer again;
+        return again.Serializer::serialize(inPath, inResources);
+    }
     d->mSaveFile.write(secondText.constData() + secondStart, secondText.size() - secondStart);
     MC_CHECK_TEXT(retVal, d->mSaveFile.commit(), "d->mSaveFile.commit()",
                   QStringLiteral("failed to write file [%1]").arg(d->mSaveFile.fileName()));
