@@ -7,6 +7,7 @@
 #include "ResourceRegistryValue.h"
 #include "XmlSerializer.h"
 
+#include <QDir>
 #include <QHash>
 #include <QTemporaryDir>
 
@@ -326,4 +327,18 @@ TEST_F(XmlSerializerParallelTest, ASplitThatCouldMisleadFallsBackToTheOrdinaryRe
     // Without the trouble, the same files are read on two threads.
     KsTest::writeFile(file("g.xml"), head + directories(0, 20) + inner + directories(20, 20) + "</Deploy>\n");
     EXPECT_TRUE(loadsAlike(file("g.xml")));
+}
+
+TEST_F(XmlSerializerParallelTest, EveryKeptFuzzInputReadsAlikeBothWays)
+{
+    // The fuzzer compares both readings of every input; its findings are replayed the same way.
+    const QString folder = QStringLiteral(KSDEPLOY_SOURCE_DIR "/fuzz/regressions");
+    const QStringList kept = QDir(folder).entryList(QDir::Files, QDir::Name);
+    ASSERT_FALSE(kept.isEmpty()) << "no inputs in " << folder.toStdString();
+    for (const QString& name : kept)
+    {
+        SCOPED_TRACE(name.toStdString());
+        loadsAlike(folder + "/" + name);
+    }
+    poolEmpty();
 }
