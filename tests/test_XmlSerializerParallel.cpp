@@ -7,11 +7,15 @@
 #include "ResourceRegistryValue.h"
 #include "XmlSerializer.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QHash>
+#include <QProcess>
 #include <QTemporaryDir>
 
+#include <cstdlib>
 #include <limits>
+#include <unistd.h>
 
 using namespace KsDeploy;
 
@@ -189,6 +193,21 @@ protected:
         }
     }
 
+    // Saves the pool into inPath one way, expecting a failure; what was reported.
+    static std::vector<std::string> saveFailing(const QString& inPath, bool inParallel)
+    {
+        McDArray<McHandle<Resource>> all;
+        Engine::instance().resources(all);
+        XmlSerializer::parallelSaveCountSet(inParallel ? 2 : sNever);
+        KsTest::FailureRecorder failures;
+        XmlSerializer s;
+        EXPECT_TRUE(s.serialize(inPath, all).isBad());
+        std::vector<std::string> reports;
+        for (const KsTest::Failure& f : failures.failures())
+            reports.push_back(f.message + " " + f.condition + " " + f.detail);
+        return reports;
+    }
+
     // Lines of resource elements, each with its own identity.
     static QByteArray directories(int inFrom, int inCount)
     {
@@ -341,4 +360,45 @@ TEST_F(XmlSerializerParallelTest, EveryKeptFuzzInputReadsAlikeBothWays)
         loadsAlike(folder + "/" + name);
     }
     poolEmpty();
+}
+
+// A save that cannot be written reports what the one-thread save reports and leaves nothing:
+// a missing folder, and a full file system (a 64 KiB tmpfs, mounted in a private mount
+// namespace of a child run).
+TEST_F(XmlSerializerParallelTest, AFailedSaveReportsAsTheOrdinaryOneAndLeavesNothing)
+{
+    if (const char* root = std::getenv("KS_XML_FULL_ROOT"))
+    {
+        const QString full = QString::fromLocal8Bit(root);
+        graphMake(3000);
+        const int64_t before = XmlSerializer::parallelSaves();
+        const std::vector<std::string> one = saveFailing(full + "/g.xml", false);
+        const std::vector<std::string> two = saveFailing(full + "/g.xml", true);
+        ASSERT_EQ(1u, one.size());
+        EXPECT_EQ(("failed to write file [" + full + "/g.xml] cond[d->mSaveFile.commit()] ").toStdString(), one[0]);
+        EXPECT_EQ(one, two);
+        EXPECT_EQ(0, XmlSerializer::parallelSaves() - before) << "the full disk was met on two threads";
+        EXPECT_EQ(QStringList(), QDir(full).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
+        return;
+    }
+    graphMake(3000);
+    EXPECT_EQ(saveFailing(file("no/such/folder/g.xml"), false), saveFailing(file("no/such/folder/g.xml"), true));
+
+    if (geteuid() != 0 || std::system("command -v unshare >/dev/null") != 0)
+        GTEST_SKIP() << "a private mount namespace needs root and unshare";
+    ASSERT_TRUE(QDir().mkpath(file("full")));
+    QProcess child;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("KS_XML_FULL_ROOT", file("full"));
+    child.setProcessEnvironment(env);
+    child.setStandardOutputFile(QProcess::nullDevice());
+    child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    child.start("unshare", {"-m", "sh", "-c", "mount -t tmpfs -o size=64k ksfull \"$KS_XML_FULL_ROOT\" || exit 99; exec \"$@\"",
+                            "sh", QCoreApplication::applicationFilePath(),
+                            "--gtest_filter=XmlSerializerParallelTest.AFailedSaveReportsAsTheOrdinaryOneAndLeavesNothing"});
+    ASSERT_TRUE(child.waitForFinished(120000));
+    if (child.exitCode() == 99)
+        GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(QProcess::NormalExit, child.exitStatus());
+    EXPECT_EQ(0, child.exitCode()) << "the child run's checks failed";
 }
