@@ -126,8 +126,7 @@ protected:
         EXPECT_TRUE(one == two) << "one thread:\n"
                                 << one.printed << one.pool.size() << " resources, " << one.reports.size()
                                 << " reports\ntwo threads:\n"
-                                << two.printed << two.pool.size() << " resources, " << two.reports.size()
-                                << " reports";
+                                << two.printed << two.pool.size() << " resources, " << two.reports.size() << " reports";
         for (size_t i = 0; i < std::min(one.pool.size(), two.pool.size()); ++i)
             if (one.pool[i] != two.pool[i])
             {
@@ -259,8 +258,7 @@ TEST_F(XmlSerializerParallelTest, ALargeGraphIsSavedToTheSameBytesAndLoadedToThe
     EXPECT_TRUE(loadsAlike(file("one.xml")));
     const Outcome loaded = load(file("one.xml"), true);
     ASSERT_EQ(static_cast<size_t>(count), loaded.pool.size());
-    EXPECT_NE(std::string::npos, loaded.pool[1].find("Name=Big a&b<c>\"q\" 'r' ]]> \t tab\nline\r"))
-        << loaded.pool[1];
+    EXPECT_NE(std::string::npos, loaded.pool[1].find("Name=Big a&b<c>\"q\" 'r' ]]> \t tab\nline\r")) << loaded.pool[1];
 }
 
 TEST_F(XmlSerializerParallelTest, TheRootsDeclarationEncodingAndAttributesCarryIntoTheSecondHalf)
@@ -329,7 +327,8 @@ TEST_F(XmlSerializerParallelTest, ASplitThatCouldMisleadFallsBackToTheOrdinaryRe
                         directories(60, 20) + "</Deploy>\n"},
         {"nested", head + directories(0, 20) + "    <Deploy>\n" + inner + "    </Deploy>\n" + directories(20, 20) +
                        "</Deploy>\n"},
-        {"unknown element", head + directories(0, 40) + "    <ResourceNothing/>\n" + directories(40, 40) + "</Deploy>\n"},
+        {"unknown element",
+         head + directories(0, 40) + "    <ResourceNothing/>\n" + directories(40, 40) + "</Deploy>\n"},
         {"unknown attribute",
          head + directories(0, 40) + "    <ResourceFileDirectory Nme=\"x\"/>\n" + directories(40, 40) + "</Deploy>\n"},
         {"odd values", head + directories(0, 40) +
@@ -393,9 +392,10 @@ TEST_F(XmlSerializerParallelTest, AFailedSaveReportsAsTheOrdinaryOneAndLeavesNot
     child.setProcessEnvironment(env);
     child.setStandardOutputFile(QProcess::nullDevice());
     child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    child.start("unshare", {"-m", "sh", "-c", "mount -t tmpfs -o size=64k ksfull \"$KS_XML_FULL_ROOT\" || exit 99; exec \"$@\"",
-                            "sh", QCoreApplication::applicationFilePath(),
-                            "--gtest_filter=XmlSerializerParallelTest.AFailedSaveReportsAsTheOrdinaryOneAndLeavesNothing"});
+    child.start("unshare",
+                {"-m", "sh", "-c", "mount -t tmpfs -o size=64k ksfull \"$KS_XML_FULL_ROOT\" || exit 99; exec \"$@\"",
+                 "sh", QCoreApplication::applicationFilePath(),
+                 "--gtest_filter=XmlSerializerParallelTest.AFailedSaveReportsAsTheOrdinaryOneAndLeavesNothing"});
     ASSERT_TRUE(child.waitForFinished(120000));
     if (child.exitCode() == 99)
         GTEST_SKIP() << "no private mount namespace here";

@@ -371,8 +371,7 @@ McResult XmlSerializer::serialize(const QString& inPath, const McDArray<McHandle
     qint64 secondStart = 0;
     bool secondWritten = false;
     XmlSerializer other;
-    std::thread worker(
-        [&] { secondWritten = other.partWrite(inResources, middle, count, secondBuffer, secondStart); });
+    std::thread worker([&] { secondWritten = other.partWrite(inResources, middle, count, secondBuffer, secondStart); });
     qint64 firstStart = 0;
     XmlSerializer writer;
     const bool firstWritten = writer.partWrite(inResources, 0, middle, d->mSaveFile, firstStart);
