@@ -2,6 +2,7 @@
 // which the unit tests replay.
 #include "Engine.h"
 #include "Resource.h"
+#include "ResourceFactory.h"
 #include "XmlSerializer.h"
 
 #include <QCoreApplication>
@@ -10,11 +11,38 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <vector>
 
 namespace
 {
 bool ignoreFailure(const McResult&) { return true; }
 void ignoreContract(DbCEventType, const char*, const char*, unsigned int, const char*, const char*) {}
+
+// Loads the file and says what came of it: each resource's class, name and links.
+std::vector<QString> loadOnce(const QString& inPath)
+{
+    McDArray<McHandle<KsDeploy::Resource>> loaded;
+    KsDeploy::XmlSerializer serializer;
+    serializer.deserialize(inPath, loaded);
+    std::vector<QString> seen;
+    for (int64_t i = 0; i < loaded.size(); ++i)
+    {
+        // Touch what was loaded the way the engine would.
+        (void)loaded[i]->path();
+        QString line = KsDeploy::ResourceFactory::className(loaded[i].ptr()) + QLatin1Char(' ') + loaded[i]->name();
+        for (const McHandle<KsDeploy::Link>& l : loaded[i]->links())
+            line += QLatin1Char(' ') + l->name() + QLatin1Char('>') + l->target().name();
+        seen.push_back(line);
+    }
+    // Links may form cycles that reference counting alone never frees; break them first.
+    for (int64_t i = 0; i < loaded.size(); ++i)
+        loaded[i]->linkRemoveTo(nullptr);
+    loaded.clear();
+    KsDeploy::Engine::instance().resourceUnregisterAll();
+    return seen;
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* inData, size_t inSize)
@@ -41,16 +69,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* inData, size_t inSize)
         return 0;
     f.write(reinterpret_cast<const char*>(inData), static_cast<qint64>(inSize));
     f.close();
-    McDArray<McHandle<KsDeploy::Resource>> loaded;
-    KsDeploy::XmlSerializer serializer;
-    serializer.deserialize(path, loaded);
-    // Touch what was loaded the way the engine would.
-    for (int64_t i = 0; i < loaded.size(); ++i)
-        (void)loaded[i]->path();
-    // Links may form cycles that reference counting alone never frees; break them first.
-    for (int64_t i = 0; i < loaded.size(); ++i)
-        loaded[i]->linkRemoveTo(nullptr);
-    loaded.clear();
-    KsDeploy::Engine::instance().resourceUnregisterAll();
+    // Read on two threads (whatever the size) and on one: both must leave the same resources.
+    KsDeploy::XmlSerializer::parallelLoadBytesSet(0);
+    const std::vector<QString> two = loadOnce(path);
+    KsDeploy::XmlSerializer::parallelLoadBytesSet(std::numeric_limits<int64_t>::max());
+    const std::vector<QString> one = loadOnce(path);
+    if (one != two)
+        std::abort();
     return 0;
 }

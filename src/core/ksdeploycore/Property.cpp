@@ -47,6 +47,16 @@ bool propertyFromText(QStringView inText, BufferID& outValue)
     return true;
 }
 
+bool propertyFromExactText(QStringView inText, BufferID& outValue)
+{
+    bool ok = false;
+    const BufferID parsed = BufferID::fromString(inText, &ok);
+    if (!ok)
+        return false;
+    outValue = parsed;
+    return true;
+}
+
 namespace
 {
 // Value of each lower-case hexadecimal digit, 16 for every other character below 128.

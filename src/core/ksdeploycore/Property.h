@@ -20,6 +20,9 @@ public:
 
     virtual QString read(const OBJ_BASE* inObject) const = 0;
     virtual void write(OBJ_BASE* inObject, QStringView inText) const = 0;
+    // Writes only a text in exactly the form the writer writes; false for any other, with the
+    // value left alone and nothing reported (a reader off the engine's thread reports nothing).
+    virtual bool writeExact(OBJ_BASE* inObject, QStringView inText) const = 0;
     virtual void copyValue(OBJ_BASE* inObjectDst, const OBJ_BASE* inObjectSrc) const = 0;
 
     // Listing order: ascending order, then name (case-sensitive).
@@ -43,6 +46,14 @@ bool propertyFromText(QStringView inText, QString& outValue);
 bool propertyFromText(QStringView inText, bool& outValue);
 bool propertyFromText(QStringView inText, QUuid& outValue);
 bool propertyFromText(QStringView inText, BufferID& outValue);
+// The same, false instead of a report for a text the writer never writes. A type whose reader
+// accepts only such texts needs none of its own.
+template <class T>
+bool propertyFromExactText(QStringView inText, T& outValue)
+{
+    return propertyFromText(inText, outValue);
+}
+bool propertyFromExactText(QStringView inText, BufferID& outValue);
 
 template <class OBJ_BASE, class OBJ, class T>
 class Property : public PropertyBase<OBJ_BASE>
@@ -84,6 +95,16 @@ public:
         }
         MC_ASSERT(inObject!=0);
         store(obj, value);
+    }
+
+    bool writeExact(OBJ_BASE* inObject, QStringView inText) const override
+    {
+        OBJ* obj = dynamic_cast<OBJ*>(inObject);
+        T value{};
+        if (!obj || !propertyFromExactText(inText, value))
+            return false;
+        store(obj, value);
+        return true;
     }
 
     void copyValue(OBJ_BASE* inObjectDst, const OBJ_BASE* inObjectSrc) const override

@@ -11,12 +11,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 
 using namespace KsDeploy;
 
 namespace
 {
 std::atomic<uint64_t> sPathGeneration{1};
+// Set on a thread whose resources the caller registers later.
+thread_local bool sPoolEntryDeferred = false;
 }
 
 uint64_t KsDeploy::pathGeneration() { return sPathGeneration.load(std::memory_order_relaxed); }
@@ -24,6 +27,9 @@ void KsDeploy::pathGenerationBump() { sPathGeneration.fetch_add(1, std::memory_o
 
 Resource::Resource() : mUuid(identityTake())
 {
+    // Unregistered, nothing holds it yet: the maker's handle is its first.
+    if (sPoolEntryDeferred)
+        return;
     if (Engine::instanceAvailable())
     {
         McHandle<Resource> self(this);
@@ -31,6 +37,8 @@ Resource::Resource() : mUuid(identityTake())
     }
     MC_ASSERT(refCount()>0);
 }
+
+void Resource::poolEntryDeferSet(bool inDefer) { sPoolEntryDeferred = inDefer; }
 
 // A copy is a new node: its own identity, no links, and its own place in the pool.
 Resource::Resource(const Resource& inOther)
@@ -245,7 +253,10 @@ QString Resource::path() const { return QString(); }
 void KsDeploy::propertyTableInsert(Resource::PropertyTable& inoutTable, const char* inName,
                                    PropertyBase<Resource>* inProperty)
 {
+    // Classes' tables may first be asked for on two reading threads at once.
+    static std::mutex sOwnedLock;
     static std::vector<std::unique_ptr<PropertyBase<Resource>>> sOwned;
+    const std::lock_guard<std::mutex> lock(sOwnedLock);
     sOwned.emplace_back(inProperty);
     inoutTable.insert(QString::fromLatin1(inName), inProperty);
 }

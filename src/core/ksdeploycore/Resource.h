@@ -74,6 +74,10 @@ public:
     // it (and enters the pool under it) instead of drawing a random one, which costs more than
     // the rest of making it. Null clears an identity not taken.
     static void identityNextSet(const QUuid& inUuid);
+    // While set, resources made on this thread stay out of the pool until the caller registers
+    // them: a reader working beside the engine's thread must not touch the pool, and the pool
+    // takes them in file order afterwards.
+    static void poolEntryDeferSet(bool inDefer);
     bool absence() const { return mAbsence; }
     void absenceSet(bool inAbsence) { mAbsence = inAbsence; }
     bool deleteOnUninstall() const { return mDeleteOnUninstall; }

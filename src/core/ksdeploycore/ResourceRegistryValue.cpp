@@ -54,6 +54,16 @@ bool propertyFromText(QStringView inText, ResourceRegistryValue::Type& outValue)
     outValue = ResourceRegistryValue::String2Type(inText.toString());
     return true;
 }
+bool propertyFromExactText(QStringView inText, ResourceRegistryValue::Type& outValue)
+{
+    for (int i = ResourceRegistryValue::TYPE_NONE; i <= ResourceRegistryValue::TYPE_QWORD; ++i)
+        if (inText == QLatin1String(sTypeNames[i]))
+        {
+            outValue = static_cast<ResourceRegistryValue::Type>(i);
+            return true;
+        }
+    return false;
+}
 }
 
 const Resource::PropertyTable& ResourceRegistryValue::properties() const

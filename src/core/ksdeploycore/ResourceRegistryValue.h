@@ -73,4 +73,5 @@ private:
 
 QString propertyToText(ResourceRegistryValue::Type inValue);
 bool propertyFromText(QStringView inText, ResourceRegistryValue::Type& outValue);
+bool propertyFromExactText(QStringView inText, ResourceRegistryValue::Type& outValue);
 }

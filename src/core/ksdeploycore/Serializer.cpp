@@ -45,12 +45,6 @@ QString unresolvedText(const Resource* inFound, const QUuid& inUuid)
 
 McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resource>>& inoutResources)
 {
-    struct PendingLink
-    {
-        QUuid source;
-        QUuid target;
-        QString name;
-    };
     McResult retVal = openDocument(inPath, true);
     if (retVal.isOk())
     {
@@ -76,30 +70,40 @@ McResult Serializer::deserialize(const QString& inPath, McDArray<McHandle<Resour
             if (r.isNotNull())
                 inoutResources.append(r);
         }
-        // Resolved against the whole pool once all is read: a link may point forward, or elsewhere.
-        Engine& engine = Engine::instance();
-        for (const PendingLink& l : links)
-        {
-            Resource* source = engine.resource(l.source);
-            McResult report;
-            MC_CHECK_TEXT(report, source != nullptr, "false", unresolvedText(source, l.source));
-            // Both ends are looked up and reported, even when the source is already missing: a
-            // broken file is told whole.
-            Resource* target = engine.resource(l.target);
-            MC_CHECK_TEXT(report, target != nullptr, "false", unresolvedText(target, l.target));
-            if (source && target)
-                source->linkAdd(*target, l.name);
-        }
+        linksResolve(links);
     }
     closeDocument();
+    loadTrace(inPath, inoutResources);
+    return retVal;
+}
+
+void Serializer::linksResolve(const std::vector<PendingLink>& inLinks)
+{
+    // Resolved against the whole pool once all is read: a link may point forward, or elsewhere.
+    Engine& engine = Engine::instance();
+    for (const PendingLink& l : inLinks)
+    {
+        Resource* source = engine.resource(l.source);
+        McResult report;
+        MC_CHECK_TEXT(report, source != nullptr, "false", unresolvedText(source, l.source));
+        // Both ends are looked up and reported, even when the source is already missing: a
+        // broken file is told whole.
+        Resource* target = engine.resource(l.target);
+        MC_CHECK_TEXT(report, target != nullptr, "false", unresolvedText(target, l.target));
+        if (source && target)
+            source->linkAdd(*target, l.name);
+    }
+}
+
+void Serializer::loadTrace(const QString& inPath, const McDArray<McHandle<Resource>>& inResources)
+{
     int64_t linkCount = 0;
-    for (int64_t i = 0; i < inoutResources.size(); ++i)
-        if (inoutResources[i].isNotNull())
-            linkCount += inoutResources[i]->linkCount();
+    for (int64_t i = 0; i < inResources.size(); ++i)
+        if (inResources[i].isNotNull())
+            linkCount += inResources[i]->linkCount();
     Engine::instance().trace(
         McLogLevelInfo,
-        QStringLiteral("load: %1 [res: %2, lnk: %3]").arg(inPath).arg(inoutResources.size()).arg(linkCount));
-    return retVal;
+        QStringLiteral("load: %1 [res: %2, lnk: %3]").arg(inPath).arg(inResources.size()).arg(linkCount));
 }
 
 McResult Serializer::writeLinks(const Resource& inResource)

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QUuid>
 
+#include <vector>
+
 namespace KsDeploy
 {
 class Resource;
@@ -31,7 +33,18 @@ public:
     virtual McResult writeResource(const McHandle<Resource>& inResource) = 0;
     virtual McResult writeLink(const QUuid& inSource, const QUuid& inTarget, const QString& inName) = 0;
 
-private:
+protected:
+    // A link as read, resolved once the whole file is in the pool.
+    struct PendingLink
+    {
+        QUuid source;
+        QUuid target;
+        QString name;
+    };
+    // Links every pending link whose ends are in the pool, reporting each end that is not.
+    static void linksResolve(const std::vector<PendingLink>& inLinks);
+    // The closing trace of a load: what the file gave.
+    static void loadTrace(const QString& inPath, const McDArray<McHandle<Resource>>& inResources);
     McResult writeLinks(const Resource& inResource);
 };
 }

@@ -31,7 +31,9 @@ XmlSerializer& XmlSerializer::operator=(const XmlSerializer&) { return *this; }
 McResult XmlSerializer::deserialize(const QString& inPath, McDArray<McHandle<Resource>>& inoutResources)
 {
     const int64_t first = inoutResources.size();
-    McResult retVal = Serializer::deserialize(inPath, inoutResources);
+    McResult retVal;
+    if (!deserializeParallel(inPath, inoutResources))
+        retVal = Serializer::deserialize(inPath, inoutResources);
     // Judged once the links are resolved: only then is it known which folder or key is a root.
     bool refused = false;
     for (int64_t i = first; i < inoutResources.size(); ++i)
@@ -139,6 +141,11 @@ McResult XmlSerializer::readResource(McHandle<Resource>& outResource)
     McResult retVal;
     MC_DBC_TEXT(DbCCheck, !d->mReader.atEnd(), "!d->mReader.atEnd()");
     outResource = d->resourceMake(elementName());
+    if (outResource.isNull() && d->mQuiet)
+    {
+        d->mDoubt = true;
+        return retVal;
+    }
     if (outResource.isNull())
     {
         MC_DBC_TEXT(DbCCheck, false, "outResource.isNotNull()");
@@ -151,6 +158,11 @@ McResult XmlSerializer::readResource(McHandle<Resource>& outResource)
     {
         const QStringView name = a.name();
         PropertyBase<Resource>* prop = props.value(QString::fromRawData(name.data(), name.size()), nullptr);
+        if (!prop && d->mQuiet)
+        {
+            d->mDoubt = true;
+            return retVal;
+        }
         McResult unknown;
         if (!prop && MC_CHECK(unknown, prop!=0, QStringLiteral("unknown attribute [%1]").arg(name)))
             continue;

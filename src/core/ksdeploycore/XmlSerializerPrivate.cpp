@@ -57,12 +57,15 @@ McHandle<Resource> XmlSerializer::Private::resourceMake(const QString& inClassNa
 }
 
 void XmlSerializer::Private::propertyWrite(const PropertyBase<Resource>* inProperty, Resource* inResource,
-                                           const QXmlStreamAttribute& inAttribute) const
+                                           const QXmlStreamAttribute& inAttribute)
 {
     const QStringView value = inAttribute.value();
     if (mIdentityText && value.data() == mIdentityText)
         return;
-    inProperty->write(inResource, value);
+    if (mQuiet)
+        mDoubt = mDoubt || !inProperty->writeExact(inResource, value);
+    else
+        inProperty->write(inResource, value);
 }
 
 void XmlSerializer::Private::writeBegin()

@@ -36,6 +36,10 @@ struct XmlSerializer::Private
     // Where the reader holds the text of the identity the current resource was made with.
     const QChar* mIdentityText = nullptr;
     bool mWriting = false;
+    // A reader of one part of a file, beside the engine's thread, reports nothing: whatever the
+    // whole reading would report sets mDoubt instead, and the file is read again as a whole.
+    bool mQuiet = false;
+    bool mDoubt = false;
 
     QString nameOf(QStringView inName);
     const ClassForm& formOf(const Resource* inResource);
@@ -44,7 +48,7 @@ struct XmlSerializer::Private
     // Writes an attribute into its property, unless it is the identity the resource was made
     // with (which it would only read again).
     void propertyWrite(const PropertyBase<Resource>* inProperty, Resource* inResource,
-                       const QXmlStreamAttribute& inAttribute) const;
+                       const QXmlStreamAttribute& inAttribute);
     // Attaches the writer to mSaveFile and writes the declaration; detaches it at the end.
     void writeBegin();
     void writeEnd();
