@@ -10,6 +10,7 @@
 #include <random>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace KsBench
@@ -105,6 +106,19 @@ std::string scratchDir(const std::string& inName)
         std::atexit(&removeScratch);
     sScratch.push_back(dir);
     return dir;
+}
+
+void settleRemovedFiles()
+{
+    ::sync();
+    long centiseconds = 3000;
+    if (FILE* f = std::fopen("/proc/sys/vm/dirty_expire_centisecs", "r"))
+    {
+        if (std::fscanf(f, "%ld", &centiseconds) != 1)
+            centiseconds = 3000;
+        std::fclose(f);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(centiseconds * 10 + 2000));
 }
 
 void makeFile(const std::string& inPath, unsigned long long inBytes, bool inCompressible, unsigned inSeed)

@@ -28,6 +28,11 @@ Timed call(const std::function<void()>& inWork);
 
 // A scratch folder under $KSDEPLOY_BENCH_DIR or the system temp folder, removed at exit.
 std::string scratchDir(const std::string& inName);
+// Flushes and waits until files removed so far are older than the kernel's write-back expiry.
+// ext4 without a journal passes over inodes freed more recently than that whenever it makes a
+// file, at a cost that depends on the folder's block group: a row of many new files that follows
+// a row which removed many would otherwise time that, differently for each side's folder.
+void settleRemovedFiles();
 // Writes inBytes pseudo-random (inCompressible: text-like) bytes.
 void makeFile(const std::string& inPath, unsigned long long inBytes, bool inCompressible, unsigned inSeed = 1);
 // True when KSDEPLOY_BENCH_QUICK is set: every program shrinks its data.

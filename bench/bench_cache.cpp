@@ -241,6 +241,8 @@ std::vector<KsBench::Result> benchHttpItems(const std::string& inDir, int inItem
         // creates one, which would charge one side for what the other removed.
         int run = 0;
         std::string out;
+        // After the rows before, or this row's last kind, removed their files.
+        KsBench::settleRemovedFiles();
         KsBench::Comparison c;
         c.row = "retrieve " + std::to_string(inItems) + " x 16 KiB, " + (packed ? ".lzma published" : "plain only");
         c.target = 1.0;
