@@ -10,8 +10,8 @@
 #include <QThread>
 
 #include <set>
-#include <vector>
 #include <unistd.h>
+#include <vector>
 
 using QxBase::File;
 using QxBase::NamelessFilePool;

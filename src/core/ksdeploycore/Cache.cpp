@@ -183,9 +183,9 @@ void fetchPacked(Fetch& inoutFetch)
         // A broken copy is not a failure yet: the plain file may still be right. Decoded straight
         // into our temporary name, hashed on the way.
         McLib::MD5 decodedMd5;
-        const McResult unpacked =
-            f.first.inMemory ? bufferUncompressBounded(f.decoded, f.first.body, &sReserve, &decodedMd5, true)
-                             : fileUncompressBounded(f.decoded, f.compressed, &sReserve, &decodedMd5, true);
+        const McResult unpacked = f.first.inMemory
+                                      ? bufferUncompressBounded(f.decoded, f.first.body, &sReserve, &decodedMd5, true)
+                                      : fileUncompressBounded(f.decoded, f.compressed, &sReserve, &decodedMd5, true);
         f.got.done = unpacked.isOk();
         f.packedWhy = QString::fromLatin1(unpacked.text());
         if (*unpacked.detail())

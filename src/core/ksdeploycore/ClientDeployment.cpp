@@ -287,8 +287,8 @@ void ClientDeployment::cacheSeed()
         seed.executable = entry->isExecutable();
         QxBase::FileStamp now;
         const bool stamped = QxBase::File::stampOf(seed.installed, now);
-        const auto at = record.isEmpty() || !stamped ? record.constEnd()
-                                                     : record.constFind(qMakePair(now.device, now.inode));
+        const auto at =
+            record.isEmpty() || !stamped ? record.constEnd() : record.constFind(qMakePair(now.device, now.inode));
         if (at != record.constEnd() && at->size == now.size && at->mtimeNs == now.mtimeNs)
         {
             seed.known = true;

@@ -91,10 +91,10 @@ void KsDeploy::installedFileTag(const QString& inFilePath, const McLib::MD5& inM
                                          inStamp.mtimeNs);
 }
 
-bool KsDeploy::installedFileTagged(const std::string& inLocalPath, const QxBase::FileStamp& inStamp,
-                                   McLib::MD5& outMd5)
+bool KsDeploy::installedFileTagged(const std::string& inLocalPath, const QxBase::FileStamp& inStamp, McLib::MD5& outMd5)
 {
-    return inStamp.size >= 0 && KsPlatform::FileDigestTag::read(inLocalPath, inStamp.size, inStamp.mtimeNs, outMd5.data());
+    return inStamp.size >= 0 &&
+           KsPlatform::FileDigestTag::read(inLocalPath, inStamp.size, inStamp.mtimeNs, outMd5.data());
 }
 
 bool KsDeploy::scanFileSeen(const QString& inFilePath) { return memo().contains(inFilePath); }

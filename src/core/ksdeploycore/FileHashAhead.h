@@ -17,7 +17,8 @@ namespace KsDeploy
 // stays on this thread, in its order, with its progress and its messages. The walk calls
 // record(i) before it needs file i, which waits for that digest and puts it in scanFile's memo.
 // A file the workers could not read or that changed meanwhile is left out; scanFile then reads
-// it again and says why. A file already in the memo is not hashed ahead at all. A pending interrupt makes the workers skip what is left.
+// it again and says why. A file already in the memo is not hashed ahead at all. A pending interrupt makes the workers
+// skip what is left.
 class FileHashAhead
 {
 public:

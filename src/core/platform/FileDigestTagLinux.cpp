@@ -30,8 +30,7 @@ int64_t numberAt(const unsigned char* inAt)
 }
 }
 
-Status FileDigestTag::write(const std::string& inPath, const unsigned char* inDigest, int64_t inSize,
-                            int64_t inMtimeNs)
+Status FileDigestTag::write(const std::string& inPath, const unsigned char* inDigest, int64_t inSize, int64_t inMtimeNs)
 {
     unsigned char value[sValueBytes];
     std::memcpy(value, sMark, sizeof(sMark));

@@ -1,8 +1,8 @@
 #pragma once
 #include "McMD5.h"
 #include "QxDiskReserve.h"
-#include "QxNamelessFilePool.h"
 #include "QxGlobal.h"
+#include "QxNamelessFilePool.h"
 
 #include <QByteArray>
 #include <QString>
