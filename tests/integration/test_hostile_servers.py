@@ -64,18 +64,24 @@ class HostileServerTest(ksharness.KsTestCase):
         }
         for name, data in self.files.items():
             self.write("app/" + name, data)
-        items = self.path("www", "items")
-        os.makedirs(items)
-        r = self.run_ks("--generate", "type=directory", "path=" + self.path("app"), "name=${TARGET}",
-                        "product=App", "--save", "target=" + self.path("www", "1.xml"),
-                        "--cache", "action=precache", "dir=" + self.path("app"), "compress=true",
-                        "targetdir=" + items)
-        self.assertOk(r)
+        items = self.publish("app", "www")
         # Plain copies beside the packed ones, so that fallbacks have something to find.
         for data in self.files.values():
             with open(os.path.join(items, md5(data)), "wb") as f:
                 f.write(data)
         self.big = md5(self.files["big.bin"])
+
+    def publish(self, app, www):
+        """Describes folder `app` as www/1.xml and publishes its items with .lzma copies in
+        www/items, which it returns."""
+        items = self.path(www, "items")
+        os.makedirs(items)
+        r = self.run_ks("--generate", "type=directory", "path=" + self.path(app), "name=${TARGET}",
+                        "product=App", "--save", "target=" + self.path(www, "1.xml"),
+                        "--cache", "action=precache", "dir=" + self.path(app), "compress=true",
+                        "targetdir=" + items)
+        self.assertOk(r)
+        return items
 
     def install(self, *bases, tmp=None, env=None):
         """Runs an install under /usr/bin/time with a fresh cache (in `tmp`, else a new folder) and
@@ -248,13 +254,7 @@ class HostileServerTest(ksharness.KsTestCase):
         # body outgrows memory while it arrives and goes on in a file. No plain copy to fall back on.
         data = os.urandom(1536 * 1024) + bytes(1536 * 1024)
         self.write("large/large.bin", data)
-        items = self.path("www-large", "items")
-        os.makedirs(items)
-        r = self.run_ks("--generate", "type=directory", "path=" + self.path("large"), "name=${TARGET}",
-                        "product=App", "--save", "target=" + self.path("www-large", "1.xml"),
-                        "--cache", "action=precache", "dir=" + self.path("large"), "compress=true",
-                        "targetdir=" + items)
-        self.assertOk(r)
+        items = self.publish("large", "www-large")
         self.assertEqual([md5(data) + ".lzma"], os.listdir(items))
         self.assertGreater(os.path.getsize(os.path.join(items, md5(data) + ".lzma")), 1 << 20)
         target = self.path("target-large")
