@@ -160,6 +160,14 @@ protected:
         ASSERT_TRUE(QFile::remove(p("publish/" + BufferID(scanFile(p("v1/lib/common.bin"))).toString() + ".lzma")));
     }
 
+    // Runs an update that must fail; what it printed (the failure's two console lines).
+    static std::string runFailing(ClientDeployment& inOut)
+    {
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(inOut.run().isBad());
+        return testing::internal::GetCapturedStdout();
+    }
+
     static bool said(const KsTest::LogRecorder& inLog, const std::string& inPart)
     {
         for (const KsTest::LogLine& l : inLog.lines())
@@ -200,9 +208,7 @@ protected:
         ClientDeployment d;
         setUp(d);
         KsTest::FailureRecorder failures;
-        testing::internal::CaptureStdout();
-        EXPECT_TRUE(d.run().isBad());
-        const std::string out = testing::internal::GetCapturedStdout();
+        const std::string out = runFailing(d);
         EXPECT_NE(std::string::npos, out.find("Automatic update has failed.\nPlease install manually.\n"));
         EXPECT_EQ(ClientDeployment::Outcome::Unchanged, d.outcome());
         EXPECT_TRUE(hasFailure(failures, inReason)) << inReason;
@@ -299,9 +305,7 @@ TEST_F(ClientDeploymentTest, UpdatesFromTheOldFolderAndTheServerAndKeepsThePrevi
     setUp(third);
     KsTest::LogRecorder thirdLog;
     KsTest::FailureRecorder failures;
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(third.run().isBad());
-    testing::internal::GetCapturedStdout();
+    runFailing(third);
     EXPECT_TRUE(said(thirdLog, "update: 0 unchanged files taken from"));
     EXPECT_EQ(QByteArray(QFileInfo(p("v1/lib/common.bin")).size(), 'x'), KsTest::readFile(app() + "/lib/common.bin"));
 }
@@ -313,9 +317,7 @@ TEST_F(ClientDeploymentTest, ANewClientThatFailsItsStartIsReplacedByTheOldOne)
     setUp(d);
     KsTest::FailureRecorder failures;
     KsTest::LogRecorder log;
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(d.run().isBad());
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Automatic update has failed."));
+    EXPECT_NE(std::string::npos, runFailing(d).find("Automatic update has failed."));
     EXPECT_EQ(ClientDeployment::Outcome::RolledBack, d.outcome());
     EXPECT_TRUE(hasFailure(failures, "the new client failed to start: '" + app().toStdString() +
                                          "/bin/ksclient' ended with status 3 within 10000 ms"));
@@ -635,9 +637,7 @@ TEST_F(ClientDeploymentTest, AFailedInUseCheckStopsTheInstallBeforeAnyChange)
     setUp(d);
     KsTest::LogRecorder log;
     KsTest::FailureRecorder failures;
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(d.run().isBad());
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Automatic update has failed."));
+    EXPECT_NE(std::string::npos, runFailing(d).find("Automatic update has failed."));
     kill(static_cast<pid_t>(holder.processId()), SIGKILL);
     int code = 0;
     holder.waitForExit(code);
@@ -668,9 +668,7 @@ TEST_F(ClientDeploymentTest, AnInstallUndoneAfterTheExchangePutsTheOldVersionBac
     ClientDeployment d;
     setUp(d);
     KsTest::FailureRecorder failures;
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(d.run().isBad());
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Automatic update has failed."));
+    EXPECT_NE(std::string::npos, runFailing(d).find("Automatic update has failed."));
     sHookOnInstall = nullptr;
     EXPECT_EQ("pre Client.staging | install Client.staging | post(failed) Client.staging",
               sHookCalls.join(" | ").toStdString());
